@@ -1,0 +1,68 @@
+// RSSI collection and reporting cycle, AP-to-AP relay and station owners.
+#pragma once
+#include <stddef.h>
+#include <stdint.h>
+
+#include "ltr_mgt.h"
+
+#define LTR_EVT_OWNER_QUERY 156
+#define LTR_EVT_OWNER_REPLY 157
+#define LTR_OWNER_QUERY_CODE 302
+#define LTR_BAND_BOUNDARY 4000
+#define LTR_LOCAL_HORIZON 60
+
+// AP-to-AP message header; big-endian except src_ip (network order, as held).
+struct ltr_lta_msg {
+    uint32_t type;
+    uint32_t src_ip;
+    uint16_t len; // payload bytes
+    uint16_t reserved;
+} __attribute__((packed));
+static_assert(sizeof(ltr_lta_msg) == 12);
+
+#define LTR_LTA_RSSI_RELAY 0u
+
+struct ltr_rssi_relay {
+    uint8_t sta_mac[6];
+    uint8_t ap_mac[6];
+    uint8_t active;
+    int8_t rssi;
+    uint16_t chan_freq; // big-endian
+} __attribute__((packed));
+static_assert(sizeof(ltr_rssi_relay) == 16);
+#define LTR_RELAY_MSG_LEN 28
+
+// Owner query (event 156), host order: code, count, then count MACs.
+struct ltr_owner_query_evt {
+    uint16_t code;
+    uint16_t count;
+} __attribute__((packed));
+static_assert(sizeof(ltr_owner_query_evt) == 4);
+
+// Owner reply (event 157), host order: count, then count records.
+struct ltr_owner_rec {
+    uint8_t mac[6];
+    uint32_t owner; // network order; 0 = none
+} __attribute__((packed));
+static_assert(sizeof(ltr_owner_rec) == 10);
+struct ltr_owner_reply_evt {
+    uint16_t count;
+} __attribute__((packed));
+static_assert(sizeof(ltr_owner_reply_evt) == 2);
+
+// Cycle.
+void ltr_rssi_cycle(qz_pmpt_timer_t *t, void *param);
+void ltr_set_rpt_interval(ltr_mgt *m, uint16_t interval); // lock held
+int ltr_report_all(ltr_mgt *m);                           // lock held
+int ltr_report_stations(ltr_mgt *m, const uint8_t *mlist, uint8_t nmac);
+
+// Relay.
+int ltr_relay_rssi(const uint8_t *sta_mac, const ltr_rssi_data *rssi, uint32_t owner_ip);
+int ltr_lta_msg_recv(void *ctx, int length, void *data);
+int ltr_relay_rssi_recv(ltr_lta_msg *msg_hdr);
+
+// Owners.
+int ltr_owner_query(const uint8_t *sta_arr, uint16_t count);
+void ltr_owner_check_timeout(qz_pmpt_timer_t *t, void *m);
+// evt holds at least 2 + 10 * count bytes (the event dispatcher checks it).
+int ltr_handle_owner_reply(const ltr_owner_reply_evt *evt);

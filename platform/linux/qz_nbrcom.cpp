@@ -1,0 +1,5 @@
+// Placeholder until this service lands: every call fails.
+#include "qz_nbrcom.h"
+int qz_hc_register(qz_hc_reg *) { return -1; }
+int qz_hc_unregister(void) { return -1; }
+int qz_hc3u_send(uint32_t, void *, int) { return -1; }

@@ -1,0 +1,130 @@
+// Internal API of the Linux platform runtime, shared by its services. The daemon
+// never includes this: it sees only the platform headers one folder up.
+#pragma once
+#include <stdarg.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <array>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "qz_dcd.h"
+
+// ---- Configuration (TOML at $QZ_PLATFORM_CONFIG, else /etc/qz/platform.toml) ----
+
+struct rt_radio_cfg {
+    std::string name;   // Linux interface name
+    std::string driver; // "sim" or "pcap"
+    bool access = true; // false: the radio offers no client access
+    std::string capture; // pcap: capture file or monitor interface
+    uint16_t freq = 0;   // sim: channel frequency in MHz (0: from the world file)
+};
+
+struct rt_config {
+    std::string path;              // the file read, or "" when none existed
+    std::string instance = "default";
+    std::string runtime_dir;       // default /run/qz/<instance>
+    bool foreground = false;
+    bool log_syslog = true;
+    std::string log_file;
+    bool log_stderr = false;
+    std::string mgt_interface = "mgt0";
+    std::optional<std::array<uint8_t, 6>> mgt_mac;
+    std::optional<uint32_t> mgt_ip; // network order
+    std::string server_address;     // host:port, "" = channel down
+    uint32_t server_queue_limit = 1 << 20;
+    uint16_t nb_port = 7421;
+    std::string nb_bind;            // IPv4 text; "" = the management IPv4
+    std::vector<std::string> nb_peers;
+    std::string nb_key_file;
+    std::vector<rt_radio_cfg> radios;
+    std::string sim_world;
+    uint64_t sim_seed = 1;
+    std::string owners_mode = "auto"; // "auto" or "external"
+    uint32_t owners_peer_timeout_ms = 300;
+    std::string store_dir; // "" = store paths as the daemon gives them
+    std::string shm_dir;   // unused by System V; reserved
+};
+
+// Parses a TOML file. On error returns false and sets err to "file:line: key: what".
+bool rt_config_parse(const std::string &path, rt_config &out, std::string &err);
+// The process's configuration, loaded on first use; a bad file ends the process with
+// status 1 after printing the error.
+const rt_config &rt_cfg();
+// Tests only: replace the process configuration.
+void rt_cfg_set(const rt_config &cfg);
+
+// ---- Logging: the one formatter, to syslog / file / stderr as configured ----
+
+// A runtime log line (the runtime's own errors and notices). severity: syslog level.
+void rt_log(int severity, const char *fmt, ...);
+void rt_vlog(int severity, const char *tag, const char *fmt, va_list ap);
+// Same line at most once per `seconds` per key; returns whether it was written.
+bool rt_log_ratelimited(const char *key, int seconds, int severity, const char *fmt, ...);
+
+// ---- Counters shown by the platform status command ----
+
+std::atomic<uint64_t> &rt_counter(const char *name);
+std::string rt_status_text(); // "name value\n" lines, sorted by name
+
+// ---- Stopping: SIGTERM / SIGINT end the event loop and the CLI agent ----
+
+bool rt_stopping();
+void rt_request_stop();
+// Blocks SIGTERM/SIGINT in the calling thread (call before creating threads) and
+// starts the thread that waits for them. Idempotent.
+void rt_signals_init();
+// Wakes when a stop is requested; returns true if stopping, false on timeout.
+bool rt_wait_stop(int timeout_ms);
+
+// ---- Event library internals ----
+
+// Queue a delivery for the event thread (payload copied).
+void rt_event_post(uint32_t id, const void *payload, int len);
+void rt_kevent_post(uint32_t id, const void *payload, int len);
+// Observers of qz_event_send (owner service, events.sock subscribers).
+typedef void (*rt_event_tap_fn)(uint32_t id, const void *payload, int len);
+void rt_event_add_send_tap(rt_event_tap_fn fn);
+
+// ---- Radios and drivers ----
+
+struct rt_radio;
+
+// One driver; each member may be null when the driver lacks the operation (the
+// call then fails). Results as the qz_dcd_* calls.
+struct rt_driver_ops {
+    const char *name;
+    int (*open)(rt_radio *r);  // 0 / negative
+    void (*close)(rt_radio *r);
+    int (*set_track_enable)(rt_radio *r, int enable);
+    int (*set_lmatch)(rt_radio *r, int value);
+    int (*set_trackobj)(rt_radio *r, const lta_trackobj *obj);
+    int (*get_rpt_tbl)(rt_radio *r, lta_rpt_entry *buf, int *count);
+    int (*get_one_sta)(rt_radio *r, const uint8_t *mac, void *buf, int buflen, int *len);
+    int (*get_stats)(rt_radio *r, lta_stats *stats);
+};
+
+struct rt_radio {
+    int id;              // position in the configuration
+    rt_radio_cfg cfg;
+    const rt_driver_ops *ops;
+    void *priv;          // the driver's state
+};
+
+extern const rt_driver_ops rt_driver_sim;
+// The driver registry: null for an unknown name.
+const rt_driver_ops *rt_driver_find(const std::string &name);
+
+// Radios of the configuration (opened by qz_dcd_lib_init).
+std::vector<rt_radio *> rt_radios();
+rt_radio *rt_radio_by_ifindex(int ifindex);
+rt_radio *rt_radio_by_name(const std::string &name);
+
+// The management interface's addresses (configured values win).
+int rt_mgt_mac(uint8_t mac[6]);
+int rt_mgt_ip(uint32_t *ip);
+
+// Path of a socket or file of this instance under runtime_dir.
+std::string rt_runtime_path(const char *name);

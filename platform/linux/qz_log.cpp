@@ -8,3 +8,4 @@ void __qz_err(const char *, int, const char *fmt, ...) { va_list ap; va_start(ap
 void qz_hexdump(const void *, int) {}
 int qz_register_debug_flag(const char *, const char *, uint32_t *, uint32_t) { return -1; }
 int qz_register_dbg_lib_flag(const char *, const char *, uint32_t *, uint32_t) { return -1; }
+int rt_debug_switch(const char *, const char *, bool) { return -1; }

@@ -88,6 +88,16 @@ void rt_kevent_post(uint32_t id, const void *payload, int len);
 typedef void (*rt_event_tap_fn)(uint32_t id, const void *payload, int len);
 void rt_event_add_send_tap(rt_event_tap_fn fn);
 
+// ---- Services started by qz_event_init (each idempotent, each on its own thread) ----
+
+void rt_srvchan_start(); // server channel (also started by the first send)
+void rt_owner_start();   // owner service; also opens neighbour messaging
+
+// ---- Debug categories registered through qz_register_debug_flag ----
+
+// Switches a registered category of module on or off; negative when unknown.
+int rt_debug_switch(const char *module, const char *category, bool on);
+
 // ---- Radios and drivers ----
 
 struct rt_radio;

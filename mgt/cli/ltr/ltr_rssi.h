@@ -50,6 +50,15 @@ struct ltr_owner_reply_evt {
 } __attribute__((packed));
 static_assert(sizeof(ltr_owner_reply_evt) == 2);
 
+// An RSSI change beyond the threshold. The difference wraps in 8 bits and its absolute
+// value stays signed, so a difference of 128 reads as -128 and never counts.
+inline bool ltr_rssi_moved(int8_t last, int8_t now, uint8_t threshold)
+{
+    int8_t d = (int8_t)(uint8_t)(last - now);
+    int8_t a = d < 0 ? (int8_t)(uint8_t)(-d) : d;
+    return a > threshold;
+}
+
 // Cycle.
 void ltr_rssi_cycle(qz_pmpt_timer_t *t, void *param);
 void ltr_set_rpt_interval(ltr_mgt *m, uint16_t interval); // lock held

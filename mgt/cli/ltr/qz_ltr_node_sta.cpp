@@ -1,12 +1,131 @@
-// Placeholder until this unit lands: every operation fails.
-#include "ltr_node.h"
-void ltr_sta_tbl_init(ltr_sta_tbl *, uint32_t) {}
-void ltr_sta_tbl_flush(ltr_sta_tbl *) {}
-ltr_sta *ltr_sta_find(ltr_sta_tbl *, const uint8_t *) { return nullptr; }
-ltr_sta *ltr_sta_add(ltr_sta_tbl *, const uint8_t *) { return nullptr; }
-void ltr_sta_del(ltr_sta *) {}
-void ltr_sta_del_bymac(ltr_sta_tbl *, const uint8_t *) {}
-ltr_rssi_entry *ltr_rssi_find(ltr_sta *, const uint8_t *) { return nullptr; }
-ltr_rssi_entry *ltr_rssi_add(ltr_sta *, const ltr_rssi_data *) { return nullptr; }
-void ltr_rssi_del(ltr_rssi_entry *) {}
-void ltr_rssi_flush(ltr_sta *) {}
+// Station table: stations hashed by the last MAC byte and listed in insertion order,
+// each with its readings (one per reporting access point), newest first.
+#define LTR_UNIT "qz_ltr_node"
+#include <string.h>
+
+#include "ltr_alloc.h"
+#include "ltr_mgt.h"
+
+static_assert(LTR_STA_HASH_SIZE == 32, "bucket index is the last MAC byte & 0x1f");
+
+static inline unsigned sta_bucket(const uint8_t *macaddr)
+{
+    return macaddr[5] & (LTR_STA_HASH_SIZE - 1);
+}
+
+void ltr_sta_tbl_init(ltr_sta_tbl *sta_tbl, uint32_t capacity)
+{
+    LTR_CHECK(sta_tbl != LTR_NULL);
+    memset((void *)sta_tbl, 0, sizeof(*sta_tbl));
+    ltr_tlist_init(sta_tbl->sta_list);
+    sta_tbl->max_sta = (int32_t)capacity;
+    sta_tbl->sta_cnt = 0;
+}
+
+void ltr_sta_tbl_flush(ltr_sta_tbl *sta_tbl)
+{
+    LTR_CHECK(sta_tbl != LTR_NULL);
+    for (ltr_sta *sta = sta_tbl->sta_list.first, *next; sta; sta = next) {
+        next = sta->list.next;
+        ltr_sta_del(sta);
+    }
+}
+
+ltr_sta *ltr_sta_find(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
+{
+    LTR_CHECK(sta_tbl != LTR_NULL && macaddr != LTR_NULL);
+    for (ltr_sta *sta = sta_tbl->hash[sta_bucket(macaddr)]; sta; sta = sta->hlink.next)
+        if (memcmp(sta->macaddr, macaddr, 6) == 0)
+            return sta;
+    return nullptr;
+}
+
+ltr_sta *ltr_sta_add(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
+{
+    LTR_CHECK(sta_tbl != LTR_NULL && macaddr != LTR_NULL);
+    if (sta_tbl->sta_cnt >= sta_tbl->max_sta) {
+        qz_log(0, 4, "the location node list is full (number: %d)\n", sta_tbl->max_sta);
+        return nullptr;
+    }
+    ltr_sta *sta = ltr_new<ltr_sta>();
+    if (!sta) {
+        qz_log(0, 4, "no free memory!\n");
+        return nullptr;
+    }
+    memcpy(sta->macaddr, macaddr, 6);
+    sta->max_rssi_cnt = LTR_RSSI_MAX;
+    sta->rssi_cnt = 0;
+    sta->rssi_list = nullptr;
+    ltr_tlist_append(sta_tbl->sta_list, sta, &ltr_sta::list);
+    ltr_list_push_front(&sta_tbl->hash[sta_bucket(macaddr)], sta, &ltr_sta::hlink);
+    sta->sta_tbl = sta_tbl;
+    sta_tbl->sta_cnt++;
+    return sta;
+}
+
+void ltr_sta_del(ltr_sta *sta)
+{
+    LTR_CHECK(sta != LTR_NULL);
+    ltr_rssi_flush(sta);
+    if (ltr_sta_tbl *tbl = sta->sta_tbl) {
+        ltr_tlist_unlink(tbl->sta_list, sta, &ltr_sta::list);
+        ltr_list_unlink(sta, &ltr_sta::hlink);
+        tbl->sta_cnt--;
+        sta->sta_tbl = nullptr;
+    }
+    ltr_delete(sta);
+}
+
+void ltr_sta_del_bymac(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
+{
+    LTR_CHECK(sta_tbl != LTR_NULL && macaddr != LTR_NULL);
+    if (ltr_sta *sta = ltr_sta_find(sta_tbl, macaddr))
+        ltr_sta_del(sta);
+}
+
+ltr_rssi_entry *ltr_rssi_find(ltr_sta *sta, const uint8_t *macaddr)
+{
+    LTR_CHECK(sta != LTR_NULL && macaddr != LTR_NULL);
+    for (ltr_rssi_entry *e = sta->rssi_list; e; e = e->link.next)
+        if (memcmp(e->rssi_data.ap_mac, macaddr, 6) == 0)
+            return e;
+    return nullptr;
+}
+
+ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data)
+{
+    LTR_CHECK(sta != LTR_NULL && rssi_data != LTR_NULL);
+    if (sta->rssi_cnt >= sta->max_rssi_cnt) {
+        qz_log(0, 4, "staion %m (max rssi cnt %d): no more node available for the rssi from ap %m!\n",
+               sta->macaddr, sta->max_rssi_cnt, rssi_data->ap_mac);
+        return nullptr;
+    }
+    ltr_rssi_entry *e = ltr_new<ltr_rssi_entry>();
+    if (!e) {
+        qz_log(0, 4, "no free memory!\n");
+        return nullptr;
+    }
+    memcpy(&e->rssi_data, rssi_data, sizeof(e->rssi_data));
+    e->sta = sta;
+    ltr_list_push_front(&sta->rssi_list, e, &ltr_rssi_entry::link);
+    sta->rssi_cnt++;
+    return e;
+}
+
+void ltr_rssi_del(ltr_rssi_entry *rssi_entry)
+{
+    LTR_CHECK(rssi_entry != LTR_NULL);
+    ltr_list_unlink(rssi_entry, &ltr_rssi_entry::link);
+    if (rssi_entry->sta)
+        rssi_entry->sta->rssi_cnt--;
+    ltr_delete(rssi_entry);
+}
+
+void ltr_rssi_flush(ltr_sta *sta)
+{
+    LTR_CHECK(sta != LTR_NULL);
+    for (ltr_rssi_entry *e = sta->rssi_list, *next; e; e = next) {
+        next = e->link.next;
+        ltr_rssi_del(e);
+    }
+}

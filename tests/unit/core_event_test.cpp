@@ -174,6 +174,8 @@ TEST_F(CoreEvent, InterfaceChangeTrace)
 
 TEST_F(CoreEvent, RadioUpFollowsTheSettings)
 {
+    ASSERT_EQ(ltr_track_list_init(), 0);
+    fake::clear_calls();
     // Disabled: only the switch, from enabled.
     cfg.lmatch = 0;
     ltr_handle_radio_up(4, 1);

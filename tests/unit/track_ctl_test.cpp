@@ -1,6 +1,7 @@
 // Driver tracking control: radio walks, store-first apply, bulk deletes, list match
 // with its purge, and stopping all tracking.
 #include "core_util.h"
+#include "ltr_alloc.h"
 #include "ltr_track.h"
 
 namespace {
@@ -66,16 +67,13 @@ TEST_F(TrackCtl, ApplyStoresFirstThenEveryRadio)
     }
     EXPECT_TRUE(fake::dbg_has("add oui a0b0.c000.0000 ok.\n"));
 
-    // A duplicate never reaches a radio.
+    // A store refusal (here: no memory for the object) never reaches a radio.
     fake::clear_calls();
-    EXPECT_EQ(ltr_apply_trackobj(kOui, LTR_TRACK_OUI, 1), -1);
+    ltr_alloc_fail_at = 1;
+    EXPECT_EQ(ltr_apply_trackobj(kMac, LTR_TRACK_MAC, 1), -1);
     EXPECT_EQ(fake::count("qz_dcd_set_lta_trackobj"), 0u);
-    EXPECT_TRUE(fake::dbg_has("add oui a0b0.c000.0000 fail.\n"));
-
-    // Nor does deleting what the list lacks.
-    EXPECT_EQ(ltr_apply_trackobj(kMac, LTR_TRACK_MAC, 0), -1);
-    EXPECT_EQ(fake::count("qz_dcd_set_lta_trackobj"), 0u);
-    EXPECT_TRUE(fake::dbg_has("del mac 0011.2233.4455 fail.\n"));
+    EXPECT_FALSE(in_list(kMac, LTR_TRACK_MAC));
+    EXPECT_TRUE(fake::dbg_has("add mac 0011.2233.4455 fail.\n"));
 
     fake::clear_calls();
     ASSERT_EQ(ltr_apply_trackobj(kOui, LTR_TRACK_OUI, 0), 0);

@@ -114,7 +114,11 @@ extern const ltr_engine_ops_t ltr_engine_ops;
 // Validation and dump. len is the number of bytes delivered with the event: nothing
 // beyond it is read, whatever the fields claim.
 int ltr_msg_validate(ltr_mgt *m, ltr_srv_msg *in, int len);
-void ltr_msg_dump(const ltr_msg_body *body);
+// Packet dump of the part from opcode on; size is how many bytes from body on may be
+// read. host_order: header and TLV heads already converted by validation (a received
+// message); otherwise all in wire order (a message being sent). Either way the lines
+// show the values as they travel.
+void ltr_msg_dump(const ltr_msg_body *body, int size, bool host_order);
 const char *ltr_opcode_name(uint16_t opcode);
 
 // TLV builders; each writes one whole TLV in wire order and returns its length.
@@ -123,7 +127,8 @@ int ltr_tlv_build_oui_list(uint8_t *tlv, const uint8_t *olist, uint8_t n);
 int ltr_tlv_build_rssi_data(uint8_t *tlv, const ltr_rssi_data *rssi_data);
 int ltr_tlv_build_ack_code(uint8_t *tlv, uint8_t code);
 
-// Request handlers (lock held).
+// Request handlers (lock held). ltr_srv_dispatch is the engine's dispatch slot.
+int ltr_srv_dispatch(ltr_mgt *m, ltr_srv_msg *in);
 int ltr_srv_start(ltr_mgt *m, ltr_srv_msg *in);
 int ltr_srv_stop(ltr_mgt *m, ltr_srv_msg *in);
 int ltr_srv_modif(ltr_mgt *m, ltr_srv_msg *in);

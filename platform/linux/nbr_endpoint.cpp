@@ -1,0 +1,285 @@
+// One neighbour-messaging endpoint: a bound UDP socket, its receive thread, the module
+// table, drop accounting; and the process's endpoint built from the configuration.
+#include "nbr_endpoint.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "rt.h"
+
+namespace {
+
+struct unique_fd {
+    int fd = -1;
+    unique_fd() = default;
+    explicit unique_fd(int f) : fd(f) {}
+    unique_fd(const unique_fd &) = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
+    ~unique_fd()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+} // namespace
+
+struct nbr_endpoint {
+    nbr_params params;
+    unique_fd sock;
+    uint16_t port = 0;
+    std::mutex mu;                 // guards modules
+    std::map<uint16_t, nbr_recv_fn> modules;
+    std::mutex deliver_mu;         // held while a callback runs
+    std::atomic<bool> stop{false};
+    std::thread rx;
+};
+
+static void nbr_drop(const char *reason, uint32_t src, size_t len)
+{
+    std::string name = std::string("nbr.drop.") + reason;
+    rt_counter(name.c_str())++;
+    rt_log_ratelimited(name.c_str(), 10, LOG_WARNING,
+                       "neighbour datagram from %i dropped: %s (%d bytes)", src, reason,
+                       static_cast<int>(len));
+}
+
+static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_t src)
+{
+    const auto &peers = ep->params.peers;
+    if (!peers.empty() && std::find(peers.begin(), peers.end(), src) == peers.end()) {
+        nbr_drop("foreign", src, len);
+        return;
+    }
+    uint16_t module = 0;
+    size_t off = 0, plen = 0;
+    nbr_verdict v = nbr_unseal(buf, len, ep->params.key, &module, &off, &plen);
+    if (v != NBR_OK) {
+        nbr_drop(nbr_verdict_name(v), src, len);
+        return;
+    }
+    std::lock_guard deliver(ep->deliver_mu);
+    nbr_recv_fn fn;
+    {
+        std::lock_guard g(ep->mu);
+        auto it = ep->modules.find(module);
+        if (it != ep->modules.end())
+            fn = it->second;
+    }
+    if (!fn) {
+        nbr_drop("module", src, len);
+        return;
+    }
+    rt_counter("nbr.rx")++;
+    // A copy of exactly the payload: the receiver may write it and cannot read past it.
+    std::vector<uint8_t> payload(buf + off, buf + off + plen);
+    fn(src, payload.data(), static_cast<int>(plen));
+}
+
+static void nbr_rx_loop(nbr_endpoint *ep)
+{
+    std::vector<uint8_t> buf(65536);
+    while (!ep->stop && !rt_stopping()) {
+        pollfd p{ep->sock.fd, POLLIN, 0};
+        int r = poll(&p, 1, 200);
+        if (r <= 0)
+            continue;
+        sockaddr_in from{};
+        socklen_t fl = sizeof from;
+        ssize_t n = recvfrom(ep->sock.fd, buf.data(), buf.size(), MSG_TRUNC,
+                             reinterpret_cast<sockaddr *>(&from), &fl);
+        if (n < 0) {
+            if (errno != EINTR && errno != EAGAIN)
+                rt_log_ratelimited("nbr.recv", 10, LOG_ERR, "neighbour receive failed: %s",
+                                   strerror(errno));
+            continue;
+        }
+        if (static_cast<size_t>(n) > buf.size()) {
+            nbr_drop("oversize", from.sin_addr.s_addr, static_cast<size_t>(n));
+            continue;
+        }
+        nbr_handle(ep, buf.data(), static_cast<size_t>(n), from.sin_addr.s_addr);
+    }
+}
+
+void nbr_endpoint_deleter::operator()(nbr_endpoint *ep) const
+{
+    ep->stop = true;
+    if (ep->rx.joinable())
+        ep->rx.join();
+    delete ep;
+}
+
+nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err)
+{
+    nbr_endpoint_ptr ep(new nbr_endpoint);
+    ep->params = p;
+    ep->sock.fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (ep->sock.fd < 0) {
+        err = std::string("socket: ") + strerror(errno);
+        return nullptr;
+    }
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(p.port);
+    a.sin_addr.s_addr = p.bind_ip;
+    if (bind(ep->sock.fd, reinterpret_cast<sockaddr *>(&a), sizeof a) < 0) {
+        char ip[INET_ADDRSTRLEN];
+        inet_ntop(AF_INET, &p.bind_ip, ip, sizeof ip);
+        err = std::string("bind ") + ip + ":" + std::to_string(p.port) + ": " + strerror(errno);
+        return nullptr;
+    }
+    socklen_t al = sizeof a;
+    getsockname(ep->sock.fd, reinterpret_cast<sockaddr *>(&a), &al);
+    ep->port = ntohs(a.sin_port);
+    ep->rx = std::thread(nbr_rx_loop, ep.get());
+    return ep;
+}
+
+uint16_t nbr_endpoint_port(const nbr_endpoint *ep) { return ep->port; }
+uint32_t nbr_endpoint_addr(const nbr_endpoint *ep) { return ep->params.bind_ip; }
+
+int nbr_endpoint_add(nbr_endpoint *ep, uint16_t module, nbr_recv_fn fn)
+{
+    std::lock_guard g(ep->mu);
+    ep->modules[module] = std::move(fn);
+    return 0;
+}
+
+int nbr_endpoint_remove(nbr_endpoint *ep, uint16_t module)
+{
+    {
+        std::lock_guard g(ep->mu);
+        if (ep->modules.erase(module) == 0)
+            return -1;
+    }
+    // Wait out a delivery in flight, unless we are that delivery.
+    if (std::this_thread::get_id() != ep->rx.get_id()) {
+        std::lock_guard deliver(ep->deliver_mu);
+    }
+    return 0;
+}
+
+int nbr_endpoint_send_to(nbr_endpoint *ep, uint32_t dst_ip, uint16_t port, uint16_t module,
+                         const void *payload, size_t len)
+{
+    std::vector<uint8_t> dgram;
+    if (!nbr_seal(module, payload, len, ep->params.key, dgram)) {
+        rt_counter("nbr.tx_error")++;
+        rt_log_ratelimited("nbr.send.size", 10, LOG_ERR,
+                           "neighbour message to %i too large: %d bytes", dst_ip,
+                           static_cast<int>(len));
+        return -1;
+    }
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = dst_ip;
+    ssize_t n = sendto(ep->sock.fd, dgram.data(), dgram.size(), 0,
+                       reinterpret_cast<sockaddr *>(&a), sizeof a);
+    if (n != static_cast<ssize_t>(dgram.size())) {
+        rt_counter("nbr.tx_error")++;
+        rt_log_ratelimited("nbr.send", 10, LOG_ERR, "neighbour send to %i failed: %s", dst_ip,
+                           strerror(errno));
+        return -1;
+    }
+    rt_counter("nbr.tx")++;
+    return 0;
+}
+
+int nbr_endpoint_send(nbr_endpoint *ep, uint32_t dst_ip, uint16_t module, const void *payload,
+                      size_t len)
+{
+    return nbr_endpoint_send_to(ep, dst_ip, ep->port, module, payload, len);
+}
+
+bool nbr_parse_ipv4(const std::string &text, uint32_t *ip)
+{
+    in_addr a{};
+    if (inet_pton(AF_INET, text.c_str(), &a) != 1)
+        return false;
+    *ip = a.s_addr;
+    return true;
+}
+
+// The site key: the file's bytes, without a trailing line end.
+static bool nbr_read_key(const std::string &path, std::string &key, std::string &err)
+{
+    std::ifstream f(path, std::ios::binary);
+    if (!f) {
+        err = "neighbours.key_file " + path + ": " + strerror(errno);
+        return false;
+    }
+    std::ostringstream ss;
+    ss << f.rdbuf();
+    key = ss.str();
+    while (!key.empty() && (key.back() == '\n' || key.back() == '\r'))
+        key.pop_back();
+    if (key.empty()) {
+        err = "neighbours.key_file " + path + ": empty key";
+        return false;
+    }
+    return true;
+}
+
+static bool nbr_params_from_cfg(nbr_params &p, std::string &err)
+{
+    const rt_config &c = rt_cfg();
+    p.port = c.nb_port;
+    if (!c.nb_bind.empty()) {
+        if (!nbr_parse_ipv4(c.nb_bind, &p.bind_ip)) {
+            err = "neighbours.bind: not an IPv4 address: " + c.nb_bind;
+            return false;
+        }
+    } else if (rt_mgt_ip(&p.bind_ip) < 0 || p.bind_ip == 0) {
+        err = "neighbours.bind unset and the management IPv4 is unknown";
+        return false;
+    }
+    for (const auto &s : c.nb_peers) {
+        uint32_t ip;
+        if (!nbr_parse_ipv4(s, &ip)) {
+            err = "neighbours.peers: not an IPv4 address: " + s;
+            return false;
+        }
+        p.peers.push_back(ip);
+    }
+    if (!c.nb_key_file.empty() && !nbr_read_key(c.nb_key_file, p.key, err))
+        return false;
+    return true;
+}
+
+nbr_endpoint *nbr_global()
+{
+    static std::mutex mu;
+    static nbr_endpoint_ptr ep;
+    std::lock_guard g(mu);
+    if (ep)
+        return ep.get();
+    nbr_params p;
+    std::string err;
+    if (nbr_params_from_cfg(p, err))
+        ep = nbr_endpoint_open(p, err);
+    if (!ep) {
+        rt_counter("nbr.open_error")++;
+        rt_log_ratelimited("nbr.open", 10, LOG_ERR, "neighbour messaging unavailable: %s",
+                           err.c_str());
+        return nullptr;
+    }
+    rt_log(LOG_INFO, "neighbour messaging on %i:%d%s", p.bind_ip, static_cast<int>(ep->port),
+           p.key.empty() ? "" : " (authenticated)");
+    return ep.get();
+}

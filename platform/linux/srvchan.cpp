@@ -1,0 +1,488 @@
+// Server channel thread: connects to the location server, says HELLO, carries
+// MESSAGE frames both ways, keeps the link alive and reconnects with back-off.
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "rt.h"
+#include "srvchan.h"
+
+namespace {
+
+constexpr uint32_t SRV_EVT_MSG_IN = 164;
+constexpr int STOP_POLL_MS = 100;      // how often a blocked loop looks at rt_stopping()
+constexpr size_t OUT_HIGH_WATER = 1 << 16; // frames moved from the queue per round
+
+struct unique_fd {
+    int fd = -1;
+    unique_fd() = default;
+    explicit unique_fd(int f) : fd(f) {}
+    unique_fd(unique_fd &&o) noexcept : fd(o.fd) { o.fd = -1; }
+    unique_fd &operator=(unique_fd &&o) noexcept
+    {
+        if (this != &o) {
+            reset();
+            fd = o.fd;
+            o.fd = -1;
+        }
+        return *this;
+    }
+    unique_fd(const unique_fd &) = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
+    ~unique_fd() { reset(); }
+    void reset()
+    {
+        if (fd >= 0)
+            ::close(fd);
+        fd = -1;
+    }
+    explicit operator bool() const { return fd >= 0; }
+};
+
+struct chan_state {
+    std::mutex mu;                  // queue, queue_bytes, timing, thread
+    std::deque<std::string> queue;  // payloads waiting for the link, oldest first
+    size_t queue_bytes = 0;
+    srvchan_timing timing;
+    std::thread thread;
+    std::atomic<int> wake_fd{-1};   // eventfd: new message or stop; kept open for good
+    std::atomic<bool> stop{false};
+    std::atomic<bool> connected{false};
+    std::atomic<srvchan_deliver_fn> deliver{nullptr};
+};
+
+chan_state &st()
+{
+    static chan_state *s = new chan_state; // never destroyed: the thread may outlive main
+    return *s;
+}
+
+using clock_type = std::chrono::steady_clock;
+int64_t now_ms()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now().time_since_epoch())
+        .count();
+}
+
+bool should_stop() { return st().stop.load() || rt_stopping(); }
+
+void count(const char *name, uint64_t n = 1) { rt_counter(name) += n; }
+
+void set_queue_gauge(size_t bytes) { rt_counter("srvchan.queue_bytes") = bytes; }
+
+void wake_thread()
+{
+    uint64_t one = 1;
+    int fd = st().wake_fd.load();
+    if (fd >= 0 && ::write(fd, &one, sizeof one) < 0) {
+        // The counter is saturated only if nobody reads it; the thread polls anyway.
+    }
+}
+
+void drain_wake()
+{
+    uint64_t v;
+    if (::read(st().wake_fd.load(), &v, sizeof v) < 0) {
+        // EAGAIN: nothing pending.
+    }
+}
+
+// Sleeps up to ms, returning early only when the channel must stop.
+void pause_ms(int ms)
+{
+    int64_t end = now_ms() + ms;
+    while (!should_stop()) {
+        int64_t left = end - now_ms();
+        if (left <= 0)
+            return;
+        pollfd p{st().wake_fd.load(), POLLIN, 0};
+        if (::poll(&p, 1, int(std::min<int64_t>(left, STOP_POLL_MS))) > 0)
+            drain_wake(); // a new message does not shorten the back-off
+    }
+}
+
+unique_fd connect_to(const std::string &addr, int timeout_ms)
+{
+    std::string host, port;
+    if (!srv_split_address(addr, host, port)) {
+        rt_log_ratelimited("srvchan.addr", 300, 3,
+                           "server channel: bad server.address \"%s\" (want host:port)\n",
+                           addr.c_str());
+        return {};
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo *res = nullptr;
+    int rc = ::getaddrinfo(host.c_str(), port.c_str(), &hints, &res);
+    if (rc != 0) {
+        rt_log_ratelimited("srvchan.resolve", 300, 4, "server channel: cannot resolve %s: %s\n",
+                           addr.c_str(), gai_strerror(rc));
+        return {};
+    }
+    std::unique_ptr<addrinfo, void (*)(addrinfo *)> guard(res, ::freeaddrinfo);
+    int last_err = 0;
+    for (addrinfo *ai = res; ai && !should_stop(); ai = ai->ai_next) {
+        unique_fd s(::socket(ai->ai_family, ai->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                             ai->ai_protocol));
+        if (!s) {
+            last_err = errno;
+            continue;
+        }
+        if (::connect(s.fd, ai->ai_addr, ai->ai_addrlen) == 0)
+            return s;
+        if (errno != EINPROGRESS) {
+            last_err = errno;
+            continue;
+        }
+        int64_t end = now_ms() + timeout_ms;
+        int ready = 0;
+        while (!should_stop() && now_ms() < end) {
+            pollfd p{s.fd, POLLOUT, 0};
+            ready = ::poll(&p, 1, STOP_POLL_MS);
+            if (ready != 0)
+                break;
+        }
+        if (ready <= 0) {
+            last_err = ETIMEDOUT;
+            continue;
+        }
+        int err = 0;
+        socklen_t el = sizeof err;
+        ::getsockopt(s.fd, SOL_SOCKET, SO_ERROR, &err, &el);
+        if (err == 0)
+            return s;
+        last_err = err;
+    }
+    if (!should_stop())
+        rt_log_ratelimited("srvchan.connect", 300, 4, "server channel: cannot connect to %s: %s\n",
+                           addr.c_str(), strerror(last_err ? last_err : ECONNREFUSED));
+    return {};
+}
+
+// Messages framed into the output stream and not yet fully written; put back at
+// the front of the queue when the link breaks, so nothing half-sent is lost.
+struct inflight {
+    uint64_t end; // stream position just after the frame
+    std::string payload;
+};
+
+void requeue(std::deque<inflight> &fl)
+{
+    if (fl.empty())
+        return;
+    chan_state &s = st();
+    std::lock_guard g(s.mu);
+    for (auto it = fl.rbegin(); it != fl.rend(); ++it) {
+        s.queue_bytes += it->payload.size();
+        s.queue.push_front(std::move(it->payload));
+    }
+    fl.clear();
+    set_queue_gauge(s.queue_bytes);
+}
+
+// One connected session. Returns true when the server sent at least one valid
+// frame (the link worked, so the back-off starts over).
+bool session(unique_fd &sock, const std::string &addr)
+{
+    chan_state &s = st();
+    srvchan_timing t;
+    {
+        std::lock_guard g(s.mu);
+        t = s.timing;
+    }
+    uint8_t mac[6] = {};
+    uint32_t ip = 0;
+    if (rt_mgt_mac(mac) < 0)
+        memset(mac, 0, sizeof mac);
+    if (rt_mgt_ip(&ip) < 0)
+        ip = 0;
+    std::string out;      // bytes to write, whole frames
+    size_t out_off = 0;   // written part of out
+    uint64_t stream_pos = 0; // total bytes written on this connection
+    std::deque<inflight> fl;
+    std::string hello = srv_hello_payload(mac, ip, rt_cfg().instance);
+    srv_frame_put(out, SRV_FRAME_HELLO, hello.data(), hello.size());
+
+    std::vector<uint8_t> in;
+    int64_t last_rx = now_ms(), last_ping = last_rx;
+    bool healthy = false;
+    s.connected = true;
+    rt_counter("srvchan.connected") = 1;
+    rt_log(5, "server channel: connected to %s\n", addr.c_str());
+
+    auto fail = [&](const char *why) {
+        rt_log(4, "server channel: %s; closing the connection to %s\n", why, addr.c_str());
+    };
+
+    while (!should_stop()) {
+        // Move queued messages into the output stream.
+        if (out.size() - out_off < OUT_HIGH_WATER) {
+            std::lock_guard g(s.mu);
+            while (!s.queue.empty() && out.size() - out_off < OUT_HIGH_WATER) {
+                std::string p = std::move(s.queue.front());
+                s.queue.pop_front();
+                s.queue_bytes -= p.size();
+                srv_frame_put(out, SRV_FRAME_MESSAGE, p.data(), p.size());
+                fl.push_back({stream_pos + (out.size() - out_off), std::move(p)});
+            }
+            set_queue_gauge(s.queue_bytes);
+        }
+
+        int64_t now = now_ms();
+        if (now - last_rx >= t.dead_ms) {
+            fail("no traffic from the server within the keep-alive time");
+            break;
+        }
+        if (now - last_rx >= t.ping_idle_ms && now - last_ping >= t.ping_idle_ms) {
+            srv_frame_put(out, SRV_FRAME_PING, nullptr, 0);
+            last_ping = now;
+        }
+        int64_t next = std::min(last_rx + t.dead_ms,
+                                std::max(last_rx, last_ping) + t.ping_idle_ms);
+        int timeout = int(std::clamp<int64_t>(next - now, 0, STOP_POLL_MS));
+
+        pollfd p[2] = {{sock.fd, short(POLLIN | (out_off < out.size() ? POLLOUT : 0)), 0},
+                       {s.wake_fd.load(), POLLIN, 0}};
+        if (::poll(p, 2, timeout) < 0) {
+            if (errno == EINTR)
+                continue;
+            fail("poll failed");
+            break;
+        }
+        if (p[1].revents & POLLIN)
+            drain_wake();
+
+        if (p[0].revents & POLLOUT) {
+            ssize_t n = ::send(sock.fd, out.data() + out_off, out.size() - out_off, MSG_NOSIGNAL);
+            if (n < 0 && errno != EAGAIN && errno != EINTR) {
+                fail(strerror(errno));
+                break;
+            }
+            if (n > 0) {
+                out_off += size_t(n);
+                stream_pos += uint64_t(n);
+                count("srvchan.bytes_out", uint64_t(n));
+                while (!fl.empty() && fl.front().end <= stream_pos) {
+                    fl.pop_front();
+                    count("srvchan.frames_out");
+                }
+                if (out_off == out.size()) {
+                    out.clear();
+                    out_off = 0;
+                }
+            }
+        }
+
+        if (p[0].revents & (POLLIN | POLLHUP | POLLERR)) {
+            uint8_t buf[16384];
+            ssize_t n = ::recv(sock.fd, buf, sizeof buf, 0);
+            if (n == 0) {
+                if (!in.empty())
+                    fail("truncated frame at end of stream");
+                else
+                    rt_log(4, "server channel: the server at %s closed the connection\n",
+                           addr.c_str());
+                break;
+            }
+            if (n < 0) {
+                if (errno == EAGAIN || errno == EINTR)
+                    continue;
+                fail(strerror(errno));
+                break;
+            }
+            count("srvchan.bytes_in", uint64_t(n));
+            in.insert(in.end(), buf, buf + n);
+            size_t used = 0;
+            bool bad = false;
+            for (;;) {
+                srv_frame_view f;
+                auto rc = srv_frame_take(std::span(in).subspan(used), f);
+                if (rc == SRV_FRAME_NEED_MORE)
+                    break;
+                if (rc == SRV_FRAME_TOO_LONG) {
+                    rt_log(4, "server channel: frame length %u over the limit of %u\n", f.length,
+                           SRV_FRAME_MAX);
+                    bad = true;
+                    break;
+                }
+                if (rc == SRV_FRAME_EMPTY) {
+                    rt_log(4, "server channel: frame of length 0 has no type\n");
+                    bad = true;
+                    break;
+                }
+                used += f.used;
+                if (f.type == SRV_FRAME_MESSAGE) {
+                    auto fn = s.deliver.load();
+                    int len = int(f.payload.size());
+                    if (fn)
+                        fn(f.payload.data(), len);
+                    else
+                        rt_event_post(SRV_EVT_MSG_IN, f.payload.data(), len);
+                } else if (f.type == SRV_FRAME_PING) {
+                    srv_frame_put(out, SRV_FRAME_PONG, f.payload.data(), f.payload.size());
+                } else if (f.type != SRV_FRAME_PONG) {
+                    rt_log(4, "server channel: unknown frame type %u (length %u)\n", f.type,
+                           f.length);
+                    bad = true;
+                    break;
+                }
+                count("srvchan.frames_in");
+                last_rx = now_ms();
+                healthy = true;
+            }
+            if (bad) {
+                count("srvchan.bad_frames");
+                fail("malformed frame");
+                break;
+            }
+            in.erase(in.begin(), in.begin() + std::ptrdiff_t(used));
+        }
+    }
+    s.connected = false;
+    rt_counter("srvchan.connected") = 0;
+    requeue(fl);
+    return healthy;
+}
+
+void channel_main()
+{
+    chan_state &s = st();
+    int backoff = 0;
+    bool ever = false;
+    while (!should_stop()) {
+        srvchan_timing t;
+        {
+            std::lock_guard g(s.mu);
+            t = s.timing;
+        }
+        if (backoff == 0)
+            backoff = t.backoff_first_ms;
+        const std::string addr = rt_cfg().server_address;
+        if (addr.empty()) {
+            pause_ms(1000); // no server configured: messages only queue
+            continue;
+        }
+        unique_fd sock = connect_to(addr, t.connect_timeout_ms);
+        if (sock) {
+            if (ever)
+                count("srvchan.reconnects");
+            ever = true;
+            if (session(sock, addr))
+                backoff = t.backoff_first_ms;
+        }
+        sock.reset();
+        if (should_stop())
+            break;
+        pause_ms(backoff);
+        backoff = std::min(backoff * 2, t.backoff_max_ms);
+    }
+}
+
+} // namespace
+
+int srvchan_send(const void *payload, int len)
+{
+    if (len < 0 || (len > 0 && !payload))
+        return -1;
+    if (uint32_t(len) + 1 > SRV_FRAME_MAX) {
+        rt_log(3, "server channel: message of %d bytes does not fit in one frame\n", len);
+        return -1;
+    }
+    chan_state &s = st();
+    size_t limit = rt_cfg().server_queue_limit;
+    {
+        std::lock_guard g(s.mu);
+        size_t dropped = 0;
+        if (size_t(len) > limit) {
+            dropped = 1; // larger than the whole queue: it can only be dropped itself
+        } else {
+            while (s.queue_bytes + size_t(len) > limit && !s.queue.empty()) {
+                s.queue_bytes -= s.queue.front().size();
+                s.queue.pop_front();
+                ++dropped;
+            }
+            s.queue.emplace_back(static_cast<const char *>(payload), size_t(len));
+            s.queue_bytes += size_t(len);
+        }
+        set_queue_gauge(s.queue_bytes);
+        if (dropped) {
+            count("srvchan.queue_drops", dropped);
+            rt_log_ratelimited("srvchan.drop", 60, 4,
+                               "server channel: queue limit of %zu bytes reached, dropped %zu "
+                               "message(s)\n",
+                               limit, dropped);
+        }
+    }
+    wake_thread();
+    return 0;
+}
+
+void srvchan_open()
+{
+    chan_state &s = st();
+    std::lock_guard g(s.mu);
+    if (s.thread.joinable() || rt_stopping())
+        return;
+    if (s.wake_fd < 0) {
+        int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        if (fd < 0) {
+            rt_log(3, "server channel: eventfd: %s\n", strerror(errno));
+            return;
+        }
+        s.wake_fd = fd;
+    }
+    s.stop = false;
+    s.thread = std::thread(channel_main);
+}
+
+void srvchan_close()
+{
+    chan_state &s = st();
+    std::thread th;
+    {
+        std::lock_guard g(s.mu);
+        th = std::move(s.thread);
+        s.stop = true;
+    }
+    wake_thread();
+    if (th.joinable())
+        th.join();
+    std::lock_guard g(s.mu);
+    s.queue.clear();
+    s.queue_bytes = 0;
+    set_queue_gauge(0);
+    drain_wake();
+    s.stop = false;
+}
+
+bool srvchan_connected() { return st().connected; }
+
+size_t srvchan_queue_bytes()
+{
+    std::lock_guard g(st().mu);
+    return st().queue_bytes;
+}
+
+void srvchan_set_timing(const srvchan_timing &t)
+{
+    std::lock_guard g(st().mu);
+    st().timing = t;
+}
+
+void srvchan_set_deliver(srvchan_deliver_fn fn) { st().deliver = fn; }
+
+void rt_srvchan_start() { srvchan_open(); }

@@ -74,9 +74,10 @@ int init_b()
     return 0;
 }
 
-class Agent : public ::testing::Environment {
+// One agent for the suite (it starts once per process); only this suite runs it.
+class CliAgent : public ::testing::Test {
   public:
-    void SetUp() override
+    static void SetUpTestSuite()
     {
         char tmpl[] = "/tmp/cli_agent_test.XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -88,9 +89,8 @@ class Agent : public ::testing::Environment {
         qz_add_cli_vector_initializer(init_b);
         ASSERT_EQ(qz_start_cli_agent(52, 1, &g_agent_thread), 0);
     }
-    void TearDown() override { cli_server_stop(); }
+    static void TearDownTestSuite() { cli_server_stop(); }
 };
-const auto *env = ::testing::AddGlobalTestEnvironment(new Agent);
 
 int connect_agent()
 {
@@ -168,7 +168,7 @@ bytes mac_block(uint8_t tail = 0)
 
 } // namespace
 
-TEST(CliAgent, InitialisersRanInOrderAndSocketIsOwnerOnly)
+TEST_F(CliAgent, InitialisersRanInOrderAndSocketIsOwnerOnly)
 {
     EXPECT_EQ(g_init_order, (std::vector<int>{1, 2}));
     struct stat st;
@@ -177,7 +177,7 @@ TEST(CliAgent, InitialisersRanInOrderAndSocketIsOwnerOnly)
     EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
-TEST(CliAgent, CommandRunsFirstRegistrationOnAgentThread)
+TEST_F(CliAgent, CommandRunsFirstRegistrationOnAgentThread)
 {
     auto r = request(command(100, 0, mac_block(9)));
     ASSERT_TRUE(r);
@@ -191,7 +191,7 @@ TEST(CliAgent, CommandRunsFirstRegistrationOnAgentThread)
     EXPECT_EQ(text_of(*r), "neg=1 mac=0011.22aa.bbcc tail=0\n");
 }
 
-TEST(CliAgent, ShortBlockReadsAsZerosPastItsEnd)
+TEST_F(CliAgent, ShortBlockReadsAsZerosPastItsEnd)
 {
     bytes b = mac_block(7);
     b.resize(12); // no argument: the handler must see zeros, not stale bytes
@@ -200,7 +200,7 @@ TEST(CliAgent, ShortBlockReadsAsZerosPastItsEnd)
     EXPECT_EQ(text_of(*r), "neg=0 mac=0000.0000.0000 tail=0\n");
 }
 
-TEST(CliAgent, SeveralRequestsOnOneConnectionAndLargeOutput)
+TEST_F(CliAgent, SeveralRequestsOnOneConnectionAndLargeOutput)
 {
     int fd = connect_agent();
     ASSERT_GE(fd, 0);
@@ -221,7 +221,7 @@ TEST(CliAgent, SeveralRequestsOnOneConnectionAndLargeOutput)
     close(fd);
 }
 
-TEST(CliAgent, RunningConfigurationListsTheGeneratorsEntries)
+TEST_F(CliAgent, RunningConfigurationListsTheGeneratorsEntries)
 {
     auto r = request({REQ_RUNNING});
     ASSERT_TRUE(r);
@@ -238,7 +238,7 @@ TEST(CliAgent, RunningConfigurationListsTheGeneratorsEntries)
     EXPECT_EQ(*r, want);
 }
 
-TEST(CliAgent, StatusAnswersZero)
+TEST_F(CliAgent, StatusAnswersZero)
 {
     auto r = request({REQ_STATUS});
     ASSERT_TRUE(r);
@@ -246,7 +246,7 @@ TEST(CliAgent, StatusAnswersZero)
     EXPECT_EQ(text_of(*r), rt_status_text());
 }
 
-TEST(CliAgent, DebugSwitchOfAnUnknownCategoryIsNegative)
+TEST_F(CliAgent, DebugSwitchOfAnUnknownCategoryIsNegative)
 {
     bytes b = {REQ_DEBUG, 1};
     for (char c : std::string("nosuchmodule\0x\0", 15))
@@ -256,7 +256,7 @@ TEST(CliAgent, DebugSwitchOfAnUnknownCategoryIsNegative)
     EXPECT_LT(result_of(*r), 0);
 }
 
-TEST(CliAgent, MalformedRequestsGetAnErrorReplyAndChangeNothing)
+TEST_F(CliAgent, MalformedRequestsGetAnErrorReplyAndChangeNothing)
 {
     uint64_t before = rt_counter("cli.malformed");
     int calls = g_echo_calls;
@@ -292,7 +292,7 @@ TEST(CliAgent, MalformedRequestsGetAnErrorReplyAndChangeNothing)
     EXPECT_EQ(g_echo_calls, calls); // no handler ran
 }
 
-TEST(CliAgent, OversizedOrTruncatedFramesCloseTheConnectionOnly)
+TEST_F(CliAgent, OversizedOrTruncatedFramesCloseTheConnectionOnly)
 {
     // A declared length over the limit: closed without waiting for the body.
     int fd = connect_agent();

@@ -61,8 +61,15 @@ void rt_cfg_set(const rt_config &cfg);
 // A runtime log line (the runtime's own errors and notices). severity: syslog level.
 void rt_log(int severity, const char *fmt, ...);
 void rt_vlog(int severity, const char *tag, const char *fmt, va_list ap);
+// A line labelled with tag instead of the severity's name.
+void rt_log_tagged(int severity, const char *tag, const char *fmt, ...);
 // Same line at most once per `seconds` per key; returns whether it was written.
 bool rt_log_ratelimited(const char *key, int seconds, int severity, const char *fmt, ...);
+// The line written to the log file and stderr: "<local time with ms> <tag or severity>:
+// <text>\n" (trailing newlines of text folded into one).
+std::string rt_log_line(int severity, const char *tag, const std::string &text);
+// Closes the log sinks; the next line opens them for the current configuration.
+void rt_log_reopen();
 
 // ---- Counters shown by the platform status command ----
 
@@ -78,6 +85,8 @@ void rt_request_stop();
 void rt_signals_init();
 // Wakes when a stop is requested; returns true if stopping, false on timeout.
 bool rt_wait_stop(int timeout_ms);
+// An eventfd that becomes readable once a stop is requested (for poll loops).
+int rt_stop_fd();
 
 // ---- Event library internals ----
 
@@ -97,6 +106,8 @@ void rt_owner_start();   // owner service; also opens neighbour messaging
 
 // Switches a registered category of module on or off; negative when unknown.
 int rt_debug_switch(const char *module, const char *category, bool on);
+// "module category on|off\n" per registered category, in registration order.
+std::string rt_debug_text();
 
 // ---- Radios and drivers ----
 

@@ -1,39 +1,316 @@
-// Placeholder until the runtime core lands.
+// The runtime's core: its own log lines, status counters, the stop request with the
+// signal thread, and the paths of this instance's sockets.
 #include "rt.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 
-static rt_config g_cfg;
-bool rt_config_parse(const std::string &, rt_config &, std::string &err)
+#include "qz_format.h"
+
+// ---- Logging ----
+
+namespace {
+
+std::mutex g_log_mu; // guards the sinks below, not the writes
+int g_log_fd = -1;
+bool g_log_open; // sinks opened for the current configuration
+std::string g_syslog_ident;
+
+const char *severity_name(int sev)
 {
-    err = "configuration parser not built yet";
-    return false;
+    static const char *const names[] = {"emerg", "alert", "crit", "err",
+                                        "warning", "notice", "info", "debug"};
+    return sev >= 0 && sev <= 7 ? names[sev] : "log";
 }
-const rt_config &rt_cfg() { return g_cfg; }
-void rt_cfg_set(const rt_config &cfg) { g_cfg = cfg; }
-void rt_vlog(int, const char *, const char *fmt, va_list ap) { vfprintf(stderr, fmt, ap); }
-void rt_log(int sev, const char *fmt, ...)
+
+void open_sinks_locked(const rt_config &c)
+{
+    if (g_log_open)
+        return;
+    g_log_open = true;
+    if (!c.log_file.empty()) {
+        g_log_fd = open(c.log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
+        if (g_log_fd < 0)
+            fprintf(stderr, "log file %s: %s\n", c.log_file.c_str(), strerror(errno));
+    }
+    if (c.log_syslog) {
+        g_syslog_ident = program_invocation_short_name;
+        if (c.instance != "default")
+            g_syslog_ident += "/" + c.instance;
+        openlog(g_syslog_ident.c_str(), LOG_PID | LOG_NDELAY, LOG_DAEMON);
+    }
+}
+
+void write_all(int fd, const std::string &s)
+{
+    const char *p = s.data();
+    size_t n = s.size();
+    while (n) {
+        ssize_t w = write(fd, p, n);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0)
+            return;
+        p += w;
+        n -= (size_t)w;
+    }
+}
+
+} // namespace
+
+std::string rt_log_line(int severity, const char *tag, const std::string &text)
+{
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tm t;
+    localtime_r(&ts.tv_sec, &t);
+    char stamp[40];
+    size_t n = strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &t);
+    snprintf(stamp + n, sizeof stamp - n, ".%03ld", ts.tv_nsec / 1000000);
+    std::string body = text;
+    while (!body.empty() && body.back() == '\n')
+        body.pop_back();
+    std::string line = stamp;
+    line += ' ';
+    line += tag && tag[0] ? tag : severity_name(severity);
+    line += ": ";
+    line += body;
+    line += '\n';
+    return line;
+}
+
+void rt_vlog(int severity, const char *tag, const char *fmt, va_list ap)
+{
+    const rt_config &c = rt_cfg();
+    std::string text = qz_vformat_str(fmt, ap);
+    int fd;
+    {
+        std::lock_guard g(g_log_mu);
+        open_sinks_locked(c);
+        fd = g_log_fd;
+    }
+    if (fd >= 0 || c.log_stderr) {
+        std::string line = rt_log_line(severity, tag, text);
+        // One write per line, so that lines of concurrent threads never interleave.
+        if (fd >= 0)
+            write_all(fd, line);
+        if (c.log_stderr)
+            write_all(STDERR_FILENO, line);
+    }
+    if (c.log_syslog) {
+        while (!text.empty() && text.back() == '\n')
+            text.pop_back();
+        int prio = severity < 0 ? LOG_ERR : severity > 7 ? LOG_DEBUG : severity;
+        if (tag && tag[0])
+            syslog(prio, "%s: %s", tag, text.c_str());
+        else
+            syslog(prio, "%s", text.c_str());
+    }
+}
+
+void rt_log(int severity, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    rt_vlog(sev, nullptr, fmt, ap);
+    rt_vlog(severity, nullptr, fmt, ap);
     va_end(ap);
 }
-bool rt_log_ratelimited(const char *, int, int, const char *, ...) { return false; }
+
+void rt_log_tagged(int severity, const char *tag, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    rt_vlog(severity, tag, fmt, ap);
+    va_end(ap);
+}
+
+void rt_log_reopen()
+{
+    std::lock_guard g(g_log_mu);
+    if (g_log_fd >= 0)
+        close(g_log_fd);
+    g_log_fd = -1;
+    g_log_open = false;
+}
+
+bool rt_log_ratelimited(const char *key, int seconds, int severity, const char *fmt, ...)
+{
+    struct slot {
+        std::chrono::steady_clock::time_point last;
+        uint64_t suppressed = 0;
+        bool used = false;
+    };
+    static std::mutex mu;
+    static std::map<std::string, slot> slots;
+    uint64_t suppressed;
+    {
+        std::lock_guard g(mu);
+        slot &s = slots[key];
+        auto now = std::chrono::steady_clock::now();
+        if (s.used && now - s.last < std::chrono::seconds(seconds)) {
+            s.suppressed++;
+            return false;
+        }
+        s.used = true;
+        s.last = now;
+        suppressed = s.suppressed;
+        s.suppressed = 0;
+    }
+    va_list ap;
+    va_start(ap, fmt);
+    std::string text = qz_vformat_str(fmt, ap);
+    va_end(ap);
+    if (suppressed)
+        rt_log(severity, "%s (%llu similar lines suppressed)", text.c_str(),
+               (unsigned long long)suppressed);
+    else
+        rt_log(severity, "%s", text.c_str());
+    return true;
+}
+
+// ---- Counters ----
+
+namespace {
+std::mutex g_counter_mu;
+std::map<std::string, std::atomic<uint64_t>> g_counters; // nodes never move
+} // namespace
+
 std::atomic<uint64_t> &rt_counter(const char *name)
 {
-    static std::mutex mu;
-    static std::map<std::string, std::atomic<uint64_t>> m;
-    std::lock_guard g(mu);
-    return m[name];
+    std::lock_guard g(g_counter_mu);
+    return g_counters[name];
 }
-std::string rt_status_text() { return {}; }
-static std::atomic<bool> g_stop;
-bool rt_stopping() { return g_stop; }
-void rt_request_stop() { g_stop = true; }
-void rt_signals_init() {}
-bool rt_wait_stop(int) { return g_stop; }
-std::string rt_runtime_path(const char *name) { return g_cfg.runtime_dir + "/" + name; }
+
+std::string rt_status_text()
+{
+    std::lock_guard g(g_counter_mu);
+    std::string out;
+    for (auto &[name, v] : g_counters)
+        out += name + " " + std::to_string(v.load()) + "\n";
+    return out;
+}
+
+// ---- Stopping ----
+
+namespace {
+std::atomic<bool> g_stop;
+std::mutex g_stop_mu;
+std::condition_variable g_stop_cv;
+int g_stop_fd = -1;
+std::once_flag g_stop_fd_once;
+std::once_flag g_signals_once;
+
+void *signal_thread(void *arg)
+{
+    sigset_t *set = (sigset_t *)arg;
+    for (int count = 0;; count++) {
+        int sig;
+        if (sigwait(set, &sig) != 0)
+            continue;
+        if (count == 0) {
+            rt_log(LOG_NOTICE, "%s received, stopping", strsignal(sig));
+            rt_request_stop();
+        } else {
+            // A second signal while the shutdown hangs: leave at once.
+            rt_log(LOG_WARNING, "%s received again, exiting now", strsignal(sig));
+            _exit(1);
+        }
+    }
+    return nullptr;
+}
+} // namespace
+
+bool rt_stopping() { return g_stop.load(); }
+
+int rt_stop_fd()
+{
+    std::call_once(g_stop_fd_once, [] {
+        g_stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (g_stop_fd >= 0 && g_stop.load())
+            eventfd_write(g_stop_fd, 1);
+    });
+    return g_stop_fd;
+}
+
+void rt_request_stop()
+{
+    {
+        std::lock_guard g(g_stop_mu);
+        if (g_stop.exchange(true))
+            return;
+    }
+    g_stop_cv.notify_all();
+    int fd = rt_stop_fd();
+    if (fd >= 0)
+        eventfd_write(fd, 1);
+}
+
+bool rt_wait_stop(int timeout_ms)
+{
+    std::unique_lock g(g_stop_mu);
+    return g_stop_cv.wait_for(g, std::chrono::milliseconds(timeout_ms),
+                              [] { return g_stop.load(); });
+}
+
+void rt_signals_init()
+{
+    std::call_once(g_signals_once, [] {
+        static sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGTERM);
+        sigaddset(&set, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        rt_stop_fd();
+        pthread_t t;
+        if (pthread_create(&t, nullptr, signal_thread, &set) != 0) {
+            rt_log(LOG_ERR, "cannot start the signal thread: SIGTERM/SIGINT will not stop");
+            return;
+        }
+        pthread_detach(t);
+    });
+}
+
+// ---- Paths of this instance ----
+
+namespace {
+bool mkdir_p(const std::string &dir, mode_t mode)
+{
+    for (size_t pos = 1; pos <= dir.size(); pos++) {
+        if (pos != dir.size() && dir[pos] != '/')
+            continue;
+        std::string part = dir.substr(0, pos);
+        if (mkdir(part.c_str(), mode) != 0 && errno != EEXIST)
+            return false;
+    }
+    return true;
+}
+} // namespace
+
+std::string rt_runtime_path(const char *name)
+{
+    const std::string &dir = rt_cfg().runtime_dir;
+    static std::mutex mu;
+    static std::string made;
+    std::lock_guard g(mu);
+    if (made != dir) {
+        if (!mkdir_p(dir, 0700))
+            rt_log(LOG_ERR, "runtime_dir %s: %s", dir.c_str(), strerror(errno));
+        else
+            made = dir;
+    }
+    return dir + "/" + name;
+}

@@ -1,0 +1,445 @@
+// The runtime's configuration: a TOML file read once at start-up. Every key is known
+// here; an unknown key or a wrong value is an error naming file, line and key.
+#include "rt.h"
+
+#include <arpa/inet.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <set>
+#include <span>
+#include <toml++/toml.h>
+
+namespace {
+
+// Where a key sits: its dotted name and the line it is written on.
+struct key_ctx {
+    const std::string &file;
+    std::string name;
+    int line;
+    std::string *err;
+
+    bool fail(const std::string &what) const
+    {
+        *err = file + ":" + std::to_string(line) + ": " + name + ": " + what;
+        return false;
+    }
+};
+
+bool get_bool(const key_ctx &k, const toml::node &n, bool &out)
+{
+    auto v = n.value_exact<bool>();
+    if (!v)
+        return k.fail("expected true or false");
+    out = *v;
+    return true;
+}
+
+bool get_str(const key_ctx &k, const toml::node &n, std::string &out, bool allow_empty = false)
+{
+    auto v = n.value_exact<std::string>();
+    if (!v)
+        return k.fail("expected a string");
+    if (!allow_empty && v->empty())
+        return k.fail("must not be empty");
+    if (v->find('\0') != std::string::npos)
+        return k.fail("must not contain a NUL character");
+    out = *v;
+    return true;
+}
+
+template <typename T>
+bool get_int(const key_ctx &k, const toml::node &n, T &out, int64_t lo, int64_t hi)
+{
+    auto v = n.value_exact<int64_t>();
+    if (!v)
+        return k.fail("expected an integer");
+    if (*v < lo || *v > hi)
+        return k.fail("must be between " + std::to_string(lo) + " and " + std::to_string(hi));
+    out = (T)*v;
+    return true;
+}
+
+bool parse_ipv4(const std::string &s, uint32_t &ip)
+{
+    in_addr a;
+    if (inet_pton(AF_INET, s.c_str(), &a) != 1)
+        return false;
+    ip = a.s_addr;
+    return true;
+}
+
+bool get_ipv4_text(const key_ctx &k, const toml::node &n, std::string &out)
+{
+    uint32_t ip;
+    if (!get_str(k, n, out))
+        return false;
+    if (!parse_ipv4(out, ip))
+        return k.fail("expected an IPv4 address such as \"192.0.2.1\"");
+    return true;
+}
+
+bool get_ifname(const key_ctx &k, const toml::node &n, std::string &out)
+{
+    if (!get_str(k, n, out))
+        return false;
+    if (out.size() > 15 || out.find_first_of("/ \t:") != std::string::npos)
+        return k.fail("expected an interface name (at most 15 characters, no '/', ':' or blanks)");
+    return true;
+}
+
+bool parse_mac(const std::string &s, std::array<uint8_t, 6> &mac)
+{
+    unsigned b[6];
+    char tail;
+    if (s.size() != 17 ||
+        sscanf(s.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5],
+               &tail) != 6)
+        return false;
+    for (int i = 0; i < 6; i++)
+        mac[i] = (uint8_t)b[i];
+    return true;
+}
+
+bool valid_instance(const std::string &s)
+{
+    if (s.empty() || s.size() > 64 || s[0] == '.')
+        return false;
+    for (char c : s)
+        if (!isalnum((unsigned char)c) && c != '-' && c != '_' && c != '.')
+            return false;
+    return true;
+}
+
+bool valid_host_port(const std::string &s)
+{
+    size_t colon = s.rfind(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == s.size())
+        return false;
+    std::string port = s.substr(colon + 1);
+    if (port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    long p = atol(port.c_str());
+    return p >= 1 && p <= 65535;
+}
+
+// One key of a section: its name and how its value lands in the configuration.
+using setter_fn = bool (*)(const key_ctx &k, const toml::node &n, rt_config &c);
+struct key_def {
+    const char *name;
+    setter_fn set;
+};
+
+constexpr key_def top_keys[] = {
+    {"instance",
+     [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         if (!get_str(k, n, c.instance))
+             return false;
+         if (!valid_instance(c.instance))
+             return k.fail("expected letters, digits, '-', '_' or '.' (at most 64, not starting "
+                           "with '.')");
+         return true;
+     }},
+    {"runtime_dir",
+     [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         if (!get_str(k, n, c.runtime_dir))
+             return false;
+         if (c.runtime_dir[0] != '/')
+             return k.fail("expected an absolute path");
+         return true;
+     }},
+    {"foreground", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_bool(k, n, c.foreground);
+     }},
+};
+
+constexpr key_def log_keys[] = {
+    {"syslog", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_bool(k, n, c.log_syslog);
+     }},
+    {"file", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.log_file);
+     }},
+    {"stderr", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_bool(k, n, c.log_stderr);
+     }},
+};
+
+constexpr key_def mgt_keys[] = {
+    {"interface", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_ifname(k, n, c.mgt_interface);
+     }},
+    {"mac",
+     [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         std::string s;
+         std::array<uint8_t, 6> mac;
+         if (!get_str(k, n, s))
+             return false;
+         if (!parse_mac(s, mac))
+             return k.fail("expected a MAC address such as \"02:00:00:00:00:01\"");
+         c.mgt_mac = mac;
+         return true;
+     }},
+    {"ip",
+     [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         std::string s;
+         uint32_t ip;
+         if (!get_ipv4_text(k, n, s))
+             return false;
+         parse_ipv4(s, ip);
+         c.mgt_ip = ip;
+         return true;
+     }},
+};
+
+constexpr key_def server_keys[] = {
+    {"address",
+     [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         if (!get_str(k, n, c.server_address))
+             return false;
+         if (!valid_host_port(c.server_address))
+             return k.fail("expected \"host:port\" with a port from 1 to 65535");
+         return true;
+     }},
+    {"queue_limit", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_int(k, n, c.server_queue_limit, 0, 1 << 30);
+     }},
+};
+
+constexpr key_def neighbours_keys[] = {
+    {"port", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_int(k, n, c.nb_port, 1, 65535);
+     }},
+    {"bind", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_ipv4_text(k, n, c.nb_bind);
+     }},
+    {"peers",
+     [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         const toml::array *a = n.as_array();
+         if (!a)
+             return k.fail("expected an array of IPv4 addresses");
+         c.nb_peers.clear();
+         for (size_t i = 0; i < a->size(); i++) {
+             key_ctx ek{k.file, k.name + "[" + std::to_string(i) + "]",
+                        (int)(*a)[i].source().begin.line, k.err};
+             std::string s;
+             if (!get_ipv4_text(ek, (*a)[i], s))
+                 return false;
+             c.nb_peers.push_back(s);
+         }
+         return true;
+     }},
+    {"key_file", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.nb_key_file);
+     }},
+};
+
+constexpr key_def radio_keys[] = {
+    {"name", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_ifname(k, n, c.radios.back().name);
+     }},
+    {"driver", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.radios.back().driver);
+     }},
+    {"access", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_bool(k, n, c.radios.back().access);
+     }},
+    {"capture", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.radios.back().capture);
+     }},
+    {"freq", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_int(k, n, c.radios.back().freq, 0, 65535);
+     }},
+};
+
+constexpr key_def sim_keys[] = {
+    {"world", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.sim_world);
+     }},
+    {"seed", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_int(k, n, c.sim_seed, 0, INT64_MAX);
+     }},
+};
+
+constexpr key_def owners_keys[] = {
+    {"mode",
+     [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         if (!get_str(k, n, c.owners_mode))
+             return false;
+         if (c.owners_mode != "auto" && c.owners_mode != "external")
+             return k.fail("expected \"auto\" or \"external\"");
+         return true;
+     }},
+    {"peer_timeout_ms", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_int(k, n, c.owners_peer_timeout_ms, 1, 60000);
+     }},
+};
+
+constexpr key_def store_keys[] = {
+    {"dir",
+     [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         if (!get_str(k, n, c.store_dir))
+             return false;
+         if (c.store_dir[0] != '/')
+             return k.fail("expected an absolute path");
+         return true;
+     }},
+};
+
+struct section_def {
+    const char *name;
+    std::span<const key_def> keys;
+};
+
+constexpr section_def sections[] = {
+    {"log", log_keys},         {"mgt", mgt_keys},       {"server", server_keys},
+    {"neighbours", neighbours_keys}, {"sim", sim_keys}, {"owners", owners_keys},
+    {"store", store_keys},
+};
+
+int line_of(const toml::key &k) { return (int)k.source().begin.line; }
+
+bool apply_table(const std::string &file, const std::string &prefix, const toml::table &t,
+                 std::span<const key_def> keys, rt_config &c, std::string &err)
+{
+    for (auto &&[key, node] : t) {
+        key_ctx k{file, prefix + std::string(key.str()), line_of(key), &err};
+        const key_def *def = nullptr;
+        for (const key_def &d : keys)
+            if (key.str() == d.name)
+                def = &d;
+        if (!def)
+            return k.fail("unknown key");
+        if (!def->set(k, node, c))
+            return false;
+    }
+    return true;
+}
+
+bool apply_radios(const std::string &file, const toml::key &key, const toml::node &node,
+                  rt_config &c, std::string &err)
+{
+    key_ctx k{file, "radio", line_of(key), &err};
+    const toml::array *a = node.as_array();
+    if (!a || !a->is_array_of_tables())
+        return k.fail("expected [[radio]] tables");
+    std::set<std::string> names;
+    for (size_t i = 0; i < a->size(); i++) {
+        const toml::table &t = *(*a)[i].as_table();
+        std::string prefix = "radio[" + std::to_string(i) + "].";
+        c.radios.emplace_back();
+        c.radios.back().driver = "sim";
+        if (!apply_table(file, prefix, t, radio_keys, c, err))
+            return false;
+        key_ctx rk{file, prefix + "name", (int)t.source().begin.line, &err};
+        if (c.radios.back().name.empty())
+            return rk.fail("missing (every radio needs its interface name)");
+        if (!names.insert(c.radios.back().name).second)
+            return rk.fail("radio \"" + c.radios.back().name + "\" is configured twice");
+    }
+    return true;
+}
+
+std::string default_runtime_dir(const std::string &instance)
+{
+    // An unprivileged user cannot create /run/qz; its session runtime dir serves.
+    const char *xdg = getenv("XDG_RUNTIME_DIR");
+    if (geteuid() != 0 && xdg && xdg[0] == '/')
+        return std::string(xdg) + "/qz/" + instance;
+    return "/run/qz/" + instance;
+}
+
+} // namespace
+
+bool rt_config_parse(const std::string &path, rt_config &out, std::string &err)
+{
+    rt_config c;
+    c.path = path;
+    toml::table root;
+    try {
+        root = toml::parse_file(path);
+    } catch (const toml::parse_error &e) {
+        err = path + ":" + std::to_string(e.source().begin.line) + ": " +
+              std::string(e.description());
+        return false;
+    }
+    for (auto &&[key, node] : root) {
+        std::string name(key.str());
+        key_ctx k{path, name, line_of(key), &err};
+        if (name == "radio") {
+            if (!apply_radios(path, key, node, c, err))
+                return false;
+            continue;
+        }
+        const section_def *sec = nullptr;
+        for (const section_def &s : sections)
+            if (name == s.name)
+                sec = &s;
+        if (sec) {
+            const toml::table *t = node.as_table();
+            if (!t)
+                return k.fail("expected a table ([" + name + "])");
+            if (!apply_table(path, name + ".", *t, sec->keys, c, err))
+                return false;
+            continue;
+        }
+        const key_def *def = nullptr;
+        for (const key_def &d : top_keys)
+            if (name == d.name)
+                def = &d;
+        if (!def)
+            return k.fail("unknown key");
+        if (!def->set(k, node, c))
+            return false;
+    }
+    if (c.runtime_dir.empty())
+        c.runtime_dir = default_runtime_dir(c.instance);
+    out = std::move(c);
+    return true;
+}
+
+// ---- The process's configuration ----
+
+namespace {
+rt_config g_cfg;
+std::once_flag g_cfg_once;
+
+void load_cfg()
+{
+    const char *env = getenv("QZ_PLATFORM_CONFIG");
+    std::string path = env && env[0] ? env : "/etc/qz/platform.toml";
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 && errno == ENOENT) {
+        rt_config c;
+        c.runtime_dir = default_runtime_dir(c.instance);
+        g_cfg = c;
+        if (env && env[0])
+            fprintf(stderr, "%s: not found, running with defaults\n", path.c_str());
+        return;
+    }
+    std::string err;
+    if (!rt_config_parse(path, g_cfg, err)) {
+        fprintf(stderr, "configuration error: %s\n", err.c_str());
+        exit(1);
+    }
+}
+} // namespace
+
+const rt_config &rt_cfg()
+{
+    std::call_once(g_cfg_once, load_cfg);
+    return g_cfg;
+}
+
+void rt_cfg_set(const rt_config &cfg)
+{
+    std::call_once(g_cfg_once, [] {});
+    g_cfg = cfg;
+    if (g_cfg.runtime_dir.empty())
+        g_cfg.runtime_dir = default_runtime_dir(g_cfg.instance);
+    rt_log_reopen();
+}

@@ -40,6 +40,8 @@ struct state {
     std::vector<cfg_tlv> gen_out;
     std::vector<dbg_flag> flags;
     int not_ready = 0;
+    std::map<std::string, std::function<void()>> hooks;
+    bool echo_logs = false;
 };
 
 state &S()
@@ -74,6 +76,11 @@ void record(const std::string &fn, std::vector<int64_t> args = {}, std::string t
             bytes data = {})
 {
     S().calls.push_back({fn, std::move(args), std::move(text), std::move(data)});
+    auto it = S().hooks.find(fn);
+    if (it != S().hooks.end() && it->second) {
+        auto hook = it->second; // the hook may replace itself
+        hook();
+    }
 }
 
 bytes to_bytes(const void *p, size_t n)
@@ -148,6 +155,14 @@ void script(const std::string &fn, int result, int times)
     for (int i = 0; i < times; i++)
         S().scripts[fn].push_back(result);
 }
+
+void on_call(const std::string &fn, std::function<void()> hook)
+{
+    std::lock_guard g(mu);
+    S().hooks[fn] = std::move(hook);
+}
+
+void echo_logs(bool on) { S().echo_logs = on; }
 
 const std::vector<log_line> &logs() { return S().logs; }
 const std::vector<dbg_line> &dbgs() { return S().dbgs; }
@@ -750,6 +765,8 @@ void qz_log(int category, int severity, const char *fmt, ...)
     std::string s = qz_vformat_str(fmt, ap);
     va_end(ap);
     G g(mu);
+    if (S().echo_logs)
+        fputs(s.c_str(), stderr);
     S().logs.push_back({category, severity, s});
 }
 

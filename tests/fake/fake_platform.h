@@ -6,6 +6,7 @@
 #include <stdint.h>
 
 #include <array>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -49,6 +50,10 @@ void clear_calls();
 // The next `times` calls of fn return result instead of the default.
 void script(const std::string &fn, int result, int times = 1);
 
+// Runs hook whenever fn is called, before the call does anything (e.g. to look at the
+// daemon's state at that moment). An empty hook removes it.
+void on_call(const std::string &fn, std::function<void()> hook);
+
 // Text output.
 struct log_line {
     int category;
@@ -67,6 +72,8 @@ std::string dbg_text(); // all debug lines concatenated (hex dumps included)
 std::string err_text(); // __qz_err output
 std::string cli_text(); // qz_cli_printf output
 void clear_text();
+// Also write every qz_log line to stderr (death tests read it there).
+void echo_logs(bool on);
 bool dbg_has(const std::string &text); // some debug line equals text
 bool log_has(const std::string &text);
 

@@ -1,0 +1,320 @@
+// The CLI agent against a real socket: commands, running configuration, debug switch,
+// status, and malformed frames, which get an error reply or a closed connection.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli_agent.h"
+#include "cli_proto.h"
+#include "qz_log.h"
+#include "rt.h"
+
+using namespace cli_proto;
+using bytes = std::vector<uint8_t>;
+
+namespace {
+
+std::string g_path;
+pthread_t g_agent_thread;
+std::atomic<pthread_t> g_handler_thread;
+std::atomic<int> g_echo_calls;
+std::vector<int> g_init_order;
+
+int h_echo(qz_cli_cmd *cmd, qz_cli_ipc *ipc)
+{
+    g_handler_thread = pthread_self();
+    g_echo_calls++;
+    // Block bytes 12..17 as a MAC, and the negation flag.
+    qz_cli_printf(cmd, "neg=%d mac=%m tail=%d\n", (int)cmd->negated, ipc->block + 12,
+                  (int)ipc->block[19]);
+    return cmd->negated ? -1 : 0;
+}
+int h_second(qz_cli_cmd *cmd, qz_cli_ipc *)
+{
+    qz_cli_printf(cmd, "second\n");
+    return 5;
+}
+int h_big(qz_cli_cmd *cmd, qz_cli_ipc *)
+{
+    for (int i = 0; i < 20000; i++)
+        qz_cli_printf(cmd, "%-40s%d\n", "line:", i);
+    return 0;
+}
+int gen(void *ctx)
+{
+    uint8_t a[12] = {};
+    uint8_t b[16] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 90, 0, 0, 0};
+    qz_cli_agent_add_tlv(ctx, 1882, a, 12, 7);
+    qz_cli_agent_add_tlv(ctx, 1893, b, 16, 7);
+    return 0;
+}
+int init_a()
+{
+    g_init_order.push_back(1);
+    qz_reg_cmd_vector(0, 100, h_echo);
+    qz_reg_cmd_vector(0, 100, h_second); // a second registration: the first serves
+    return 0;
+}
+int init_b()
+{
+    g_init_order.push_back(2);
+    qz_reg_cmd_vector(0, 101, h_big);
+    qz_reg_cfg_generator(gen, nullptr);
+    return 0;
+}
+
+// One agent for the suite (it starts once per process); only this suite runs it.
+class CliAgent : public ::testing::Test {
+  public:
+    static void SetUpTestSuite()
+    {
+        char tmpl[] = "/tmp/cli_agent_test.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        rt_config cfg;
+        cfg.runtime_dir = std::string(tmpl) + "/run";
+        rt_cfg_set(cfg);
+        g_path = cfg.runtime_dir + "/cli.sock";
+        qz_add_cli_vector_initializer(init_a);
+        qz_add_cli_vector_initializer(init_b);
+        ASSERT_EQ(qz_start_cli_agent(52, 1, &g_agent_thread), 0);
+    }
+    static void TearDownTestSuite() { cli_server_stop(); }
+};
+
+int connect_agent()
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    strncpy(sa.sun_path, g_path.c_str(), sizeof(sa.sun_path) - 1);
+    if (connect(fd, (sockaddr *)&sa, sizeof(sa)) < 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool read_n(int fd, uint8_t *p, size_t n)
+{
+    while (n) {
+        pollfd pf{fd, POLLIN, 0};
+        if (poll(&pf, 1, 5000) <= 0)
+            return false;
+        ssize_t r = read(fd, p, n);
+        if (r <= 0)
+            return false;
+        p += r;
+        n -= (size_t)r;
+    }
+    return true;
+}
+
+// One raw write, then the reply body; nullopt when the agent closed the connection.
+std::optional<bytes> exchange_raw(int fd, const bytes &raw)
+{
+    if (!raw.empty() && send(fd, raw.data(), raw.size(), MSG_NOSIGNAL) != (ssize_t)raw.size())
+        return std::nullopt;
+    uint8_t len[4];
+    if (!read_n(fd, len, 4))
+        return std::nullopt;
+    bytes body(get_u32(len));
+    if (!read_n(fd, body.data(), body.size()))
+        return std::nullopt;
+    return body;
+}
+
+std::optional<bytes> request(const bytes &body)
+{
+    int fd = connect_agent();
+    auto r = exchange_raw(fd, frame(body));
+    close(fd);
+    return r;
+}
+
+bytes command(uint16_t id, uint8_t neg, const bytes &block, uint16_t type = 17)
+{
+    bytes b = {REQ_COMMAND};
+    put_u16(b, id);
+    b.push_back(neg);
+    b.push_back((uint8_t)type); // host order (little-endian here)
+    b.push_back((uint8_t)(type >> 8));
+    b.insert(b.end(), 6, 0);
+    b.insert(b.end(), block.begin(), block.end());
+    return b;
+}
+
+int32_t result_of(const bytes &r) { return (int32_t)get_u32(r.data()); }
+std::string text_of(const bytes &r) { return std::string(r.begin() + 4, r.end()); }
+
+bytes mac_block(uint8_t tail = 0)
+{
+    bytes b(20, 0);
+    const uint8_t mac[6] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
+    memcpy(&b[12], mac, 6);
+    b[19] = tail;
+    return b;
+}
+
+} // namespace
+
+TEST_F(CliAgent, InitialisersRanInOrderAndSocketIsOwnerOnly)
+{
+    EXPECT_EQ(g_init_order, (std::vector<int>{1, 2}));
+    struct stat st;
+    ASSERT_EQ(stat(g_path.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST_F(CliAgent, CommandRunsFirstRegistrationOnAgentThread)
+{
+    auto r = request(command(100, 0, mac_block(9)));
+    ASSERT_TRUE(r);
+    EXPECT_EQ(result_of(*r), 0);
+    EXPECT_EQ(text_of(*r), "neg=0 mac=0011.22aa.bbcc tail=9\n");
+    EXPECT_TRUE(pthread_equal(g_handler_thread.load(), g_agent_thread));
+
+    r = request(command(100, 1, mac_block()));
+    ASSERT_TRUE(r);
+    EXPECT_EQ(result_of(*r), -1);
+    EXPECT_EQ(text_of(*r), "neg=1 mac=0011.22aa.bbcc tail=0\n");
+}
+
+TEST_F(CliAgent, ShortBlockReadsAsZerosPastItsEnd)
+{
+    bytes b = mac_block(7);
+    b.resize(12); // no argument: the handler must see zeros, not stale bytes
+    auto r = request(command(100, 0, b));
+    ASSERT_TRUE(r);
+    EXPECT_EQ(text_of(*r), "neg=0 mac=0000.0000.0000 tail=0\n");
+}
+
+TEST_F(CliAgent, SeveralRequestsOnOneConnectionAndLargeOutput)
+{
+    int fd = connect_agent();
+    ASSERT_GE(fd, 0);
+    // Two frames in one write: answered in order.
+    bytes two = frame(command(100, 0, mac_block(1)));
+    bytes second = frame(command(101, 0, bytes(12, 0)));
+    two.insert(two.end(), second.begin(), second.end());
+    auto r1 = exchange_raw(fd, two);
+    ASSERT_TRUE(r1);
+    EXPECT_EQ(text_of(*r1), "neg=0 mac=0011.22aa.bbcc tail=1\n");
+    auto r2 = exchange_raw(fd, {});
+    ASSERT_TRUE(r2);
+    EXPECT_EQ(result_of(*r2), 0);
+    size_t want = 4;
+    for (int i = 0; i < 20000; i++)
+        want += 41 + std::to_string(i).size();
+    EXPECT_EQ(r2->size(), want);
+    close(fd);
+}
+
+TEST_F(CliAgent, RunningConfigurationListsTheGeneratorsEntries)
+{
+    auto r = request({REQ_RUNNING});
+    ASSERT_TRUE(r);
+    bytes want;
+    put_u32(want, 0);
+    put_u16(want, 2);
+    put_u16(want, 1882);
+    put_u16(want, 12);
+    want.insert(want.end(), 12, 0);
+    put_u16(want, 1893);
+    put_u16(want, 16);
+    bytes b = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 90, 0, 0, 0};
+    want.insert(want.end(), b.begin(), b.end());
+    EXPECT_EQ(*r, want);
+}
+
+TEST_F(CliAgent, StatusAnswersZero)
+{
+    auto r = request({REQ_STATUS});
+    ASSERT_TRUE(r);
+    EXPECT_EQ(result_of(*r), 0);
+    EXPECT_EQ(text_of(*r), rt_status_text());
+}
+
+TEST_F(CliAgent, DebugSwitchOfAnUnknownCategoryIsNegative)
+{
+    bytes b = {REQ_DEBUG, 1};
+    for (char c : std::string("nosuchmodule\0x\0", 15))
+        b.push_back((uint8_t)c);
+    auto r = request(b);
+    ASSERT_TRUE(r);
+    EXPECT_LT(result_of(*r), 0);
+}
+
+TEST_F(CliAgent, MalformedRequestsGetAnErrorReplyAndChangeNothing)
+{
+    uint64_t before = rt_counter("cli.malformed");
+    int calls = g_echo_calls;
+    struct {
+        bytes body;
+        int32_t code;
+        const char *why;
+    } cases[] = {
+        {{}, E_MALFORMED, "empty request"},
+        {{9}, E_MALFORMED, "unknown request kind 9"},
+        {{REQ_RUNNING, 0}, E_MALFORMED, "running-configuration request of 2 bytes"},
+        {{REQ_STATUS, 1, 2}, E_MALFORMED, "status request of 3 bytes"},
+        {{REQ_COMMAND, 0x00, 100, 0}, E_MALFORMED, "command request of 4 bytes"},
+        {command(100, 0, bytes(21, 0)), E_MALFORMED, "command request of 33 bytes"},
+        {command(100, 0, bytes(11, 0)), E_MALFORMED, "command request of 23 bytes"},
+        {command(100, 2, mac_block()), E_MALFORMED, "negated flag 2"},
+        {command(100, 0, mac_block(), 16), E_MALFORMED, "IPC type 16 (expected 17)"},
+        {command(4321, 0, mac_block()), E_UNKNOWN, "unknown command 4321"},
+        {{REQ_DEBUG, 1}, E_MALFORMED, "debug request too short"},
+        {{REQ_DEBUG, 2, 'a', 0, 'b', 0}, E_MALFORMED, "switch 2"},
+        {{REQ_DEBUG, 1, 0, 'b', 0}, E_MALFORMED, "no module name"},
+        {{REQ_DEBUG, 1, 'a', 0, 'b'}, E_MALFORMED, "no category name"},
+        {{REQ_DEBUG, 1, 'a', 0, 'b', 0, 'c'}, E_MALFORMED, "bytes after the category"},
+    };
+    for (auto &c : cases) {
+        auto r = request(c.body);
+        ASSERT_TRUE(r) << c.why;
+        EXPECT_EQ(result_of(*r), c.code) << c.why;
+        EXPECT_EQ(text_of(*r).rfind("error: ", 0), 0u) << text_of(*r);
+        EXPECT_NE(text_of(*r).find(c.why), std::string::npos) << text_of(*r);
+    }
+    EXPECT_EQ(rt_counter("cli.malformed") - before, 14u);
+    EXPECT_EQ(g_echo_calls, calls); // no handler ran
+}
+
+TEST_F(CliAgent, OversizedOrTruncatedFramesCloseTheConnectionOnly)
+{
+    // A declared length over the limit: closed without waiting for the body.
+    int fd = connect_agent();
+    bytes huge;
+    put_u32(huge, 1u << 30);
+    huge.push_back(REQ_STATUS);
+    EXPECT_FALSE(exchange_raw(fd, huge));
+    close(fd);
+
+    // A frame cut short by the client: nothing is read past what arrived.
+    uint64_t before = rt_counter("cli.truncated");
+    fd = connect_agent();
+    bytes part = frame(command(100, 0, mac_block()));
+    part.resize(part.size() - 5);
+    ASSERT_EQ(send(fd, part.data(), part.size(), MSG_NOSIGNAL), (ssize_t)part.size());
+    close(fd);
+
+    // The agent still serves.
+    auto r = request(command(100, 0, mac_block(3)));
+    ASSERT_TRUE(r);
+    EXPECT_EQ(text_of(*r), "neg=0 mac=0011.22aa.bbcc tail=3\n");
+    for (int i = 0; i < 100 && rt_counter("cli.truncated") == before; i++)
+        usleep(20000);
+    EXPECT_EQ(rt_counter("cli.truncated") - before, 1u);
+}

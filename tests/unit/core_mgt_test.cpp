@@ -1,0 +1,132 @@
+// The manager: the settings segment (fresh, kept across a restart, restoring
+// tracking), initialisation failures, the setters and the life rule of a reading.
+#include "core_util.h"
+#include "ltr_engine.h"
+
+namespace {
+
+class CoreMgt : public LtrTest {
+  protected:
+    // A daemon restart: platform state gone except the shared segment and the store.
+    void restart()
+    {
+        ltr_test_reset_core();
+        fake::reset_keep_shm();
+        ltr_debug_flags = LTR_DBG_ERROR;
+    }
+};
+
+TEST_F(CoreMgt, FreshSegmentGetsDefaultsAndRestartKeepsThem)
+{
+    ASSERT_EQ(ltr_mgt_init(), 0);
+    EXPECT_EQ(fake::calls_of("qz_shm_create")[0].args, (std::vector<int64_t>{0x10201, 20}));
+    ltr_cfg want = core_defaults();
+    EXPECT_EQ(fake::shm_bytes(LTR_SHM_KEY), fake::bytes((uint8_t *)&want, (uint8_t *)&want + 20));
+    fake::clear_calls();
+    EXPECT_EQ(ltr_mgt_init(), 0); // a second call does nothing
+    EXPECT_TRUE(fake::calls().empty());
+
+    mgt.cfg->lmatch = 0;
+    mgt.cfg->rpt_interval = 17;
+    auto before = fake::shm_bytes(LTR_SHM_KEY);
+    restart();
+    ASSERT_EQ(ltr_mgt_init(), 0);
+    EXPECT_EQ(fake::shm_bytes(LTR_SHM_KEY), before);
+}
+
+TEST_F(CoreMgt, StoredEnabledRestartsTrackingBeforeAnyThread)
+{
+    fake::set_radios({{"wifi0", 4}});
+    ASSERT_EQ(ltr_mgt_init(), 0);
+    mgt.cfg->enabled = 1;
+    restart();
+    fake::set_radios({{"wifi0", 4}});
+    ASSERT_EQ(ltr_mgt_init(), 0);
+    EXPECT_EQ(mgt.engine, &ltr_engine_ops);
+    EXPECT_TRUE(fake::hc_registered());
+    EXPECT_EQ(fake::radio_state(4).track_enable, 1);
+    EXPECT_TRUE(fake::timer_state(mgt.rssi_fetch_timer).armed);
+
+    // The start fails: still up, still reading enabled.
+    restart();
+    fake::script("qz_hc_register", -1);
+    ASSERT_EQ(ltr_mgt_init(), 0);
+    EXPECT_TRUE(fake::dbg_has("start tracking setting failed.\n"));
+    EXPECT_EQ(mgt.engine, nullptr);
+    EXPECT_EQ(mgt.cfg->enabled, 1u);
+}
+
+TEST_F(CoreMgt, InitFailures)
+{
+    struct {
+        const char *fn;
+        int skip; // calls of fn that succeed first
+        const char *text;
+        int want;
+    } cases[] = {
+        {"qz_dcd_get_mac_byname", 0, "get mgt0 mac failed.\n", -1},
+        {"qz_pmpt_timer_create", 0, "create rssi fetch timer failed.\n", -1},
+        {"qz_pmpt_timer_create", 1, "create station owner ip check timer failed.\n", -1},
+        {"qz_shm_create", 0, "attach shared settings failed.\n", -1},
+        {"qz_dcd_get_addr_byname", 0, "get mgt0 ip failed.\n", 0},
+    };
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.text);
+        fake::reset();
+        restart();
+        fake::script(c.fn, 0, c.skip);
+        fake::script(c.fn, -1);
+        EXPECT_EQ(ltr_mgt_init(), c.want);
+        EXPECT_TRUE(fake::dbg_has(c.text));
+        EXPECT_EQ(ltr_mgt_inited, c.want == 0);
+    }
+    EXPECT_EQ(mgt.my_ip, 0u); // the address comes later by event
+}
+
+TEST_F(CoreMgt, SettersAndCleanup)
+{
+    ASSERT_EQ(ltr_mgt_init(), 0);
+    EXPECT_EQ(ltr_mgt_set_rssi_threshold(0x0105), 0);
+    EXPECT_EQ(ltr_mgt_set_suppress(0xffff), 0);
+    EXPECT_EQ(ltr_mgt_set_hold_time(0xff), 0);
+    EXPECT_EQ(ltr_mgt_set_valid_period(0), 0);
+    ltr_cfg want = core_defaults();
+    want.rssi_threshold = 5;
+    want.suppress = 0xffff;
+    want.valid_period = 0;
+    want.hold_time = 0xff;
+    EXPECT_EQ(memcmp(mgt.cfg, &want, sizeof(want)), 0);
+    EXPECT_EQ(pthread_mutex_trylock(&mgt.lock), 0); // every setter let go of it
+    pthread_mutex_unlock(&mgt.lock);
+
+    EXPECT_EQ(ltr_mgt_cleanup(), 0);
+    EXPECT_EQ(fake::count("qz_pmpt_timer_delete"), 2u);
+    EXPECT_EQ(fake::count("qz_shm_destroy"), 1u);
+    EXPECT_EQ(ltr_mgt_inited, 0);
+}
+
+TEST_F(CoreMgt, ReadingLife)
+{
+    static ltr_cfg cfg = core_defaults();
+    mgt.cfg = &cfg;
+    ltr_rssi_entry e{};
+    struct {
+        uint32_t my_ip, local;
+        uint16_t interval;
+        uint8_t hold;
+        int want;
+    } cases[] = {{1, 1, 60, 9, 1}, {1, 1, 25, 9, 2}, {1, 1, 120, 9, 1}, {1, 1, 0, 9, 1},
+                 {1, 0, 20, 2, 3}, {0, 1, 20, 2, 3}, {0, 0, 20, 255, 256}};
+    for (auto &c : cases) {
+        mgt.my_ip = c.my_ip;
+        e.ni_local = c.local;
+        cfg.rpt_interval = c.interval;
+        cfg.hold_time = c.hold;
+        EXPECT_EQ(ltr_rssi_life(&mgt, &e), c.want) << c.my_ip << c.local << " " << c.interval;
+    }
+    EXPECT_DEATH(ltr_rssi_life(&mgt, nullptr), "Assertion \\(mgt != \\(\\(void \\*\\)0\\) && "
+                                               "rssi != \\(\\(void \\*\\)0\\)\\) failed at "
+                                               "qz_ltr_common:");
+}
+
+} // namespace

@@ -1,4 +1,4 @@
-// Starting and stopping tracking as a whole, and where the lock is held.
+// Starting and stopping tracking as a whole, and where the lock is held meanwhile.
 #include "core_util.h"
 #include "ltr_alloc.h"
 #include "ltr_engine.h"
@@ -17,13 +17,7 @@ class CoreTracking : public LtrTest {
         fake::set_radios({{"wifi0", 4}, {"wifi1", 0}, {"wifi2", 9}});
         ASSERT_EQ(ltr_mgt_init(), 0);
         fake::clear_calls();
-    }
-    bool lock_free()
-    {
-        if (pthread_mutex_trylock(&mgt.lock) != 0)
-            return false;
-        pthread_mutex_unlock(&mgt.lock);
-        return true;
+        ltr_debug_flags = LTR_DBG_ERROR;
     }
 };
 
@@ -31,55 +25,46 @@ TEST_F(CoreTracking, StartRegistersEngineRadiosAndTimers)
 {
     mgt.cfg->rpt_interval = 45;
     ASSERT_EQ(ltr_set_enabled(1), 0);
-
-    ASSERT_TRUE(fake::hc_registered());
     const qz_hc_reg &reg = fake::hc_last_reg();
+    EXPECT_TRUE(fake::hc_registered());
     EXPECT_EQ(reg.module_id, 52u);
     EXPECT_EQ(reg.caps, 6u);
     EXPECT_EQ(reg.version, 1u);
     EXPECT_EQ(reg.recv, &ltr_lta_msg_recv);
     EXPECT_EQ(reg.priv, nullptr);
-
     EXPECT_EQ(mgt.engine, &ltr_engine_ops);
     EXPECT_NE(mgt.omsg, nullptr);
     EXPECT_EQ(mgt.cfg->enabled, 1u);
     EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_track_enable"), (std::vector<int64_t>{4, 9}));
-    EXPECT_EQ(fake::radio_state(9).track_enable, 1);
     EXPECT_EQ(fake::timer_state(mgt.owner_flush_timer).period, 300u);
     EXPECT_EQ(fake::timer_state(mgt.rssi_fetch_timer).period, 45u);
-    EXPECT_TRUE(lock_free());
+    EXPECT_TRUE(core_lock_free());
 
-    // Enabling again changes nothing.
     fake::clear_calls();
-    EXPECT_EQ(ltr_set_enabled(1), 0);
+    EXPECT_EQ(ltr_set_enabled(1), 0); // already started: nothing happens
     EXPECT_TRUE(fake::calls().empty());
 }
 
-TEST_F(CoreTracking, RegistrationFailureChangesNothing)
+TEST_F(CoreTracking, FailedStartsLeaveTrackingStopped)
 {
-    ltr_debug_flags = LTR_DBG_ERROR;
     fake::script("qz_hc_register", -1);
     EXPECT_EQ(ltr_set_enabled(1), -1);
     EXPECT_TRUE(fake::dbg_has("register nbrcom library failed.\n"));
-    EXPECT_EQ(mgt.engine, nullptr);
-    EXPECT_EQ(mgt.omsg, nullptr);
-    EXPECT_EQ(mgt.cfg->enabled, 0u);
-    EXPECT_EQ(fake::count("qz_hc_unregister"), 0u);
-    EXPECT_EQ(fake::count("qz_dcd_set_lta_track_enable"), 0u);
-    EXPECT_FALSE(fake::timer_state(mgt.rssi_fetch_timer).armed);
-    EXPECT_TRUE(lock_free());
-}
+    EXPECT_EQ(fake::call_names(), (std::vector<std::string>{"qz_hc_register"}));
 
-TEST_F(CoreTracking, EngineFailureUnregistersAgain)
-{
-    ltr_debug_flags = LTR_DBG_ERROR;
+    // The engine refuses after the registration: unregistered again, under the lock.
+    fake::clear_calls();
+    bool locked = false;
+    fake::on_call("qz_hc_unregister", [&] { locked = !core_lock_free(); });
     ltr_alloc_fail_at = 1; // the engine's buffer
-    EXPECT_EQ(ltr_start_tracking(), -1);
+    EXPECT_EQ(ltr_set_enabled(1), -1);
     EXPECT_TRUE(fake::dbg_has("register engine failed.\n"));
     EXPECT_EQ(fake::call_names(), (std::vector<std::string>{"qz_hc_register", "qz_hc_unregister"}));
-    EXPECT_FALSE(fake::hc_registered());
+    EXPECT_TRUE(locked);
     EXPECT_EQ(mgt.engine, nullptr);
     EXPECT_EQ(mgt.cfg->enabled, 0u);
+    EXPECT_FALSE(fake::timer_state(mgt.rssi_fetch_timer).armed);
+    EXPECT_TRUE(core_lock_free());
 }
 
 TEST_F(CoreTracking, StopUndoesStartAndUnregistersWithoutTheLock)
@@ -87,64 +72,40 @@ TEST_F(CoreTracking, StopUndoesStartAndUnregistersWithoutTheLock)
     ASSERT_EQ(ltr_set_enabled(1), 0);
     ASSERT_EQ(ltr_apply_trackobj(kMac, LTR_TRACK_MAC, 1), 0);
     fake::clear_calls();
-
     bool seen = false;
     fake::on_call("qz_hc_unregister", [&] {
         seen = true;
-        EXPECT_TRUE(lock_free());
+        EXPECT_TRUE(core_lock_free());
         EXPECT_EQ(mgt.engine, nullptr);
         EXPECT_EQ(mgt.cfg->enabled, 1u);
     });
     EXPECT_EQ(ltr_set_enabled(0), 0);
     EXPECT_TRUE(seen);
-
-    auto order = core_calls_among({"qz_dcd_set_lta_track_enable", "qz_pmpt_timer_stop",
-                                   "qz_hc_unregister", "qz_db_delete"});
-    EXPECT_EQ(order, (std::vector<std::string>{"qz_dcd_set_lta_track_enable",
-                                               "qz_dcd_set_lta_track_enable", "qz_pmpt_timer_stop",
-                                               "qz_pmpt_timer_stop", "qz_hc_unregister",
-                                               "qz_db_delete"}));
+    EXPECT_EQ(core_calls_among({"qz_dcd_set_lta_track_enable", "qz_pmpt_timer_stop",
+                                "qz_hc_unregister", "qz_db_delete"}),
+              (std::vector<std::string>{"qz_dcd_set_lta_track_enable",
+                                        "qz_dcd_set_lta_track_enable", "qz_pmpt_timer_stop",
+                                        "qz_pmpt_timer_stop", "qz_hc_unregister", "qz_db_delete"}));
     EXPECT_EQ(fake::radio_state(4).track_enable, 0);
-    EXPECT_FALSE(fake::timer_state(mgt.rssi_fetch_timer).armed);
     EXPECT_FALSE(fake::timer_state(mgt.owner_flush_timer).armed);
-    EXPECT_EQ(mgt.engine, nullptr);
     EXPECT_EQ(mgt.omsg, nullptr);
     EXPECT_EQ(mgt.cfg->enabled, 0u);
-    EXPECT_EQ(ltr_tl.obj_cnt, 0);
-    EXPECT_TRUE(fake::db().empty());
-    EXPECT_TRUE(lock_free());
-
-    // Re-enabled, the list stays empty.
+    EXPECT_TRUE(core_lock_free());
     ASSERT_EQ(ltr_set_enabled(1), 0);
-    EXPECT_EQ(ltr_tl.obj_cnt, 0);
+    EXPECT_EQ(ltr_tl.obj_cnt, 0); // the list did not come back
 }
 
-TEST_F(CoreTracking, DisableWhileStoppedStillClearsButKeepsEnabled)
+TEST_F(CoreTracking, DisableWhileStoppedClearsButKeepsEnabled)
 {
     ltr_track_key key = ltr_track_key_make(kMac, LTR_TRACK_MAC);
     ASSERT_EQ(ltr_track_obj_add(&key), 0);
-    mgt.cfg->enabled = 1; // a restored start that failed
+    mgt.cfg->enabled = 1; // as after a restored start that failed
     EXPECT_EQ(ltr_set_enabled(0), 0);
     EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_track_enable"), (std::vector<int64_t>{4, 9}));
-    EXPECT_EQ(fake::radio_state(4).track_enable, 0);
-    EXPECT_EQ(fake::count("qz_hc_unregister"), 0u);
-    EXPECT_EQ(fake::count("qz_pmpt_timer_stop"), 0u);
+    EXPECT_EQ(fake::count("qz_hc_unregister") + fake::count("qz_pmpt_timer_stop"), 0u);
     EXPECT_EQ(mgt.cfg->enabled, 1u);
     EXPECT_EQ(ltr_tl.obj_cnt, 0);
     EXPECT_TRUE(fake::db().empty());
-}
-
-TEST_F(CoreTracking, StartFailureFromEnableUnregistersUnderTheLock)
-{
-    ltr_alloc_fail_at = 1;
-    bool seen = false;
-    fake::on_call("qz_hc_unregister", [&] {
-        seen = true;
-        EXPECT_FALSE(lock_free());
-    });
-    EXPECT_EQ(ltr_set_enabled(1), -1);
-    EXPECT_TRUE(seen);
-    EXPECT_TRUE(lock_free());
 }
 
 } // namespace

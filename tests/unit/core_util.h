@@ -1,11 +1,12 @@
 // Helpers of the core and tracking-control tests.
 #pragma once
+#include <set>
 #include <string>
 #include <vector>
 
 #include "ltr_test.h"
 
-// Settings without the shared segment: for tests that need no start-up.
+// Settings without the shared segment, for tests that need no start-up.
 inline ltr_cfg core_defaults()
 {
     ltr_cfg c{};
@@ -17,7 +18,7 @@ inline ltr_cfg core_defaults()
     return c;
 }
 
-// The first argument (the interface index) of every call of fn, in order.
+// The interface index (first argument) of every call of fn, in order.
 inline std::vector<int64_t> core_ifindexes(const std::string &fn)
 {
     std::vector<int64_t> out;
@@ -26,23 +27,21 @@ inline std::vector<int64_t> core_ifindexes(const std::string &fn)
     return out;
 }
 
-// The names of the calls among `of`, in the order they were made.
+// The calls named in `of`, in the order they were made.
 inline std::vector<std::string> core_calls_among(const std::vector<std::string> &of)
 {
+    std::set<std::string> names(of.begin(), of.end());
     std::vector<std::string> out;
     for (auto &n : fake::call_names())
-        for (auto &o : of)
-            if (n == o)
-                out.push_back(n);
+        if (names.count(n))
+            out.push_back(n);
     return out;
 }
 
-inline fake::bytes core_ifchange(uint32_t type, int32_t ifindex, uint32_t flags, const char *name)
+inline bool core_lock_free()
 {
-    fake::bytes b(12);
-    memcpy(b.data(), &type, 4);
-    memcpy(b.data() + 4, &ifindex, 4);
-    memcpy(b.data() + 8, &flags, 4);
-    b.insert(b.end(), name, name + strlen(name) + 1);
-    return b;
+    if (pthread_mutex_trylock(&mgt.lock) != 0)
+        return false;
+    pthread_mutex_unlock(&mgt.lock);
+    return true;
 }

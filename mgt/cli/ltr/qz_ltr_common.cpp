@@ -7,7 +7,7 @@
 #include "qz_dcd.h"
 #include "ltr_track.h"
 
-ltr_mgt mgt = {
+constinit ltr_mgt mgt = {
     .lock = PTHREAD_MUTEX_INITIALIZER,
     .shm_id = -1,
     .cfg = nullptr,

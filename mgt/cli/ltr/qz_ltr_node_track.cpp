@@ -13,8 +13,6 @@ ltr_track_list ltr_tl;
 // The stored value is the object's first 16 bytes: the key and four zero bytes.
 #define LTR_TRACK_VAL_LEN 16
 static_assert(offsetof(ltr_track_obj, zero) + sizeof(ltr_track_obj::zero) == LTR_TRACK_VAL_LEN);
-// Room for whatever a store record may hold; the store refuses longer values.
-#define LTR_TRACK_FETCH_MAX 64
 
 ltr_track_key ltr_track_key_make(const uint8_t *addr, uint32_t type)
 {
@@ -70,7 +68,7 @@ void ltr_track_list_load_cb(qz_db_t *db, const void *key, int klen)
     }
     // Fetch into a buffer as large as any value the store hands out, so that a record
     // longer than ours cannot overrun the object; keep only our 16 bytes.
-    uint8_t val[LTR_TRACK_FETCH_MAX] = {};
+    uint8_t val[QZ_DB_VALUE_MAX] = {};
     if (qz_db_fetch_bykey(db, key, klen, val) < 0) {
         qz_log(0, 4, "fetch ltr track failed!\n");
         ltr_delete(obj);

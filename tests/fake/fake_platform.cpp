@@ -42,6 +42,7 @@ struct state {
     int not_ready = 0;
     std::map<std::string, std::function<void()>> hooks;
     bool echo_logs = false;
+    bool recording = true;
 };
 
 state &S()
@@ -75,7 +76,8 @@ int scripted(const std::string &fn, int dflt)
 void record(const std::string &fn, std::vector<int64_t> args = {}, std::string text = {},
             bytes data = {})
 {
-    S().calls.push_back({fn, std::move(args), std::move(text), std::move(data)});
+    if (S().recording)
+        S().calls.push_back({fn, std::move(args), std::move(text), std::move(data)});
     auto it = S().hooks.find(fn);
     if (it != S().hooks.end() && it->second) {
         auto hook = it->second; // the hook may replace itself
@@ -138,6 +140,12 @@ std::vector<std::string> call_names()
     for (auto &c : S().calls)
         out.push_back(c.fn);
     return out;
+}
+
+void set_recording(bool on)
+{
+    std::lock_guard g(mu);
+    S().recording = on;
 }
 
 void clear_calls()
@@ -543,7 +551,7 @@ int qz_event_send(uint32_t id, int len, void *payload)
     G g(mu);
     record("qz_event_send", {id, len}, {}, to_bytes(payload, (size_t)len));
     int r = scripted("qz_event_send", 0);
-    if (r >= 0)
+    if (r >= 0 && S().recording)
         S().events_sent.push_back({id, to_bytes(payload, (size_t)len)});
     return r;
 }
@@ -585,7 +593,7 @@ int qz_hc3u_send(uint32_t dst, void *msg, int len)
     G g(mu);
     record("qz_hc3u_send", {dst, len}, {}, to_bytes(msg, (size_t)len));
     int r = scripted("qz_hc3u_send", 0);
-    if (r >= 0)
+    if (r >= 0 && S().recording)
         S().hc_sent.push_back({dst, to_bytes(msg, (size_t)len)});
     return r;
 }
@@ -595,7 +603,7 @@ int qz_capwap_send_event(uint32_t id, int len, void *payload)
     G g(mu);
     record("qz_capwap_send_event", {id, len}, {}, to_bytes(payload, (size_t)len));
     int r = scripted("qz_capwap_send_event", 0);
-    if (r >= 0)
+    if (r >= 0 && S().recording)
         S().capwap_sent.push_back({id, to_bytes(payload, (size_t)len)});
     return r;
 }

@@ -46,6 +46,8 @@ std::vector<call> calls_of(const std::string &fn);
 size_t count(const std::string &fn);
 std::vector<std::string> call_names(); // in order
 void clear_calls();
+// Off: calls and sends are no longer recorded (benchmarks); scripts still apply.
+void set_recording(bool on);
 
 // The next `times` calls of fn return result instead of the default.
 void script(const std::string &fn, int result, int times = 1);

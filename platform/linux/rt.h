@@ -42,6 +42,7 @@ struct rt_config {
     std::vector<rt_radio_cfg> radios;
     std::string sim_world;
     uint64_t sim_seed = 1;
+    std::string sim_ap;            // access point of the world this instance is; "" = instance
     std::string owners_mode = "auto"; // "auto" or "external"
     uint32_t owners_peer_timeout_ms = 300;
     std::string store_dir; // "" = store paths as the daemon gives them

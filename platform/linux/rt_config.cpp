@@ -263,6 +263,9 @@ constexpr key_def sim_keys[] = {
     {"seed", [](const key_ctx &k, const toml::node &n, rt_config &c) {
          return get_int(k, n, c.sim_seed, 0, INT64_MAX);
      }},
+    {"ap", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.sim_ap);
+     }},
 };
 
 constexpr key_def owners_keys[] = {

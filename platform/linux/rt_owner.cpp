@@ -1,3 +1,53 @@
-// Placeholder until the owner service lands.
+// The process's owner service: started by qz_event_init, fed by the event send tap.
+#include <syslog.h>
+
+#include <mutex>
+
+#include "owner_service.h"
 #include "rt.h"
-void rt_owner_start() {}
+
+static std::mutex g_mu;
+
+// Created after the neighbour endpoint, so destroyed before it at exit.
+static owner_service_ptr &owner_slot()
+{
+    static owner_service_ptr s;
+    return s;
+}
+
+static void owner_tap(uint32_t id, const void *payload, int len)
+{
+    if (id != OWNER_EVT_QUERY)
+        return;
+    std::lock_guard l(g_mu);
+    if (owner_slot())
+        owner_service_query(owner_slot().get(), payload, len);
+}
+
+void rt_owner_start()
+{
+    nbr_endpoint *ep = nbr_global();
+    std::lock_guard l(g_mu);
+    static bool started;
+    if (started)
+        return;
+    started = true;
+    const rt_config &c = rt_cfg();
+    if (c.owners_mode == "external") {
+        rt_log(LOG_INFO, "owner queries are left to an outside resolver (owners.mode external)");
+        return;
+    }
+    owner_params p;
+    if (rt_mgt_ip(&p.self_ip) < 0 || p.self_ip == 0)
+        rt_log(LOG_WARNING, "owner service: the management IPv4 is unknown; owners will read 0");
+    p.peer_timeout_ms = static_cast<int>(c.owners_peer_timeout_ms);
+    for (const auto &s : c.nb_peers) {
+        uint32_t ip;
+        if (nbr_parse_ipv4(s, &ip))
+            p.peers.push_back(ip);
+    }
+    p.radios = rt_radios;
+    p.post = rt_event_post;
+    owner_slot() = owner_service_open(p, ep);
+    rt_event_add_send_tap(owner_tap);
+}

@@ -1,0 +1,67 @@
+// The station-owner service: answers the daemon's owner queries (event 156) with
+// owner replies (event 157), asking peers over neighbour messaging when needed.
+#pragma once
+#include <stddef.h>
+#include <stdint.h>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "nbr_endpoint.h"
+#include "rt.h"
+
+constexpr uint32_t OWNER_EVT_QUERY = 156;
+constexpr uint32_t OWNER_EVT_REPLY = 157;
+constexpr uint16_t OWNER_QUERY_CODE = 302;
+
+// One record of the owner reply event, after its u16 count.
+struct owner_reply_rec {
+    uint8_t mac[6];
+    uint32_t owner; // network order
+} __attribute__((packed));
+static_assert(sizeof(owner_reply_rec) == 10);
+static_assert(offsetof(owner_reply_rec, owner) == 6);
+
+// Header of the service's own neighbour messages; count MACs follow.
+struct owner_msg_hdr {
+    uint8_t type;     // OWNER_MSG_*
+    uint8_t reserved;
+    uint8_t count[2]; // big-endian
+    uint8_t seq[4];   // big-endian; an answer echoes its ask's
+};
+static_assert(sizeof(owner_msg_hdr) == 8);
+static_assert(offsetof(owner_msg_hdr, seq) == 4);
+
+enum : uint8_t {
+    OWNER_MSG_HELLO = 1,  // "I am alive"; count 0
+    OWNER_MSG_ASK = 2,    // which of these stations are associated with you?
+    OWNER_MSG_ANSWER = 3, // these ones (possibly none)
+};
+
+struct owner_params {
+    uint32_t self_ip = 0;          // this access point's management IPv4, network order
+    int peer_timeout_ms = 300;     // how long to wait for peers' answers
+    int hello_ms = 1000;           // hello period
+    int live_ms = 3500;            // a peer heard within this is live
+    std::vector<uint32_t> peers;   // configured peers, greeted every hello period
+    std::function<std::vector<rt_radio *>()> radios;
+    std::function<void(uint32_t id, const void *payload, int len)> post;
+};
+
+struct owner_service;
+struct owner_service_deleter {
+    void operator()(owner_service *s) const;
+};
+using owner_service_ptr = std::unique_ptr<owner_service, owner_service_deleter>;
+
+// Starts the worker thread; ep may be null (a lone access point). ep must outlive it.
+owner_service_ptr owner_service_open(const owner_params &p, nbr_endpoint *ep);
+// Queues one owner query payload (event 156, host order) for an asynchronous answer;
+// a malformed payload is logged, counted and dropped. Never blocks on the answer.
+void owner_service_query(owner_service *s, const void *payload, int len);
+// The peers heard from within live_ms, network order.
+std::vector<uint32_t> owner_service_live(owner_service *s);
+
+// The rendezvous winner for mac among candidates (network-order IPv4); 0 when none.
+uint32_t owner_rendezvous(const uint8_t mac[6], const std::vector<uint32_t> &candidates);

@@ -1,0 +1,37 @@
+// State of the simulated radios as radio.sock and the tests reach it.
+#pragma once
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "sim_world.h"
+
+struct sim_radio;
+
+constexpr size_t SIM_MAX_MAC_OBJ = 512; // track objects per radio, like a driver's table
+constexpr size_t SIM_MAX_OUI_OBJ = 128;
+
+// The open simulated radio with that interface name, or null.
+sim_radio *sim_radio_find(const std::string &name);
+
+// Stations injected through radio.sock. Results: empty on success, else why not.
+std::string sim_hear(sim_radio *r, const sim_heard &h);
+std::string sim_forget(sim_radio *r, const sim_mac &mac);
+void sim_clear(sim_radio *r);
+std::string sim_assoc(sim_radio *r, const sim_mac &mac, uint16_t freq);
+std::string sim_disassoc(sim_radio *r, const sim_mac &mac);
+// The next count calls of the driver operation op fail ("get_lta_rpt_tbl", ...).
+std::string sim_fail(const std::string &op, int count);
+// "track", "lmatch", "obj mac|oui" and "stats" lines, each ending in '\n'.
+std::string sim_state_text(sim_radio *r);
+
+// The simulated clock, in seconds since the first radio opened; tests may pin it.
+void sim_set_clock(std::function<double()> clock);
+// Tests: forget the world, the pending failures and the clock.
+void sim_reset();
+
+// radio.sock under runtime_dir: started with the first simulated radio, ends on stop.
+void rt_radio_sock_start();
+void rt_radio_sock_stop();
+// One request line in, the whole reply out (ends with "ok\n" or "error: <why>\n").
+std::string rt_radio_sock_command(const std::string &line);

@@ -1,0 +1,83 @@
+// ltr-server command lines: what they build, and clear refusals of bad input.
+#include <gtest/gtest.h>
+
+#include "srv_cmd.h"
+
+using namespace lsrv;
+
+TEST(ServerCommand, RequestItemsBecomeTlvsInTheOrderGiven)
+{
+    command c;
+    std::string err;
+    ASSERT_TRUE(parse_command("  start ap-1 mac=00:11:22:33:44:55,aabb.ccdd.eeff interval=65535 "
+                              "oui=00-50-f2 threshold=0 valid=0 tlv=6:0102 mac=all",
+                              c, err))
+        << err;
+    EXPECT_EQ(c.kind, CMD_REQUEST);
+    EXPECT_EQ(c.op, OP_START);
+    EXPECT_EQ(c.target, "ap-1");
+    ASSERT_EQ(c.tlvs.size(), 7u);
+    EXPECT_EQ(c.tlvs[0], (bytes{0, 4, 0, 17, 2, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0xaa, 0xbb, 0xcc,
+                                0xdd, 0xee, 0xff}));
+    EXPECT_EQ(c.tlvs[1], (bytes{0, 1, 0, 6, 0xff, 0xff}));
+    EXPECT_EQ(c.tlvs[2], (bytes{0, 5, 0, 8, 1, 0x00, 0x50, 0xf2}));
+    EXPECT_EQ(c.tlvs[3], (bytes{0, 2, 0, 5, 0}));
+    EXPECT_EQ(c.tlvs[4], (bytes{0, 3, 0, 6, 0, 0}));
+    EXPECT_EQ(c.tlvs[5], (bytes{0, 6, 0, 6, 1, 2}));
+    EXPECT_EQ(c.tlvs[6], (bytes{0, 4, 0, 5, 255}));
+
+    // "#N" names an AP; only a line that starts with '#' is a comment.
+    ASSERT_TRUE(parse_command("send #2 9 mac= oui=", c, err)) << err;
+    EXPECT_EQ(c.target, "#2");
+    EXPECT_EQ(c.op, 9);
+    EXPECT_EQ(c.tlvs[0], (bytes{0, 4, 0, 5, 0}));
+    ASSERT_TRUE(parse_command("   # start all", c, err));
+    EXPECT_EQ(c.kind, CMD_NONE);
+
+    ASSERT_TRUE(parse_command("wait-ap 3", c, err));
+    EXPECT_EQ(c.count, 3u);
+    EXPECT_EQ(c.seconds, 10);
+    ASSERT_TRUE(parse_command("sleep 0.25", c, err));
+    EXPECT_EQ(c.kind, CMD_WAIT);
+    EXPECT_EQ(c.seconds, 0.25);
+    ASSERT_TRUE(parse_command("raw all 0002", c, err));
+    EXPECT_EQ(c.raw, (bytes{0, 2}));
+}
+
+TEST(ServerCommand, BadInputIsRefusedWithAReason)
+{
+    std::string many_macs = "start all mac=";
+    for (int i = 0; i < 255; ++i)
+        many_macs += std::string(i ? "," : "") + "00:00:00:00:00:01";
+    std::string many_ouis = "start all oui=";
+    for (int i = 0; i < 256; ++i)
+        many_ouis += std::string(i ? "," : "") + "00:00:01";
+    const std::pair<std::string, std::string> cases[] = {
+        {"start all mac=00:11:22:33:44", "start: bad MAC address \"00:11:22:33:44\""},
+        {"start all mac=00:11:22:33:44:gg", "start: bad MAC address"},
+        {"stop all oui=00:11", "stop: bad OUI \"00:11\""},
+        {"modify all interval=65536", "modify: interval must be a number of seconds from 0 to 65535"},
+        {"modify all valid=-1", "modify: valid must be"},
+        {"modify all threshold=256", "modify: threshold must be a number of dB from 0 to 255"},
+        {"query all tlv=6:abc", "query: tlv wants TYPE:HEX"},
+        {"query all colour=red", "query: unknown item \"colour\""},
+        {"query all interval", "query: expected KEY=VALUE"},
+        {"query", "query: wants a TARGET"},
+        {"send all 70000", "send: opcode must be a number from 0 to 65535"},
+        {"wait", "wait: wrong number of arguments"},
+        {"wait 1e9", "wait: seconds must be a number from 0 to 86400"},
+        {"wait-ap 0", "wait-ap: count must be a number from 1"},
+        {"raw all 0x02", "raw: the message must be"},
+        {"launch all", "unknown command \"launch\""},
+        {many_macs, "start: a MAC list holds at most 254 addresses, got 255"},
+        {many_ouis, "start: an OUI list holds at most 255 OUIs, got 256"},
+    };
+    for (const auto &[line, want] : cases) {
+        command c;
+        c.kind = CMD_QUIT; // must survive a refusal untouched
+        std::string err;
+        EXPECT_FALSE(parse_command(line, c, err)) << line;
+        EXPECT_EQ(err.rfind(want, 0), 0u) << line << " -> " << err;
+        EXPECT_EQ(c.kind, CMD_QUIT);
+    }
+}

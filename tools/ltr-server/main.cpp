@@ -1,0 +1,492 @@
+// ltr-server: a reference location server. Accepts access points, answers their
+// keep-alive, sends tracking requests on command and prints what comes back.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netdb.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "srv_cmd.h"
+#include "srv_print.h"
+#include "srv_wire.h"
+
+using namespace lsrv;
+
+namespace {
+
+volatile sig_atomic_t g_signalled = 0;
+void on_signal(int) { g_signalled = 1; }
+
+int64_t now_ms()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+struct fd_owner {
+    int fd = -1;
+    explicit fd_owner(int f = -1) : fd(f) {}
+    fd_owner(const fd_owner &) = delete;
+    fd_owner &operator=(const fd_owner &) = delete;
+    ~fd_owner()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+struct ap_conn {
+    ap_ident id;
+    fd_owner sock;
+    bytes in, out;
+    size_t out_off = 0;
+    std::set<uint32_t> pending; // msg_ids sent and not yet answered
+    bool closing = false;
+    explicit ap_conn(int fd) : sock(fd) {}
+};
+
+struct server {
+    bool json = false;
+    fd_owner listen_sock;
+    std::vector<std::unique_ptr<ap_conn>> aps;
+    unsigned next_ap = 1;
+    uint32_t next_msg_id = 1;
+    int failures = 0;
+
+    void out(const std::string &s)
+    {
+        fputs(s.c_str(), stdout);
+        fflush(stdout);
+    }
+    void fail(const std::string &s)
+    {
+        ++failures;
+        fprintf(stderr, "ltr-server: %s\n", s.c_str());
+    }
+    void drop(ap_conn &a, const std::string &why)
+    {
+        if (a.closing)
+            return;
+        a.closing = true;
+        out(show_conn(a.id, "disconnect", why, json));
+    }
+    unsigned hello_count() const
+    {
+        unsigned n = 0;
+        for (const auto &a : aps)
+            n += a->id.hello && !a->closing;
+        return n;
+    }
+    size_t pending_count() const
+    {
+        size_t n = 0;
+        for (const auto &a : aps)
+            if (!a->closing)
+                n += a->pending.size();
+        return n;
+    }
+
+    void accept_one()
+    {
+        sockaddr_storage ss{};
+        socklen_t sl = sizeof ss;
+        int fd = accept4(listen_sock.fd, reinterpret_cast<sockaddr *>(&ss), &sl,
+                         SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0)
+            return;
+        auto a = std::make_unique<ap_conn>(fd);
+        a->id.id = next_ap++;
+        char host[NI_MAXHOST], serv[NI_MAXSERV];
+        if (getnameinfo(reinterpret_cast<sockaddr *>(&ss), sl, host, sizeof host, serv, sizeof serv,
+                        NI_NUMERICHOST | NI_NUMERICSERV) == 0)
+            a->id.peer = std::string(host) + ":" + serv;
+        out(show_conn(a->id, "connect", "", json));
+        aps.push_back(std::move(a));
+    }
+
+    void on_frame(ap_conn &a, const frame &f)
+    {
+        if (!a.id.hello && f.type != FR_HELLO) {
+            drop(a, "frame type " + std::to_string(f.type) + " before HELLO");
+            return;
+        }
+        switch (f.type) {
+        case FR_HELLO: {
+            hello h;
+            if (a.id.hello) {
+                drop(a, "second HELLO");
+            } else if (!hello_parse(f.payload, h)) {
+                drop(a, "HELLO of " + std::to_string(f.payload.size()) + " bytes, needs 10");
+            } else {
+                a.id.hello = true;
+                a.id.name = h.name;
+                a.id.mac = h.mac;
+                a.id.ip = h.ip;
+                out(show_conn(a.id, "hello", "", json));
+            }
+            break;
+        }
+        case FR_MESSAGE: {
+            decoded d = decode_reply(f.payload);
+            if (d.error.empty())
+                a.pending.erase(d.msg_id);
+            out(show_message(a.id, f.payload, d, json));
+            break;
+        }
+        case FR_PING:
+            frame_put(a.out, FR_PONG, f.payload);
+            break;
+        case FR_PONG:
+            break;
+        default:
+            drop(a, "unknown frame type " + std::to_string(f.type));
+        }
+    }
+
+    void read_ap(ap_conn &a)
+    {
+        uint8_t buf[16384];
+        ssize_t n = recv(a.sock.fd, buf, sizeof buf, 0);
+        if (n == 0) {
+            drop(a, a.in.empty() ? "closed by the AP" : "closed inside a frame");
+            return;
+        }
+        if (n < 0) {
+            if (errno != EAGAIN && errno != EINTR)
+                drop(a, strerror(errno));
+            return;
+        }
+        a.in.insert(a.in.end(), buf, buf + n);
+        size_t used = 0;
+        while (!a.closing) {
+            frame f;
+            frame_rc rc = frame_take(std::span(a.in).subspan(used), f);
+            if (rc == FRAME_MORE)
+                break;
+            if (rc != FRAME_OK) {
+                drop(a, rc == FRAME_TOO_LONG ? "frame length " + std::to_string(f.length) + " over 65536"
+                                             : std::string("frame of length 0"));
+                break;
+            }
+            on_frame(a, f);
+            used += f.used;
+        }
+        a.in.erase(a.in.begin(), a.in.begin() + std::ptrdiff_t(std::min(used, a.in.size())));
+    }
+
+    void write_ap(ap_conn &a)
+    {
+        ssize_t n = send(a.sock.fd, a.out.data() + a.out_off, a.out.size() - a.out_off, MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno != EAGAIN && errno != EINTR)
+                drop(a, strerror(errno));
+            return;
+        }
+        a.out_off += size_t(n);
+        if (a.out_off == a.out.size()) {
+            a.out.clear();
+            a.out_off = 0;
+        }
+    }
+
+    // The live APs a target names; empty with an error when it names none.
+    std::vector<ap_conn *> resolve(const std::string &t)
+    {
+        std::vector<ap_conn *> r;
+        mac_addr m{};
+        bool is_mac = parse_mac(t, m);
+        for (const auto &a : aps) {
+            if (a->closing)
+                continue;
+            if (t == "all" ? a->id.hello
+                           : (t == "#" + std::to_string(a->id.id) ||
+                              (a->id.hello && (a->id.name == t || (is_mac && a->id.mac == m)))))
+                r.push_back(a.get());
+        }
+        if (r.empty())
+            fail(t == "all" ? "no access point connected" : "unknown AP \"" + t + "\" (see list)");
+        return r;
+    }
+
+    void send_msg(ap_conn &a, uint16_t op, uint32_t msg_id, const bytes &msg)
+    {
+        frame_put(a.out, FR_MESSAGE, msg);
+        out(show_sent(a.id, op, msg_id, msg.size(), json));
+    }
+
+    void run(const command &c)
+    {
+        switch (c.kind) {
+        case CMD_HELP:
+            out(command_help);
+            break;
+        case CMD_LIST:
+            if (!json)
+                out("#    name                 mac               ip              peer\n");
+            for (const auto &a : aps)
+                if (!a->closing)
+                    out(show_list_row(a->id, json));
+            break;
+        case CMD_REQUEST:
+            for (ap_conn *a : resolve(c.target)) {
+                uint32_t id = next_msg_id++;
+                a->pending.insert(id);
+                send_msg(*a, c.op, id, encode_request(c.op, id, c.tlvs));
+            }
+            break;
+        case CMD_RAW:
+            for (ap_conn *a : resolve(c.target)) {
+                uint32_t id = c.raw.size() >= 6 ? uint32_t(c.raw[2]) << 24 | uint32_t(c.raw[3]) << 16 |
+                                                       uint32_t(c.raw[4]) << 8 | c.raw[5]
+                                                 : 0;
+                uint16_t op = c.raw.size() >= 13 ? uint16_t(c.raw[11] << 8 | c.raw[12]) : 0;
+                send_msg(*a, op, id, c.raw);
+            }
+            break;
+        default:
+            break;
+        }
+    }
+};
+
+bool open_listener(server &s, const std::string &addr)
+{
+    size_t colon = addr.rfind(':');
+    std::string host = colon == std::string::npos ? "" : addr.substr(0, colon);
+    std::string port = colon == std::string::npos ? "" : addr.substr(colon + 1);
+    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+    addrinfo hints{}, *res = nullptr;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+    if (host.empty() || port.empty() || getaddrinfo(host.c_str(), port.c_str(), &hints, &res) != 0) {
+        fprintf(stderr, "ltr-server: bad listen address \"%s\" (want host:port)\n", addr.c_str());
+        return false;
+    }
+    std::unique_ptr<addrinfo, void (*)(addrinfo *)> guard(res, freeaddrinfo);
+    int fd = socket(res->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    int one = 1;
+    if (fd >= 0)
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (fd < 0 || bind(fd, res->ai_addr, res->ai_addrlen) != 0 || listen(fd, 64) != 0) {
+        fprintf(stderr, "ltr-server: cannot listen on %s: %s\n", addr.c_str(), strerror(errno));
+        if (fd >= 0)
+            close(fd);
+        return false;
+    }
+    s.listen_sock.fd = fd;
+    return true;
+}
+
+void usage(FILE *f)
+{
+    fprintf(f,
+            "usage: ltr-server [--listen HOST:PORT] [--json] [--duration SECONDS] [COMMAND...]\n"
+            "  --listen HOST:PORT   where access points connect (default 127.0.0.1:7420)\n"
+            "  --json               one JSON object per line instead of text\n"
+            "  --duration SECONDS   exit after this long; keep serving after the last\n"
+            "                       command until then (0: until interrupted)\n"
+            "Each COMMAND argument is one command line; without any, commands are read\n"
+            "from standard input. Without --duration the server exits after the last one.\n"
+            "Exit status: 0, or 1 when a command failed or a wait timed out, 2 on bad options.\n\n%s",
+            command_help);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::string listen_addr = "127.0.0.1:7420";
+    double duration = -1;
+    server s;
+    std::deque<std::string> cmds;
+    bool use_stdin = true;
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        auto value = [&](const char *opt) -> const char * {
+            if (i + 1 >= argc) {
+                fprintf(stderr, "ltr-server: %s needs a value\n", opt);
+                exit(2);
+            }
+            return argv[++i];
+        };
+        if (a == "--listen" || a == "-l") {
+            listen_addr = value("--listen");
+        } else if (a == "--json") {
+            s.json = true;
+        } else if (a == "--duration" || a == "-d") {
+            char *end = nullptr;
+            const char *v = value("--duration");
+            duration = strtod(v, &end);
+            if (!end || *end || duration < 0) {
+                fprintf(stderr, "ltr-server: --duration wants seconds >= 0, got \"%s\"\n", v);
+                return 2;
+            }
+        } else if (a == "--help" || a == "-h") {
+            usage(stdout);
+            return 0;
+        } else if (a == "--") {
+            for (++i; i < argc; ++i)
+                cmds.push_back(argv[i]);
+        } else if (a.size() > 1 && a[0] == '-') {
+            fprintf(stderr, "ltr-server: unknown option %s\n", a.c_str());
+            usage(stderr);
+            return 2;
+        } else {
+            cmds.push_back(a);
+        }
+    }
+    use_stdin = cmds.empty();
+
+    struct sigaction sa{};
+    sa.sa_handler = on_signal;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    if (!open_listener(s, listen_addr))
+        return 2;
+    if (!s.json)
+        s.out("listening on " + listen_addr + "\n");
+
+    const int64_t start = now_ms();
+    const int64_t end = duration > 0 ? start + int64_t(duration * 1000) : -1;
+    bool input_done = !use_stdin;
+    std::string stdin_buf;
+
+    // The command being waited for, if any.
+    cmd_kind waiting = CMD_NONE;
+    int64_t wait_until = 0;
+    unsigned wait_count = 0;
+
+    for (;;) {
+        if (g_signalled)
+            break;
+        int64_t now = now_ms();
+        if (end >= 0 && now >= end)
+            break;
+
+        // Finish a wait whose condition holds or whose time is up.
+        if (waiting != CMD_NONE) {
+            bool met = (waiting == CMD_WAIT_AP && s.hello_count() >= wait_count) ||
+                       (waiting == CMD_WAIT_REPLY && s.pending_count() == 0);
+            if (met) {
+                waiting = CMD_NONE;
+            } else if (now >= wait_until) {
+                if (waiting == CMD_WAIT_AP)
+                    s.fail("wait-ap: " + std::to_string(s.hello_count()) + " of " +
+                           std::to_string(wait_count) + " access points after the timeout");
+                else if (waiting == CMD_WAIT_REPLY)
+                    s.fail("wait-reply: " + std::to_string(s.pending_count()) +
+                           " request(s) unanswered after the timeout");
+                waiting = CMD_NONE;
+            }
+        }
+
+        // Run commands until one has to wait.
+        bool quit = false;
+        while (waiting == CMD_NONE && !cmds.empty() && !quit) {
+            std::string line = cmds.front();
+            cmds.pop_front();
+            command c;
+            std::string err;
+            if (!parse_command(line, c, err)) {
+                s.fail(err);
+                continue;
+            }
+            switch (c.kind) {
+            case CMD_QUIT:
+                quit = true;
+                break;
+            case CMD_WAIT:
+            case CMD_WAIT_AP:
+            case CMD_WAIT_REPLY:
+                waiting = c.kind;
+                wait_until = now_ms() + int64_t(c.seconds * 1000);
+                wait_count = c.count;
+                break;
+            default:
+                s.run(c);
+            }
+        }
+        if (quit)
+            break;
+        if (waiting == CMD_NONE && cmds.empty() && input_done && duration < 0)
+            break;
+
+        // Drop closed connections.
+        for (size_t i = 0; i < s.aps.size();)
+            if (s.aps[i]->closing)
+                s.aps.erase(s.aps.begin() + std::ptrdiff_t(i));
+            else
+                ++i;
+
+        std::vector<pollfd> pf;
+        pf.push_back({s.listen_sock.fd, POLLIN, 0});
+        bool read_stdin = !input_done && waiting == CMD_NONE && cmds.empty();
+        pf.push_back({read_stdin ? 0 : -1, POLLIN, 0});
+        for (const auto &a : s.aps)
+            pf.push_back({a->sock.fd, short(POLLIN | (a->out_off < a->out.size() ? POLLOUT : 0)), 0});
+        int64_t timeout = 1000;
+        if (waiting != CMD_NONE)
+            timeout = std::min(timeout, std::max<int64_t>(0, wait_until - now_ms()));
+        if (end >= 0)
+            timeout = std::min(timeout, std::max<int64_t>(0, end - now_ms()));
+        if (waiting == CMD_NONE && !cmds.empty())
+            timeout = 0;
+        if (poll(pf.data(), pf.size(), int(timeout)) < 0 && errno != EINTR) {
+            perror("ltr-server: poll");
+            return 1;
+        }
+        if (pf[0].revents & POLLIN)
+            s.accept_one();
+        if (pf[1].revents & (POLLIN | POLLHUP)) {
+            char buf[4096];
+            ssize_t n = read(0, buf, sizeof buf);
+            if (n <= 0) {
+                input_done = true;
+                if (!stdin_buf.empty())
+                    cmds.push_back(stdin_buf);
+                stdin_buf.clear();
+            } else {
+                stdin_buf.append(buf, size_t(n));
+                size_t nl;
+                while ((nl = stdin_buf.find('\n')) != std::string::npos) {
+                    cmds.push_back(stdin_buf.substr(0, nl));
+                    stdin_buf.erase(0, nl + 1);
+                }
+            }
+        }
+        // pf[2 + i] matches s.aps[i]: nothing was added or removed since pf was built.
+        size_t n_aps = pf.size() - 2;
+        for (size_t i = 0; i < n_aps; ++i) {
+            ap_conn &a = *s.aps[i];
+            short re = pf[2 + i].revents;
+            if (re & (POLLIN | POLLHUP | POLLERR))
+                s.read_ap(a);
+            if (!a.closing && (re & POLLOUT))
+                s.write_ap(a);
+        }
+    }
+    // Let queued requests reach the APs before closing.
+    for (const auto &a : s.aps)
+        while (!a->closing && a->out_off < a->out.size()) {
+            pollfd p{a->sock.fd, POLLOUT, 0};
+            if (poll(&p, 1, 1000) <= 0)
+                break;
+            s.write_ap(*a);
+        }
+    return s.failures ? 1 : 0;
+}

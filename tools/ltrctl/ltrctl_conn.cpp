@@ -1,0 +1,124 @@
+// ltrctl's connection to cli.sock and the platform configuration it reads the socket
+// location from.
+#include "ltrctl_conn.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <toml++/toml.h>
+
+#include "cli_proto.h"
+
+namespace ltrctl {
+
+bool socket_path(const std::string &opt_socket, const std::string &opt_instance,
+                 std::string &path, std::string &err)
+{
+    if (!opt_socket.empty()) {
+        path = opt_socket;
+        return true;
+    }
+    if (!opt_instance.empty()) {
+        path = "/run/qz/" + opt_instance + "/cli.sock";
+        return true;
+    }
+    const char *env = getenv("QZ_PLATFORM_CONFIG");
+    std::string file = env && *env ? env : "/etc/qz/platform.toml";
+    std::string instance = "default", runtime_dir;
+    if (std::ifstream(file).good()) {
+        // Only the two keys that place the socket; the daemon checks the rest.
+        try {
+            toml::table t = toml::parse_file(file);
+            if (auto v = t["instance"].value<std::string>())
+                instance = *v;
+            if (auto v = t["runtime_dir"].value<std::string>())
+                runtime_dir = *v;
+        } catch (const toml::parse_error &e) {
+            err = file + ":" + std::to_string(e.source().begin.line) + ": " +
+                  std::string(e.description());
+            return false;
+        }
+    }
+    path = (runtime_dir.empty() ? "/run/qz/" + instance : runtime_dir) + "/cli.sock";
+    return true;
+}
+
+conn::~conn()
+{
+    if (fd >= 0)
+        close(fd);
+}
+
+bool conn::open(const std::string &path, std::string &err)
+{
+    sockaddr_un sa{};
+    if (path.size() >= sizeof(sa.sun_path)) {
+        err = "socket path too long: " + path;
+        return false;
+    }
+    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sa.sun_family = AF_UNIX;
+    memcpy(sa.sun_path, path.c_str(), path.size());
+    if (fd < 0 || connect(fd, (sockaddr *)&sa, sizeof(sa)) < 0) {
+        err = "cannot connect to " + path + ": " + strerror(errno) + " (is ltrd running?)";
+        return false;
+    }
+    // A daemon that stops answering must not hang a script forever.
+    timeval tv{30, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+    return true;
+}
+
+static bool read_n(int fd, uint8_t *p, size_t n)
+{
+    while (n) {
+        ssize_t r = read(fd, p, n);
+        if (r < 0 && errno == EINTR)
+            continue;
+        if (r <= 0)
+            return false;
+        p += r;
+        n -= (size_t)r;
+    }
+    return true;
+}
+
+bool conn::exchange(const std::vector<uint8_t> &body, std::vector<uint8_t> &reply, std::string &err)
+{
+    std::vector<uint8_t> f = cli_proto::frame(body);
+    size_t off = 0;
+    while (off < f.size()) {
+        ssize_t w = send(fd, f.data() + off, f.size() - off, MSG_NOSIGNAL);
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w <= 0) {
+            err = std::string("sending to the daemon: ") + strerror(errno);
+            return false;
+        }
+        off += (size_t)w;
+    }
+    uint8_t len[4];
+    if (!read_n(fd, len, 4)) {
+        err = "the daemon closed the connection without a reply";
+        return false;
+    }
+    uint32_t n = cli_proto::get_u32(len);
+    if (n < 4 || n > cli_proto::MAX_REPLY) {
+        err = "malformed reply of " + std::to_string(n) + " bytes";
+        return false;
+    }
+    reply.resize(n);
+    if (!read_n(fd, reply.data(), n)) {
+        err = "the daemon's reply was cut short";
+        return false;
+    }
+    return true;
+}
+
+} // namespace ltrctl

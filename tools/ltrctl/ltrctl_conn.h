@@ -1,0 +1,26 @@
+// ltrctl's side of cli.sock: finding the socket of an instance, and one request/reply
+// exchange per frame.
+#pragma once
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+namespace ltrctl {
+
+// The socket path: --socket wins; then --instance (/run/qz/<instance>/cli.sock); then
+// runtime_dir or instance from the platform configuration ($QZ_PLATFORM_CONFIG, else
+// /etc/qz/platform.toml; a missing file means the defaults). False with err on a
+// configuration that cannot be read.
+bool socket_path(const std::string &opt_socket, const std::string &opt_instance,
+                 std::string &path, std::string &err);
+
+struct conn {
+    int fd = -1;
+    ~conn();
+    bool open(const std::string &path, std::string &err);
+    // Sends one request body and reads the reply body.
+    bool exchange(const std::vector<uint8_t> &body, std::vector<uint8_t> &reply, std::string &err);
+};
+
+} // namespace ltrctl

@@ -216,14 +216,14 @@ TEST(OwnerService, AssociatedHereThenAtAPeerThenRendezvous)
     uint16_t port = free_port("127.0.0.2");
     ap a, b;
     uint32_t ia = ip4("127.0.0.2"), ib = ip4("127.0.0.3");
-    a.start("127.0.0.2", port, {ib});
-    b.start("127.0.0.3", port, {ia});
+    a.radio.macs = {mac(1)};
+    b.radio.macs = {mac(2), mac(1)}; // both claim 1: the local association wins at a
+    // A generous bound: the wait ends as soon as the peer answers.
+    a.start("127.0.0.2", port, {ib}, 3000);
+    b.start("127.0.0.3", port, {ia}, 3000);
     ASSERT_TRUE(wait_for([&] {
         return owner_service_live(a.svc.get()).size() == 1 && owner_service_live(b.svc.get()).size() == 1;
     }));
-
-    a.radio.macs = {mac(1)};
-    b.radio.macs = {mac(2), mac(1)}; // both claim 1: the local association wins at a
     std::vector<mac_t> many;
     for (int i = 3; i < 60; i++)
         many.push_back(mac(static_cast<uint8_t>(i)));

@@ -349,3 +349,15 @@ TEST_F(SimTest, RadioSockSpeaksLinesOverItsSocket)
     EXPECT_EQ(got, "error: line too long\n");
     close(fd);
 }
+
+TEST(SimExample, ShippedWorldLoads)
+{
+    std::string err;
+    auto path = std::filesystem::path(__FILE__).parent_path() / "../../examples/site.world.toml";
+    auto w = sim_world_load(path.string(), err);
+    ASSERT_TRUE(w) << err;
+    EXPECT_EQ(w->aps.size(), 3u);
+    std::vector<sim_heard> h;
+    sim_world_hear(*w, 0, 0, 2412, 0, 1, h);
+    EXPECT_FALSE(h.empty());
+}

@@ -105,16 +105,7 @@ static void owner_send(owner_service *s, uint32_t dst, uint8_t type, uint32_t se
 
 static bool owner_associated_here(owner_service *s, const owner_mac &mac)
 {
-    if (!s->p.radios)
-        return false;
-    uint8_t rec[QZ_DCD_STA_BUF_LEN];
-    for (rt_radio *r : s->p.radios()) {
-        int len = 0;
-        if (r && r->ops && r->ops->get_one_sta &&
-            r->ops->get_one_sta(r, mac.data(), rec, sizeof rec, &len) == 0)
-            return true;
-    }
-    return false;
+    return s->p.associated && s->p.associated(mac.data());
 }
 
 static std::vector<uint32_t> owner_live_locked(owner_service *s)

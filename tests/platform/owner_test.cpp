@@ -33,23 +33,16 @@ template <class F> bool wait_for(F pred, int ms = 3000)
 using mac_t = std::array<uint8_t, 6>;
 mac_t mac(uint8_t last, uint8_t mid = 0) { return {0x02, 0, 0, 0, mid, last}; }
 
-// A radio whose driver reports a fixed set of stations as associated.
+// The stations this access point's radios have associated (set before the service runs).
 struct assoc_radio {
     std::set<mac_t> macs;
-    rt_radio r{};
-    static int get_one_sta(rt_radio *r, const uint8_t *m, void *, int, int *)
+    std::function<bool(const uint8_t *)> fn()
     {
-        auto *self = static_cast<assoc_radio *>(r->priv);
-        mac_t k;
-        memcpy(k.data(), m, 6);
-        return self->macs.count(k) ? 0 : -1;
-    }
-    static constexpr rt_driver_ops ops = {"test", nullptr, nullptr, nullptr, nullptr,
-                                          nullptr, nullptr, get_one_sta, nullptr};
-    assoc_radio()
-    {
-        r.ops = &ops;
-        r.priv = this;
+        return [this](const uint8_t *m) {
+            mac_t k;
+            memcpy(k.data(), m, 6);
+            return macs.count(k) > 0;
+        };
     }
 };
 
@@ -124,7 +117,7 @@ struct ap {
         p.hello_ms = 50;
         p.live_ms = 1000;
         p.peer_timeout_ms = timeout_ms;
-        p.radios = [this] { return std::vector<rt_radio *>{&radio.r}; };
+        p.associated = radio.fn();
         p.post = out.post();
         svc = owner_service_open(p, ep.get());
     }
@@ -184,7 +177,7 @@ TEST(OwnerService, LoneApOwnsEverythingAnsweringOnItsOwnThread)
     assoc_radio radio;
     owner_params p;
     p.self_ip = ip4("10.0.0.1");
-    p.radios = [&] { return std::vector<rt_radio *>{&radio.r}; };
+    p.associated = radio.fn();
     p.post = out.post();
     auto svc = owner_service_open(p, nullptr);
 

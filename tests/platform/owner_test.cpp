@@ -268,3 +268,21 @@ TEST(OwnerService, SilentPeerCostsOnlyTheBound)
     ASSERT_EQ(nbr_endpoint_send(c.get(), ia, NBR_MODULE_OWNER, &lying, sizeof lying), 0);
     EXPECT_TRUE(wait_for([&] { return rt_counter("owner.drop.malformed") == bad + 1; }));
 }
+
+TEST(OwnerService, GreetingIsReturnedSoBothSidesAgree)
+{
+    // Only b knows a; a learns b from its hello, so both count the same two APs.
+    uint16_t port = free_port("127.0.0.2");
+    uint32_t ia = ip4("127.0.0.2"), ib = ip4("127.0.0.3");
+    ap a, b;
+    a.start("127.0.0.2", port, {});
+    b.start("127.0.0.3", port, {ia});
+    ASSERT_TRUE(wait_for([&] {
+        return owner_service_live(a.svc.get()) == std::vector<uint32_t>{ib} &&
+               owner_service_live(b.svc.get()) == std::vector<uint32_t>{ia};
+    }));
+    std::vector<mac_t> macs;
+    for (int i = 0; i < 20; i++)
+        macs.push_back(mac(static_cast<uint8_t>(i), 9));
+    EXPECT_EQ(a.ask(macs), b.ask(macs));
+}

@@ -33,7 +33,7 @@ struct sim_global {
     std::shared_ptr<const sim_world> world;
     int ap = -1;
     std::map<std::string, int> fails;
-    std::map<std::string, sim_radio *> radios;
+    std::map<std::string, std::shared_ptr<sim_radio>> radios; // owners of the state
     std::chrono::steady_clock::time_point epoch = std::chrono::steady_clock::now();
     std::function<double()> clock;
 };
@@ -111,7 +111,7 @@ int sim_open(rt_radio *r)
         rt_log(LOG_ERR, "sim: radio %s is configured twice", r->cfg.name.c_str());
         return -1;
     }
-    auto *s = new sim_radio;
+    auto s = std::make_shared<sim_radio>();
     s->name = r->cfg.name;
     s->world_radio = r->id;
     if (r->cfg.freq)
@@ -122,7 +122,7 @@ int sim_open(rt_radio *r)
             s->freq = radios[static_cast<size_t>(r->id)];
     }
     g().radios[s->name] = s;
-    r->priv = s;
+    r->priv = s.get();
     l.unlock();
     rt_radio_sock_start();
     return 0;
@@ -133,11 +133,8 @@ void sim_close(rt_radio *r)
     sim_radio *s = priv(r);
     if (!s)
         return;
-    {
-        std::lock_guard l(g().mu);
-        g().radios.erase(s->name);
-    }
-    delete s;
+    std::lock_guard l(g().mu);
+    g().radios.erase(s->name);
     r->priv = nullptr;
 }
 
@@ -297,7 +294,7 @@ const rt_driver_ops rt_driver_sim = {
     sim_set_trackobj, sim_get_rpt_tbl, sim_get_one_sta, sim_get_stats,
 };
 
-sim_radio *sim_radio_find(const std::string &name)
+std::shared_ptr<sim_radio> sim_radio_find(const std::string &name)
 {
     std::lock_guard l(g().mu);
     auto it = g().radios.find(name);

@@ -246,8 +246,10 @@ static bool nbr_params_from_cfg(nbr_params &p, std::string &err)
             return false;
         }
     } else if (rt_mgt_ip(&p.bind_ip) < 0 || p.bind_ip == 0) {
-        err = "neighbours.bind unset and the management IPv4 is unknown";
-        return false;
+        // A lone access point still works; instances sharing a host must set an address.
+        p.bind_ip = 0;
+        rt_log(LOG_WARNING, "neighbours.bind unset and the management IPv4 unknown: "
+                            "listening on every address");
     }
     for (const auto &s : c.nb_peers) {
         uint32_t ip;

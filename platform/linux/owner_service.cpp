@@ -22,6 +22,7 @@ namespace {
 
 constexpr size_t k_max_backlog = 64;     // queued queries; older ones are dropped
 constexpr size_t k_ask_chunk = 1000;     // MACs per ask datagram
+constexpr size_t k_max_learned = 256;    // access points greeted without being configured
 
 struct owner_ask {
     uint32_t seq = 0;
@@ -39,6 +40,7 @@ struct owner_service {
     std::deque<std::vector<owner_mac>> queue;
     std::map<uint32_t, owner_clock::time_point> heard; // peer -> last heard
     std::set<uint32_t> targets;                        // greeted every hello period
+    std::set<uint32_t> configured;                     // never forgotten
     owner_ask *ask = nullptr;                          // the ask in flight
     uint32_t next_seq = 1;
     bool stop = false;
@@ -105,16 +107,7 @@ static void owner_send(owner_service *s, uint32_t dst, uint8_t type, uint32_t se
 
 static bool owner_associated_here(owner_service *s, const owner_mac &mac)
 {
-    if (!s->p.radios)
-        return false;
-    uint8_t rec[QZ_DCD_STA_BUF_LEN];
-    for (rt_radio *r : s->p.radios()) {
-        int len = 0;
-        if (r && r->ops && r->ops->get_one_sta &&
-            r->ops->get_one_sta(r, mac.data(), rec, sizeof rec, &len) == 0)
-            return true;
-    }
-    return false;
+    return s->p.associated && s->p.associated(mac.data());
 }
 
 static std::vector<uint32_t> owner_live_locked(owner_service *s)
@@ -166,7 +159,8 @@ static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int 
         s->heard[src] = owner_clock::now();
         // A new voice: greet back at once so that both sides count each other.
         greet = !was_live && h.type == OWNER_MSG_HELLO;
-        s->targets.insert(src);
+        if (s->targets.size() < s->configured.size() + k_max_learned)
+            s->targets.insert(src);
         if (h.type == OWNER_MSG_ANSWER && s->ask && s->ask->seq == seq &&
             s->ask->waiting.erase(src)) {
             for (const auto &m : macs) {
@@ -263,6 +257,15 @@ static void owner_worker(owner_service *s)
     std::unique_lock l(s->mu);
     while (!s->stop && !rt_stopping()) {
         if (owner_clock::now() >= next_hello) {
+            // Forget access points silent for long; configured peers stay greeted.
+            auto stale = owner_clock::now() - 10 * std::chrono::milliseconds(s->p.live_ms);
+            std::erase_if(s->heard, [&](const auto &h) {
+                if (h.second >= stale)
+                    return false;
+                if (!s->configured.count(h.first))
+                    s->targets.erase(h.first);
+                return true;
+            });
             std::vector<uint32_t> to(s->targets.begin(), s->targets.end());
             l.unlock();
             for (uint32_t ip : to)
@@ -289,6 +292,7 @@ owner_service_ptr owner_service_open(const owner_params &p, nbr_endpoint *ep)
     s->p = p;
     s->ep = ep;
     s->targets.insert(p.peers.begin(), p.peers.end());
+    s->configured = s->targets;
     if (ep) {
         owner_service *raw = s.get();
         nbr_endpoint_add(ep, NBR_MODULE_OWNER, [raw](uint32_t src, uint8_t *data, int len) {

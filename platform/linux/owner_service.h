@@ -45,7 +45,8 @@ struct owner_params {
     int hello_ms = 1000;           // hello period
     int live_ms = 3500;            // a peer heard within this is live
     std::vector<uint32_t> peers;   // configured peers, greeted every hello period
-    std::function<std::vector<rt_radio *>()> radios;
+    // Whether one of this access point's radios has the station associated.
+    std::function<bool(const uint8_t *mac)> associated;
     std::function<void(uint32_t id, const void *payload, int len)> post;
 };
 

@@ -1,18 +1,259 @@
-// Placeholder until this service lands: every call fails.
+// Driver library: each configured radio is served by the driver its entry names;
+// calls by interface index go to that radio's driver operations.
+#include <errno.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+
 #include "rt.h"
-int qz_dcd_lib_init(void) { return -1; }
-int qz_dcd_lib_cleanup(void) { return -1; }
-int qz_dcd_set_lta_track_enable(int, int) { return -1; }
-int qz_dcd_set_lta_lmatch_enable(int, int) { return -1; }
-int qz_dcd_set_lta_trackobj(int, lta_trackobj *) { return -1; }
-int qz_dcd_get_lta_rpt_tbl(int, lta_rpt_entry *, int *) { return -1; }
-int qz_dcd_get_radio_one_sta(int, const uint8_t *, void *, int, int *) { return -1; }
-int qz_dcd_get_lta_stats(int, lta_stats *) { return -1; }
-int qz_dcd_get_mac_byname(const char *, uint8_t *) { return -1; }
-int qz_dcd_get_addr_byname(const char *, uint32_t *, uint32_t *) { return -1; }
-std::vector<rt_radio *> rt_radios() { return {}; }
-rt_radio *rt_radio_by_ifindex(int) { return nullptr; }
-rt_radio *rt_radio_by_name(const std::string &) { return nullptr; }
-const rt_driver_ops *rt_driver_find(const std::string &) { return nullptr; }
-int rt_mgt_mac(uint8_t *) { return -1; }
-int rt_mgt_ip(uint32_t *) { return -1; }
+
+namespace {
+
+struct driver_entry {
+    const char *name;
+    const rt_driver_ops *ops;
+};
+const driver_entry drivers[] = {
+    {"sim", &rt_driver_sim},
+};
+
+// The open radios. Calls take it shared; opening and closing take it alone, so a
+// timer expiry can never reach a radio that the shutdown is closing.
+std::shared_mutex g_mu;
+std::vector<std::unique_ptr<rt_radio>> g_radios;
+bool g_opened;
+
+void close_all_locked()
+{
+    for (auto it = g_radios.rbegin(); it != g_radios.rend(); ++it)
+        if ((*it)->ops->close)
+            (*it)->ops->close(it->get());
+    g_radios.clear();
+    g_opened = false;
+}
+
+rt_radio *find_locked(int ifindex)
+{
+    if (ifindex <= 0)
+        return nullptr;
+    for (auto &r : g_radios)
+        if ((int)if_nametoindex(r->cfg.name.c_str()) == ifindex)
+            return r.get();
+    return nullptr;
+}
+
+// Runs op on the radio of ifindex; -1 when there is none or its driver lacks op.
+template <typename M, typename... A> int call(int ifindex, M member, A... args)
+{
+    std::shared_lock g(g_mu);
+    rt_radio *r = find_locked(ifindex);
+    if (!r || !(r->ops->*member))
+        return -1;
+    return (r->ops->*member)(r, args...);
+}
+
+int if_ioctl(const char *ifname, unsigned long req, ifreq &ifr)
+{
+    if (!ifname || strlen(ifname) >= IFNAMSIZ)
+        return -1;
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    memset(&ifr, 0, sizeof ifr);
+    strncpy(ifr.ifr_name, ifname, IFNAMSIZ - 1);
+    int rc = ioctl(fd, req, &ifr);
+    close(fd);
+    return rc < 0 ? -1 : 0;
+}
+
+int read_if_mac(const char *ifname, uint8_t mac[6])
+{
+    ifreq ifr;
+    if (if_ioctl(ifname, SIOCGIFHWADDR, ifr) != 0)
+        return -1;
+    memcpy(mac, ifr.ifr_hwaddr.sa_data, 6);
+    return 0;
+}
+
+int read_if_addr(const char *ifname, uint32_t *ip, uint32_t *mask)
+{
+    ifreq ifr;
+    if (if_ioctl(ifname, SIOCGIFADDR, ifr) != 0)
+        return -1;
+    *ip = ((sockaddr_in *)&ifr.ifr_addr)->sin_addr.s_addr;
+    if (mask) {
+        *mask = 0;
+        if (if_ioctl(ifname, SIOCGIFNETMASK, ifr) == 0)
+            *mask = ((sockaddr_in *)&ifr.ifr_netmask)->sin_addr.s_addr;
+    }
+    return 0;
+}
+
+bool is_mgt(const char *ifname) { return ifname && strcmp(ifname, "mgt0") == 0; }
+
+} // namespace
+
+const rt_driver_ops *rt_driver_find(const std::string &name)
+{
+    for (const driver_entry &d : drivers)
+        if (name == d.name)
+            return d.ops;
+    return nullptr;
+}
+
+int qz_dcd_lib_init(void)
+{
+    std::unique_lock g(g_mu);
+    if (g_opened)
+        return 0;
+    const rt_config &c = rt_cfg();
+    for (size_t i = 0; i < c.radios.size(); i++) {
+        const rt_radio_cfg &rc = c.radios[i];
+        const rt_driver_ops *ops = rt_driver_find(rc.driver);
+        if (!ops) {
+            rt_log(LOG_ERR, "radio %s: unknown driver \"%s\"", rc.name.c_str(), rc.driver.c_str());
+            close_all_locked();
+            return -1;
+        }
+        auto r = std::make_unique<rt_radio>(rt_radio{(int)i, rc, ops, nullptr});
+        if (ops->open && ops->open(r.get()) < 0) {
+            rt_log(LOG_ERR, "radio %s: driver %s failed to open it", rc.name.c_str(), ops->name);
+            close_all_locked();
+            return -1;
+        }
+        if (if_nametoindex(rc.name.c_str()) == 0)
+            rt_log(LOG_WARNING, "radio %s: no such interface yet; it is skipped until it exists",
+                   rc.name.c_str());
+        g_radios.push_back(std::move(r));
+    }
+    g_opened = true;
+    return 0;
+}
+
+int qz_dcd_lib_cleanup(void)
+{
+    std::unique_lock g(g_mu);
+    close_all_locked();
+    return 0;
+}
+
+bool rt_dcd_opened()
+{
+    std::shared_lock g(g_mu);
+    return g_opened;
+}
+
+int qz_dcd_set_lta_track_enable(int ifindex, int enable)
+{
+    return call(ifindex, &rt_driver_ops::set_track_enable, enable);
+}
+
+int qz_dcd_set_lta_lmatch_enable(int ifindex, int value)
+{
+    return call(ifindex, &rt_driver_ops::set_lmatch, value);
+}
+
+int qz_dcd_set_lta_trackobj(int ifindex, lta_trackobj *obj)
+{
+    if (!obj)
+        return -1;
+    return call(ifindex, &rt_driver_ops::set_trackobj, (const lta_trackobj *)obj);
+}
+
+int qz_dcd_get_lta_rpt_tbl(int ifindex, lta_rpt_entry *buf, int *count)
+{
+    if (!buf || !count || *count < 0)
+        return -1;
+    return call(ifindex, &rt_driver_ops::get_rpt_tbl, buf, count);
+}
+
+int qz_dcd_get_radio_one_sta(int ifindex, const uint8_t *mac, void *buf, int buflen, int *len)
+{
+    if (!mac || !buf || buflen <= 0 || !len)
+        return -1;
+    return call(ifindex, &rt_driver_ops::get_one_sta, mac, buf, buflen, len);
+}
+
+int qz_dcd_get_lta_stats(int ifindex, lta_stats *stats)
+{
+    if (!stats)
+        return -1;
+    return call(ifindex, &rt_driver_ops::get_stats, stats);
+}
+
+std::vector<rt_radio *> rt_radios()
+{
+    std::shared_lock g(g_mu);
+    std::vector<rt_radio *> out;
+    for (auto &r : g_radios)
+        out.push_back(r.get());
+    return out;
+}
+
+rt_radio *rt_radio_by_ifindex(int ifindex)
+{
+    std::shared_lock g(g_mu);
+    return find_locked(ifindex);
+}
+
+rt_radio *rt_radio_by_name(const std::string &name)
+{
+    std::shared_lock g(g_mu);
+    for (auto &r : g_radios)
+        if (r->cfg.name == name)
+            return r.get();
+    return nullptr;
+}
+
+// ---- The management interface ----
+
+int rt_mgt_mac(uint8_t mac[6])
+{
+    const rt_config &c = rt_cfg();
+    if (c.mgt_mac) {
+        memcpy(mac, c.mgt_mac->data(), 6);
+        return 0;
+    }
+    return read_if_mac(c.mgt_interface.c_str(), mac);
+}
+
+int rt_mgt_ip(uint32_t *ip)
+{
+    const rt_config &c = rt_cfg();
+    if (c.mgt_ip) {
+        *ip = *c.mgt_ip;
+        return 0;
+    }
+    return read_if_addr(c.mgt_interface.c_str(), ip, nullptr);
+}
+
+int qz_dcd_get_mac_byname(const char *ifname, uint8_t *mac)
+{
+    if (!ifname || !mac)
+        return -1;
+    return is_mgt(ifname) ? rt_mgt_mac(mac) : read_if_mac(ifname, mac);
+}
+
+int qz_dcd_get_addr_byname(const char *ifname, uint32_t *ip, uint32_t *mask)
+{
+    if (!ifname || !ip)
+        return -1;
+    if (!is_mgt(ifname))
+        return read_if_addr(ifname, ip, mask);
+    const rt_config &c = rt_cfg();
+    if (c.mgt_ip) {
+        *ip = *c.mgt_ip;
+        if (mask)
+            *mask = 0xffffffffu;
+        return 0;
+    }
+    return read_if_addr(c.mgt_interface.c_str(), ip, mask);
+}

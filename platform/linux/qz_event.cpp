@@ -1,14 +1,302 @@
-// Placeholder until this service lands: every call fails.
+// Event library: one event thread delivers queued events, kernel events and the
+// copies of sent events, in the order they were posted, each with its true length.
 #include "qz_event.h"
+
+#include <poll.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <vector>
+
 #include "rt.h"
-int qz_event_init(int, pthread_t *) { return -1; }
-int qz_event_subscribe(uint32_t, qz_event_handler) { return -1; }
-int qz_kevent_subscribe(uint32_t, qz_event_handler) { return -1; }
-int qz_event_unsubscribe(uint32_t) { return -1; }
-int qz_kevent_unsubscribe(uint32_t) { return -1; }
-int qz_event_cleanup(void) { return -1; }
-int qz_event_send(uint32_t, int, void *) { return -1; }
-const char *qz_eventid_to_name(uint32_t) { return "unknown"; }
-void rt_event_post(uint32_t, const void *, int) {}
-void rt_kevent_post(uint32_t, const void *, int) {}
-void rt_event_add_send_tap(rt_event_tap_fn) {}
+#include "rt_event.h"
+
+namespace {
+
+enum delivery_kind : uint8_t { KIND_SEND, KIND_EVENT, KIND_KEVENT };
+
+struct delivery {
+    delivery_kind kind;
+    uint32_t id;
+    std::vector<uint8_t> data; // exactly the payload's bytes
+};
+
+struct event_lib {
+    std::mutex mu;
+    std::condition_variable cv;
+    std::deque<delivery> queue;
+    std::map<uint32_t, qz_event_handler> events, kevents;
+    std::vector<rt_event_tap_fn> taps;
+    int wake_fd = -1;
+    int nl_fd = -1;
+    int sock_fd = -1;
+    pthread_t thread{};
+    bool started = false; // thread created and not yet cleaned up
+    bool running = false; // thread inside its loop
+    bool quit = false;
+};
+
+event_lib &lib()
+{
+    static event_lib *l = new event_lib; // outlives static destruction
+    return *l;
+}
+
+void wake(event_lib &l)
+{
+    if (l.wake_fd >= 0)
+        eventfd_write(l.wake_fd, 1);
+}
+
+int post(delivery_kind kind, uint32_t id, const void *payload, int len)
+{
+    if (len < 0 || (len > 0 && !payload))
+        return -1;
+    event_lib &l = lib();
+    delivery d{kind, id, {}};
+    if (len > 0)
+        d.data.assign((const uint8_t *)payload, (const uint8_t *)payload + len);
+    {
+        std::lock_guard g(l.mu);
+        l.queue.push_back(std::move(d));
+        rt_counter("event_queue_len") = l.queue.size();
+        wake(l);
+    }
+    return 0;
+}
+
+// Runs one delivery on the event thread, without the library's lock.
+void deliver(event_lib &l, delivery &d)
+{
+    // A handler may write into the payload; a 0-byte one still gets a valid pointer.
+    uint8_t empty = 0;
+    void *p = d.data.empty() ? (void *)&empty : (void *)d.data.data();
+    int len = (int)d.data.size();
+    if (d.kind == KIND_SEND) {
+        std::vector<rt_event_tap_fn> taps;
+        {
+            std::lock_guard g(l.mu);
+            taps = l.taps;
+        }
+        for (rt_event_tap_fn tap : taps)
+            tap(d.id, p, len);
+        return;
+    }
+    qz_event_handler h = nullptr;
+    {
+        std::lock_guard g(l.mu);
+        auto &subs = d.kind == KIND_EVENT ? l.events : l.kevents;
+        auto it = subs.find(d.id);
+        if (it != subs.end())
+            h = it->second;
+    }
+    if (h)
+        h(d.id, len, p);
+    else
+        rt_counter(d.kind == KIND_EVENT ? "event_unsubscribed" : "kevent_unsubscribed")++;
+}
+
+void *event_thread(void *)
+{
+    event_lib &l = lib();
+    std::unique_lock lk(l.mu);
+    l.running = true;
+    pollfd fds[4];
+    for (;;) {
+        while (!l.queue.empty() && !l.quit && !rt_stopping()) {
+            delivery d = std::move(l.queue.front());
+            l.queue.pop_front();
+            rt_counter("event_queue_len") = l.queue.size();
+            lk.unlock();
+            deliver(l, d);
+            lk.lock();
+        }
+        if (l.quit || rt_stopping())
+            break;
+        int n = 0;
+        fds[n++] = {l.wake_fd, POLLIN, 0};
+        fds[n++] = {rt_stop_fd(), POLLIN, 0};
+        int nl = l.nl_fd >= 0 ? n : -1;
+        if (l.nl_fd >= 0)
+            fds[n++] = {l.nl_fd, POLLIN, 0};
+        int sk = l.sock_fd >= 0 ? n : -1;
+        if (l.sock_fd >= 0)
+            fds[n++] = {l.sock_fd, POLLIN, 0};
+        lk.unlock();
+        int rc = poll(fds, n, -1);
+        if (rc > 0) {
+            if (fds[0].revents) {
+                eventfd_t v;
+                eventfd_read(l.wake_fd, &v);
+            }
+            // These read on this thread and post their deliveries behind the queue.
+            if (nl >= 0 && fds[nl].revents)
+                rt_netlink_readable();
+            if (sk >= 0 && fds[sk].revents)
+                rt_events_sock_readable();
+        }
+        lk.lock();
+    }
+    l.running = false;
+    l.cv.notify_all();
+    return nullptr;
+}
+
+} // namespace
+
+int qz_event_init(int module_id, pthread_t *thread)
+{
+    event_lib &l = lib();
+    {
+        std::lock_guard g(l.mu);
+        if (l.started) {
+            if (thread)
+                *thread = l.thread;
+            return 0;
+        }
+        l.wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (l.wake_fd < 0) {
+            rt_log(LOG_ERR, "event library: eventfd: %s", strerror(errno));
+            return -1;
+        }
+        // Without rtnetlink or events.sock the daemon still runs; the log says what
+        // it misses.
+        l.nl_fd = rt_netlink_open();
+        l.sock_fd = rt_events_sock_open();
+        l.quit = false;
+        int rc = rt_thread_create(&l.thread, event_thread, nullptr, "qz_event");
+        if (rc != 0) {
+            rt_log(LOG_ERR, "event library: cannot start the event thread: %s", strerror(rc));
+            rt_events_sock_close();
+            rt_netlink_close();
+            close(l.wake_fd);
+            l.wake_fd = l.nl_fd = l.sock_fd = -1;
+            return -1;
+        }
+        l.started = true;
+        if (thread)
+            *thread = l.thread;
+    }
+    rt_event_add_send_tap(rt_events_sock_tap);
+    rt_log(LOG_DEBUG, "event library opened for module %d", module_id);
+    rt_srvchan_start();
+    rt_owner_start();
+    return 0;
+}
+
+int qz_event_cleanup(void)
+{
+    event_lib &l = lib();
+    std::unique_lock lk(l.mu);
+    if (!l.started)
+        return 0;
+    l.quit = true;
+    wake(l);
+    // Called from a handler, the thread ends after it returns; nobody waits then.
+    if (!pthread_equal(pthread_self(), l.thread))
+        l.cv.wait(lk, [&] { return !l.running; });
+    rt_events_sock_close();
+    rt_netlink_close();
+    close(l.wake_fd);
+    l.wake_fd = l.nl_fd = l.sock_fd = -1;
+    l.events.clear();
+    l.kevents.clear();
+    l.queue.clear();
+    l.started = false;
+    return 0;
+}
+
+bool rt_event_running()
+{
+    event_lib &l = lib();
+    std::lock_guard g(l.mu);
+    return l.running;
+}
+
+int qz_event_subscribe(uint32_t id, qz_event_handler handler)
+{
+    if (!handler)
+        return -1;
+    event_lib &l = lib();
+    std::lock_guard g(l.mu);
+    l.events[id] = handler;
+    return 0;
+}
+
+int qz_kevent_subscribe(uint32_t id, qz_event_handler handler)
+{
+    if (!handler)
+        return -1;
+    event_lib &l = lib();
+    std::lock_guard g(l.mu);
+    l.kevents[id] = handler;
+    return 0;
+}
+
+int qz_event_unsubscribe(uint32_t id)
+{
+    event_lib &l = lib();
+    std::lock_guard g(l.mu);
+    return l.events.erase(id) ? 0 : -1;
+}
+
+int qz_kevent_unsubscribe(uint32_t id)
+{
+    event_lib &l = lib();
+    std::lock_guard g(l.mu);
+    return l.kevents.erase(id) ? 0 : -1;
+}
+
+int qz_event_send(uint32_t id, int len, void *payload)
+{
+    // Copied now: the caller frees its payload right after the call.
+    return post(KIND_SEND, id, payload, len);
+}
+
+void rt_event_post(uint32_t id, const void *payload, int len)
+{
+    if (post(KIND_EVENT, id, payload, len) != 0)
+        rt_log(LOG_ERR, "event %u: bad payload (length %d) not posted", id, len);
+}
+
+void rt_kevent_post(uint32_t id, const void *payload, int len)
+{
+    if (post(KIND_KEVENT, id, payload, len) != 0)
+        rt_log(LOG_ERR, "kernel event %u: bad payload (length %d) not posted", id, len);
+}
+
+void rt_event_add_send_tap(rt_event_tap_fn fn)
+{
+    if (!fn)
+        return;
+    event_lib &l = lib();
+    std::lock_guard g(l.mu);
+    for (rt_event_tap_fn t : l.taps)
+        if (t == fn)
+            return;
+    l.taps.push_back(fn);
+}
+
+const char *qz_eventid_to_name(uint32_t id)
+{
+    switch (id) {
+    case RT_EVT_OWNER_QUERY:
+        return "STA_OWNER_QUERY";
+    case RT_EVT_OWNER_REPLY:
+        return "STA_OWNER_REPLY";
+    case RT_EVT_SRV_MSG_IN:
+        return "SERVER_MSG_IN";
+    case RT_EVT_SRV_MSG_OUT:
+        return "SERVER_MSG_OUT";
+    case RT_EVT_MGT_IP:
+        return "MGT_ADDR_CHANGE";
+    default:
+        return "UNKNOWN";
+    }
+}

@@ -1,3 +1,23 @@
-// Placeholder until this service lands: every call fails.
+// System readiness: the runtime's own services are up. Ready means the driver
+// library has opened every configured radio and the event thread is serving; both
+// happen during the daemon's own start-up, so no outside program is needed.
 #include "qz_sys.h"
-int qz_sys_ready(void) { return 1; }
+
+#include <syslog.h>
+
+#include <atomic>
+
+#include "rt.h"
+
+int qz_sys_ready(void)
+{
+    static std::atomic<bool> polled, ready;
+    bool now = rt_dcd_opened() && rt_event_running();
+    if (!polled.exchange(true))
+        rt_log(LOG_INFO, "first readiness poll: %s", now ? "ready" : "not ready");
+    if (now && !ready.exchange(true)) {
+        rt_log(LOG_NOTICE, "system ready");
+        rt_daemon_ready();
+    }
+    return now ? 1 : 0;
+}

@@ -2,6 +2,7 @@
 // never includes this: it sees only the platform headers one folder up.
 #pragma once
 #include <stdarg.h>
+#include <pthread.h>
 #include <stdint.h>
 
 #include <atomic>
@@ -148,5 +149,17 @@ rt_radio *rt_radio_by_name(const std::string &name);
 int rt_mgt_mac(uint8_t mac[6]);
 int rt_mgt_ip(uint32_t *ip);
 
-// Path of a socket or file of this instance under runtime_dir.
+// ---- Process ----
+
+// Starts a thread with SIGTERM/SIGINT blocked and a name (ps, gdb). 0 or an errno.
+int rt_thread_create(pthread_t *thread, void *(*fn)(void *), void *arg, const char *name);
+// Tells the process that started a detached daemon that the start worked (once).
+void rt_daemon_ready();
+// The System V key that qz_shm_create uses for key in this instance.
+int rt_shm_key(int key);
+// Readiness parts: the driver library is open; the event thread is in its loop.
+bool rt_dcd_opened();
+bool rt_event_running();
+
+// Path of a socket or file of this instance under runtime_dir (creates runtime_dir).
 std::string rt_runtime_path(const char *name);

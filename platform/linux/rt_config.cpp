@@ -187,7 +187,7 @@ constexpr key_def mgt_keys[] = {
     {"ip",
      [](const key_ctx &k, const toml::node &n, rt_config &c) {
          std::string s;
-         uint32_t ip;
+         uint32_t ip = 0;
          if (!get_ipv4_text(k, n, s))
              return false;
          parse_ipv4(s, ip);

@@ -248,15 +248,17 @@ int rt_stop_fd()
 
 void rt_request_stop()
 {
+    int fd = rt_stop_fd();
     {
+        // The fd first: whoever sees the flag also finds the fd readable.
         std::lock_guard g(g_stop_mu);
-        if (g_stop.exchange(true))
+        if (g_stop.load())
             return;
+        if (fd >= 0)
+            eventfd_write(fd, 1);
+        g_stop = true;
     }
     g_stop_cv.notify_all();
-    int fd = rt_stop_fd();
-    if (fd >= 0)
-        eventfd_write(fd, 1);
 }
 
 bool rt_wait_stop(int timeout_ms)

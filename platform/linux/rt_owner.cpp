@@ -1,4 +1,5 @@
 // The process's owner service: started by qz_event_init, fed by the event send tap.
+#include <net/if.h>
 #include <syslog.h>
 
 #include <mutex>
@@ -24,6 +25,19 @@ static void owner_tap(uint32_t id, const void *payload, int len)
         owner_service_query(owner_slot().get(), payload, len);
 }
 
+// Asks the driver library by interface index, so a radio being closed is never touched.
+static bool owner_associated_here(const uint8_t *mac)
+{
+    uint8_t rec[QZ_DCD_STA_BUF_LEN];
+    for (const rt_radio_cfg &rc : rt_cfg().radios) {
+        int len = 0;
+        unsigned ifindex = if_nametoindex(rc.name.c_str());
+        if (ifindex && qz_dcd_get_radio_one_sta(static_cast<int>(ifindex), mac, rec, sizeof rec, &len) == 0)
+            return true;
+    }
+    return false;
+}
+
 void rt_owner_start()
 {
     nbr_endpoint *ep = nbr_global();
@@ -46,7 +60,7 @@ void rt_owner_start()
         if (nbr_parse_ipv4(s, &ip))
             p.peers.push_back(ip);
     }
-    p.radios = rt_radios;
+    p.associated = owner_associated_here;
     p.post = rt_event_post;
     owner_slot() = owner_service_open(p, ep);
     rt_event_add_send_tap(owner_tap);

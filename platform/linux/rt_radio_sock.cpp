@@ -58,7 +58,8 @@ std::string run(const std::vector<std::string> &w, std::string &out)
             return "bad count " + w[2];
         return sim_fail(w[1], static_cast<int>(n));
     }
-    sim_radio *r = sim_radio_find(w[1]);
+    std::shared_ptr<sim_radio> sp = sim_radio_find(w[1]);
+    sim_radio *r = sp.get();
     if (!r)
         return "no simulated radio " + w[1];
     if (w[0] == "clear") {

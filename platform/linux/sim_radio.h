@@ -11,8 +11,8 @@ struct sim_radio;
 constexpr size_t SIM_MAX_MAC_OBJ = 512; // track objects per radio, like a driver's table
 constexpr size_t SIM_MAX_OUI_OBJ = 128;
 
-// The open simulated radio with that interface name, or null.
-sim_radio *sim_radio_find(const std::string &name);
+// The open simulated radio with that interface name, or null; kept alive while held.
+std::shared_ptr<sim_radio> sim_radio_find(const std::string &name);
 
 // Stations injected through radio.sock. Results: empty on success, else why not.
 std::string sim_hear(sim_radio *r, const sim_heard &h);

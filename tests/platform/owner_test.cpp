@@ -33,23 +33,16 @@ template <class F> bool wait_for(F pred, int ms = 3000)
 using mac_t = std::array<uint8_t, 6>;
 mac_t mac(uint8_t last, uint8_t mid = 0) { return {0x02, 0, 0, 0, mid, last}; }
 
-// A radio whose driver reports a fixed set of stations as associated.
+// The stations this access point's radios have associated (set before the service runs).
 struct assoc_radio {
     std::set<mac_t> macs;
-    rt_radio r{};
-    static int get_one_sta(rt_radio *r, const uint8_t *m, void *, int, int *)
+    std::function<bool(const uint8_t *)> fn()
     {
-        auto *self = static_cast<assoc_radio *>(r->priv);
-        mac_t k;
-        memcpy(k.data(), m, 6);
-        return self->macs.count(k) ? 0 : -1;
-    }
-    static constexpr rt_driver_ops ops = {"test", nullptr, nullptr, nullptr, nullptr,
-                                          nullptr, nullptr, get_one_sta, nullptr};
-    assoc_radio()
-    {
-        r.ops = &ops;
-        r.priv = this;
+        return [this](const uint8_t *m) {
+            mac_t k;
+            memcpy(k.data(), m, 6);
+            return macs.count(k) > 0;
+        };
     }
 };
 
@@ -124,7 +117,7 @@ struct ap {
         p.hello_ms = 50;
         p.live_ms = 1000;
         p.peer_timeout_ms = timeout_ms;
-        p.radios = [this] { return std::vector<rt_radio *>{&radio.r}; };
+        p.associated = radio.fn();
         p.post = out.post();
         svc = owner_service_open(p, ep.get());
     }
@@ -184,7 +177,7 @@ TEST(OwnerService, LoneApOwnsEverythingAnsweringOnItsOwnThread)
     assoc_radio radio;
     owner_params p;
     p.self_ip = ip4("10.0.0.1");
-    p.radios = [&] { return std::vector<rt_radio *>{&radio.r}; };
+    p.associated = radio.fn();
     p.post = out.post();
     auto svc = owner_service_open(p, nullptr);
 
@@ -274,4 +267,22 @@ TEST(OwnerService, SilentPeerCostsOnlyTheBound)
     owner_msg_hdr lying{OWNER_MSG_ANSWER, 0, {0, 5}, {0, 0, 0, 1}};
     ASSERT_EQ(nbr_endpoint_send(c.get(), ia, NBR_MODULE_OWNER, &lying, sizeof lying), 0);
     EXPECT_TRUE(wait_for([&] { return rt_counter("owner.drop.malformed") == bad + 1; }));
+}
+
+TEST(OwnerService, GreetingIsReturnedSoBothSidesAgree)
+{
+    // Only b knows a; a learns b from its hello, so both count the same two APs.
+    uint16_t port = free_port("127.0.0.2");
+    uint32_t ia = ip4("127.0.0.2"), ib = ip4("127.0.0.3");
+    ap a, b;
+    a.start("127.0.0.2", port, {});
+    b.start("127.0.0.3", port, {ia});
+    ASSERT_TRUE(wait_for([&] {
+        return owner_service_live(a.svc.get()) == std::vector<uint32_t>{ib} &&
+               owner_service_live(b.svc.get()) == std::vector<uint32_t>{ia};
+    }));
+    std::vector<mac_t> macs;
+    for (int i = 0; i < 20; i++)
+        macs.push_back(mac(static_cast<uint8_t>(i), 9));
+    EXPECT_EQ(a.ask(macs), b.ask(macs));
 }

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "ltr_cli.h"
+#include "ltr_node.h"
 #include "ltr_test.h"
 
 namespace {
@@ -131,4 +132,154 @@ TEST_F(CliCmd, GeneratorPutsEnableFirstAndListMatchOffLast)
     EXPECT_EQ(out[1].cmd_id, 1893);
     EXPECT_EQ(out[2].cmd_id, 1896);
     EXPECT_EQ(out[2].block, fake::bytes({0, 0, 0, 0x80, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+// ---- With the real manager, tracking control and tracking list ----
+
+namespace {
+
+class CliLive : public LtrTest {
+  protected:
+    void SetUp() override
+    {
+        LtrTest::SetUp();
+        fake::set_radios({{"wifi0", 4}, {"wifi1", 6}});
+        ASSERT_EQ(ltr_mgt_init(), 0);
+        ltr_reg_cmd_vectors();
+        ltr_reg_cfg_generator();
+    }
+    int run(int id, bool neg, const fake::bytes &b, int nth = 0)
+    {
+        fake::clear_text();
+        return fake::run_cmd(id, neg, b, nth);
+    }
+    fake::bytes value(uint32_t v)
+    {
+        return block(1, {(uint8_t)v, (uint8_t)(v >> 8), (uint8_t)(v >> 16), (uint8_t)(v >> 24)}, 16);
+    }
+};
+
+} // namespace
+
+TEST_F(CliLive, ValueCommandsSetAndTheirNoFormsRestoreDefaults)
+{
+    EXPECT_EQ(run(LTR_CMD_SUPPRESS, false, value(0x12345)), 0); // low 16 bits
+    EXPECT_EQ(mgt.cfg->suppress, 0x2345);
+    EXPECT_EQ(run(LTR_CMD_RPT_INTERVAL, false, value(30)), 0);
+    EXPECT_EQ(mgt.cfg->rpt_interval, 30);
+    EXPECT_EQ(run(LTR_CMD_RSSI_THRESHOLD, false, value(0x0105)), 0); // the setter keeps 8 bits
+    EXPECT_EQ(mgt.cfg->rssi_threshold, 5);
+    EXPECT_EQ(run(LTR_CMD_VALID_PERIOD, false, value(600)), 0);
+    EXPECT_EQ(mgt.cfg->valid_period, 600);
+    EXPECT_EQ(run(LTR_CMD_HOLD_TIME, false, value(0x1ff)), 0); // low 8 bits
+    EXPECT_EQ(mgt.cfg->hold_time, 0xff);
+    EXPECT_EQ(fake::cli_text(), "");
+
+    // The negated forms ignore whatever value the block carries; either stub serves.
+    for (int id : {LTR_CMD_SUPPRESS, LTR_CMD_RPT_INTERVAL, LTR_CMD_RSSI_THRESHOLD,
+                   LTR_CMD_VALID_PERIOD, LTR_CMD_HOLD_TIME})
+        EXPECT_EQ(run(id, true, value(77), 1), 0);
+    EXPECT_EQ(mgt.cfg->suppress, 0);
+    EXPECT_EQ(mgt.cfg->rpt_interval, 60);
+    EXPECT_EQ(mgt.cfg->rssi_threshold, 3);
+    EXPECT_EQ(mgt.cfg->valid_period, 60);
+    EXPECT_EQ(mgt.cfg->hold_time, 0);
+}
+
+TEST_F(CliLive, EnableFailurePrintsItsLine)
+{
+    fake::script("qz_hc_register", -1);
+    EXPECT_EQ(run(LTR_CMD_TRACK_ENABLE, false, block(0)), -1);
+    EXPECT_EQ(fake::cli_text(), "ERROR: Enable/disable location tracking failed.\n");
+    EXPECT_EQ(mgt.cfg->enabled, 0u);
+    EXPECT_EQ(run(LTR_CMD_TRACK_ENABLE, false, block(0)), 0);
+    EXPECT_EQ(mgt.cfg->enabled, 1u);
+    EXPECT_EQ(run(LTR_CMD_TRACK_ENABLE, true, block(0)), 0);
+    EXPECT_EQ(mgt.cfg->enabled, 0u);
+}
+
+TEST_F(CliLive, ListCommandsWhileEnabled)
+{
+    ASSERT_EQ(run(LTR_CMD_TRACK_ENABLE, false, block(0)), 0);
+    EXPECT_EQ(run(LTR_CMD_TRACK_MAC, false, MAC_BLOCK), 0);
+    EXPECT_EQ(run(LTR_CMD_TRACK_OUI, false, OUI_BLOCK), 0);
+    EXPECT_EQ(ltr_tl.obj_cnt, 2);
+    // The OUI reached the radios as 3 bytes and three zero bytes.
+    auto &objs = fake::radio_state(6).trackobjs;
+    ASSERT_EQ(objs.size(), 2u);
+    EXPECT_EQ(objs[1].is_oui, 1u);
+    EXPECT_EQ(memcmp(objs[1].mac, "\x00\x11\x22\x00\x00\x00", 6), 0);
+
+    // Removing a MAC that is not listed is no failure.
+    EXPECT_EQ(run(LTR_CMD_TRACK_MAC, true, block(1, {0x0e, 0, 0, 0, 0, 1}, 20), 1), 0);
+    EXPECT_EQ(fake::cli_text(), "");
+
+    // A radio refusing the object: the handler's own line.
+    fake::script("qz_dcd_set_lta_trackobj", -1);
+    EXPECT_EQ(run(LTR_CMD_TRACK_MAC, false, block(1, {0x0e, 0, 0, 0, 0, 2}, 20)), -1);
+    EXPECT_EQ(fake::cli_text(), "ERROR: Add/del mac to tracking list failed.\n");
+    fake::script("qz_dcd_set_lta_trackobj", -1);
+    EXPECT_EQ(run(LTR_CMD_TRACK_OUI, false, block(1, {0x0e, 0, 0}, 16)), -1);
+    EXPECT_EQ(fake::cli_text(), "ERROR: Add/del oui to tracking list failed.\n");
+}
+
+TEST_F(CliLive, RemovingAnOuiDropsTheStationsItMatched)
+{
+    ASSERT_EQ(ltr_set_enabled(1), 0);
+    ASSERT_EQ(run(LTR_CMD_TRACK_OUI, false, OUI_BLOCK), 0);
+    ASSERT_EQ(run(LTR_CMD_TRACK_MAC, false, block(1, {0x66, 0, 0, 0, 0, 1}, 20)), 0);
+    const uint8_t in_oui[6] = {0x00, 0x11, 0x22, 9, 9, 9}, listed[6] = {0x66, 0, 0, 0, 0, 1};
+    ltr_sta_add(&mgt.sta_tbl, in_oui);
+    ltr_sta_add(&mgt.sta_tbl, listed);
+    EXPECT_EQ(run(LTR_CMD_TRACK_OUI, true, OUI_BLOCK, 1), 0);
+    EXPECT_EQ(ltr_sta_find(&mgt.sta_tbl, in_oui), nullptr);
+    EXPECT_NE(ltr_sta_find(&mgt.sta_tbl, listed), nullptr);
+    // "no" without a MAC removes every MAC object and its station; OUIs stay.
+    ASSERT_EQ(run(LTR_CMD_TRACK_OUI, false, OUI_BLOCK), 0);
+    EXPECT_EQ(run(LTR_CMD_TRACK_MAC, true, block(0)), 0);
+    EXPECT_EQ(ltr_sta_find(&mgt.sta_tbl, listed), nullptr);
+    EXPECT_EQ(ltr_tl.obj_cnt, 1);
+}
+
+TEST_F(CliLive, GeneratorListsObjectsInListOrderAfterEnable)
+{
+    ASSERT_EQ(run(LTR_CMD_TRACK_ENABLE, false, block(0)), 0);
+    ASSERT_EQ(run(LTR_CMD_TRACK_OUI, false, OUI_BLOCK), 0);
+    ASSERT_EQ(run(LTR_CMD_TRACK_MAC, false, MAC_BLOCK), 0);
+    ASSERT_EQ(run(LTR_CMD_HOLD_TIME, false, value(4)), 0);
+    auto out = fake::run_cfg_gen();
+    ASSERT_EQ(out.size(), 4u);
+    EXPECT_EQ(out[0].cmd_id, 1882);
+    EXPECT_EQ(out[1].cmd_id, 1897);
+    EXPECT_EQ(out[2].cmd_id, 1886);
+    EXPECT_EQ(out[2].block, OUI_BLOCK);
+    EXPECT_EQ(out[3].cmd_id, 1885);
+    EXPECT_EQ(out[3].block, MAC_BLOCK);
+
+    // Replaying the blocks on a fresh daemon gives the same configuration back.
+    auto first = out;
+    TearDown();
+    SetUp();
+    for (auto &e : first)
+        ASSERT_EQ(fake::run_cmd(e.cmd_id, (e.block[3] & 0x80) != 0, e.block), 0) << e.cmd_id;
+    auto again = fake::run_cfg_gen();
+    ASSERT_EQ(again.size(), first.size());
+    for (size_t i = 0; i < first.size(); i++)
+        EXPECT_EQ(again[i].block, first[i].block) << i;
+}
+
+TEST_F(CliLive, ListMatchOffAndOnWhileEnabled)
+{
+    ASSERT_EQ(ltr_set_enabled(1), 0);
+    EXPECT_EQ(run(LTR_CMD_LIST_MATCH, true, block(0)), 0);
+    EXPECT_EQ(mgt.cfg->lmatch, 0u);
+    EXPECT_EQ(fake::radio_state(4).lmatch, 0);
+    auto out = fake::run_cfg_gen();
+    ASSERT_EQ(out.size(), 2u);
+    EXPECT_EQ(out[1].cmd_id, 1896);
+    fake::script("qz_dcd_set_lta_lmatch_enable", -1);
+    EXPECT_EQ(run(LTR_CMD_LIST_MATCH, false, block(0)), -1);
+    EXPECT_EQ(fake::cli_text(), "ERROR: Enable/disable location tracking list match failed.\n");
+    EXPECT_EQ(run(LTR_CMD_LIST_MATCH, false, block(0)), 0);
+    EXPECT_EQ(mgt.cfg->lmatch, 1u);
 }

@@ -1,6 +1,11 @@
 // Show and dump output, byte for byte.
 #include <net/if.h>
 
+#include <array>
+
+#include "ltr_engine.h"
+#include "qz_format.h"
+
 #include "ltr_cli.h"
 #include "ltr_test.h"
 
@@ -94,4 +99,144 @@ TEST_F(CliShow, DriverStatsSkipMissingRadiosAndZeroAFailedRead)
                                 "oui list no memory:                     4\n"
                                 "\n");
     EXPECT_TRUE(fake::dbg_has("get ltr statistics to interface failed"));
+}
+
+// ---- With the real station table, tracking list and engine ----
+
+namespace {
+
+class CliShowLive : public LtrTest {
+  protected:
+    qz_cli_cmd cmd{};
+    void SetUp() override
+    {
+        LtrTest::SetUp();
+        fake::set_radios({{"wifi0", 4}});
+        ASSERT_EQ(ltr_mgt_init(), 0);
+    }
+    ltr_sta *sta(std::array<uint8_t, 6> mac, uint32_t owner, uint16_t age, uint16_t sup)
+    {
+        ltr_sta *s = ltr_sta_add(&mgt.sta_tbl, mac.data());
+        s->ni_owner_ip = owner;
+        s->rpt_age = age;
+        s->sup_cnt = sup;
+        return s;
+    }
+    void reading(ltr_sta *s, std::array<uint8_t, 6> ap, int8_t rssi, uint16_t freq, uint8_t active,
+                 int8_t lpwr, int32_t life)
+    {
+        ltr_rssi_data d{};
+        memcpy(d.ap_mac, ap.data(), 6);
+        d.rssi = rssi;
+        d.chan_freq = freq;
+        d.active = active;
+        ltr_rssi_entry *e = ltr_rssi_add(s, &d);
+        e->last_pwr_rpt = lpwr;
+        e->life_cnt = life;
+    }
+    // Three stations: two of OUI 00:11:22 (the first heard by two access points).
+    void populate()
+    {
+        ltr_sta *a = sta({0x00, 0x11, 0x22, 0x00, 0x00, 0x01}, ltr_ip(10, 0, 0, 2), 60, 1);
+        reading(a, {0x02, 0, 0, 0, 0, 0x0a}, -70, 2412, 1, -71, 1);
+        reading(a, {0x02, 0, 0, 0, 0, 0x0b}, -48, 5180, 0, 0, 3); // newest: listed first
+        sta({0x66, 0x77, 0x88, 0x00, 0x00, 0x02}, 0, 0, 0);
+        ltr_sta *c = sta({0x00, 0x11, 0x22, 0x00, 0x00, 0x03}, 0, 120, 2);
+        reading(c, {0x02, 0, 0, 0, 0, 0x0a}, -90, 2437, 1, -88, 2);
+    }
+    std::string show(uint32_t type, std::vector<uint8_t> addr)
+    {
+        ltr_rssi_filter f{};
+        f.type = type;
+        if (!addr.empty())
+            memcpy(f.addr, addr.data(), addr.size());
+        fake::clear_text();
+        EXPECT_EQ(ltr_show_rssi(&cmd, &f), 0);
+        return fake::cli_text();
+    }
+};
+
+const std::string LEGEND =
+    "RSSI=received signal strength in dBm; Freq=channel frequence in MHZ; RptAge=report age;\n"
+    "SupCnt=suppress count; LPwrRpt=last power reported; LifeCnt=life counter\n";
+const std::string HEAD = "No. Reporter       RSSI  Freq  Active LPwrRpt LifeCnt\n"
+                         "--- -------------- ----- ----- ------ ------  ------\n";
+const std::string STA1 = "Station: 0011.2200.0001, Owner: 10.0.0.2, RptAge 60, SupCnt 1, RSSI list:\n" +
+                         HEAD +
+                         "1   0200.0000.000b -48   5180  no     0       3     \n"
+                         "2   0200.0000.000a -70   2412  yes    -71     1     \n"
+                         "\n";
+const std::string STA2 = "Station: 6677.8800.0002, Owner: 0.0.0.0, RptAge 0, SupCnt 0, RSSI list:\n" +
+                         HEAD + "\n";
+const std::string STA3 = "Station: 0011.2200.0003, Owner: 0.0.0.0, RptAge 120, SupCnt 2, RSSI list:\n" +
+                         HEAD +
+                         "1   0200.0000.000a -90   2437  yes    -88     2     \n"
+                         "\n";
+
+} // namespace
+
+TEST_F(CliShowLive, RssiListsOfAllStationsInTableOrder)
+{
+    populate();
+    EXPECT_EQ(show(LTR_FILTER_ALL, {}), LEGEND + "Number of stations in tracking: 3\n" + STA1 + STA2 + STA3);
+}
+
+TEST_F(CliShowLive, RssiListsFilteredByMacAndByOui)
+{
+    populate();
+    const std::string count = "Number of stations in tracking: 3\n";
+    EXPECT_EQ(show(LTR_FILTER_MAC, {0x66, 0x77, 0x88, 0x00, 0x00, 0x02}), LEGEND + count + STA2);
+    // A station that is not in the table: legend and total only.
+    EXPECT_EQ(show(LTR_FILTER_MAC, {0x66, 0x77, 0x88, 0x00, 0x00, 0x09}), LEGEND + count);
+    EXPECT_EQ(show(LTR_FILTER_OUI, {0x00, 0x11, 0x22}), LEGEND + count + STA1 + STA3);
+    EXPECT_EQ(show(7, {}), LEGEND + count); // an unknown filter keeps nothing
+}
+
+TEST_F(CliShowLive, RssiHandlersBuildTheirFilters)
+{
+    populate();
+    uint8_t b[20] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x11, 0x22, 0x00, 0x00, 0x03};
+    ltr_cli_show_rssi_bymac(&cmd, (ltr_cli_arg *)b);
+    EXPECT_EQ(fake::cli_text(), LEGEND + "Number of stations in tracking: 3\n" + STA3);
+    fake::clear_text();
+    // Only the OUI's 3 bytes count, whatever follows them in the block.
+    ltr_cli_show_rssi_byoui(&cmd, (ltr_cli_arg *)b);
+    EXPECT_EQ(fake::cli_text(), LEGEND + "Number of stations in tracking: 3\n" + STA1 + STA3);
+}
+
+TEST_F(CliShowLive, TrackListRowsNumberedInListOrder)
+{
+    ASSERT_EQ(ltr_set_enabled(1), 0);
+    const uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+    const uint8_t oui[3] = {0xf0, 0x0d, 0x0a};
+    ASSERT_EQ(ltr_mgt_add_mac(mac), 0);
+    ASSERT_EQ(ltr_mgt_add_oui(oui), 0);
+    ASSERT_EQ(ltr_mgt_set_lmatch(0), 0);
+    fake::clear_text();
+    EXPECT_EQ(ltr_dump_track_list(&cmd), 0);
+    EXPECT_EQ(fake::cli_text(), "Match track list enabled: no\n"
+                                "No. Type Address\n"
+                                "--- ---- ----------------\n"
+                                "1   mac  0011.2233.4455\n"
+                                "2   oui  f00d.0a00.0000\n");
+}
+
+TEST_F(CliShowLive, StateShowsTheBufferWhileTrackingRuns)
+{
+    ASSERT_EQ(ltr_set_enabled(1), 0);
+    ASSERT_NE(mgt.omsg, nullptr);
+    fake::set_time2fire(mgt.rssi_fetch_timer, 42);
+    fake::clear_text();
+    EXPECT_EQ(ltr_cli_dump_state(&cmd, nullptr), 0);
+    std::string want = qz_format_str("%-40s%s\n", "Engine Status:", "enabled") +
+                       qz_format_str("%-40s%d\n", "Shared memory ID:", mgt.shm_id) +
+                       qz_format_str("%-40s%m\n", "My MAC (mgt0):", mgt.my_mac) +
+                       qz_format_str("%-40s%i\n", "My IP (mgt):", mgt.my_ip) +
+                       "RSSI fetch time to fire:                42s\n"
+                       "Station owner flush time to fire:       300s\n" +
+                       qz_format_str("%-40s%d\n", "Omsg buffer max size:", mgt.omsg->max_size) +
+                       qz_format_str("%-40s%d\n", "Omsg buffer current size:", mgt.omsg->cur_size) +
+                       qz_format_str("%-40s%d\n", "Omsg buffer space left:", mgt.omsg->space_left) +
+                       qz_format_str("%-40s%d\n", "Omsg buffer offset:", mgt.omsg->offset);
+    EXPECT_EQ(fake::cli_text(), want);
 }

@@ -29,11 +29,12 @@ const ltr_engine_ops_t probe_ops = {nullptr, nullptr, p_validate, p_dispatch,
 
 fake::bytes ifchange(uint32_t type, int32_t ifindex, uint32_t flags, const char *name)
 {
-    fake::bytes b(12);
+    size_t n = strlen(name) + 1;
+    fake::bytes b(12 + n);
     memcpy(b.data(), &type, 4);
     memcpy(b.data() + 4, &ifindex, 4);
     memcpy(b.data() + 8, &flags, 4);
-    b.insert(b.end(), name, name + strlen(name) + 1);
+    memcpy(b.data() + 12, name, n);
     return b;
 }
 

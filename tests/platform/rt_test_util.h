@@ -1,0 +1,53 @@
+// Helpers of the runtime tests: a scratch directory and a quiet configuration.
+#pragma once
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <string>
+
+#include "rt.h"
+
+struct rt_scratch {
+    std::string dir;
+    rt_scratch()
+    {
+        char name[] = "/tmp/qz_rt_XXXXXX";
+        dir = mkdtemp(name);
+    }
+    ~rt_scratch() { std::filesystem::remove_all(dir); }
+    std::string path(const char *name) const { return dir + "/" + name; }
+};
+
+// A configuration that logs to a file only and keeps sockets in the scratch dir.
+inline rt_config rt_test_config(const rt_scratch &s, const std::string &instance = "")
+{
+    rt_config c;
+    c.instance = instance.empty() ? "t" + std::to_string(getpid()) : instance;
+    c.runtime_dir = s.path("run");
+    c.foreground = true;
+    c.log_syslog = false;
+    c.log_file = s.path("log");
+    return c;
+}
+
+inline std::string rt_read_file(const std::string &path)
+{
+    std::ifstream f(path);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+// Waits until pred holds (under mu) or the time runs out.
+template <typename P>
+bool rt_wait_for(std::mutex &mu, std::condition_variable &cv, P pred, int ms = 3000)
+{
+    std::unique_lock l(mu);
+    return cv.wait_for(l, std::chrono::milliseconds(ms), pred);
+}

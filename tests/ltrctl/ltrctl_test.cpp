@@ -180,6 +180,7 @@ TEST(LtrctlRunning, MalformedRepliesAreRefused)
 TEST(LtrctlConfig, SocketFromOptionsOrThePlatformConfiguration)
 {
     std::string path, err;
+    unsetenv("XDG_RUNTIME_DIR");
     ASSERT_TRUE(socket_path("/x/cli.sock", "ap2", path, err));
     EXPECT_EQ(path, "/x/cli.sock");
     ASSERT_TRUE(socket_path("", "ap2", path, err));

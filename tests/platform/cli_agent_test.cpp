@@ -244,6 +244,29 @@ TEST_F(CliAgent, StatusAnswersZero)
     ASSERT_TRUE(r);
     EXPECT_EQ(result_of(*r), 0);
     EXPECT_EQ(text_of(*r), rt_status_text());
+    // The agent's own counters are among the lines.
+    EXPECT_NE(text_of(*r).find("cli.requests "), std::string::npos) << text_of(*r);
+}
+
+TEST_F(CliAgent, DebugSwitchFlipsTheRegisteredBits)
+{
+    static uint32_t word = 0;
+    ASSERT_EQ(qz_register_debug_flag("tst", "info", &word, 0x4), 0);
+    ASSERT_EQ(qz_register_debug_flag("tst", "all", &word, 0xFFFFFFFFu), 0);
+    auto sw = [](uint8_t on, const char *cat) {
+        bytes b = {REQ_DEBUG, on, 't', 's', 't', 0};
+        b.insert(b.end(), cat, cat + strlen(cat) + 1);
+        auto r = request(b);
+        return r ? result_of(*r) : -999;
+    };
+    EXPECT_EQ(sw(1, "info"), 0);
+    EXPECT_EQ(word, 0x4u);
+    EXPECT_EQ(sw(1, "all"), 0);
+    EXPECT_EQ(word, 0xFFFFFFFFu);
+    EXPECT_EQ(sw(0, "all"), 0);
+    EXPECT_EQ(word, 0u);
+    EXPECT_EQ(sw(1, "inf"), E_UNKNOWN);
+    EXPECT_EQ(word, 0u);
 }
 
 TEST_F(CliAgent, DebugSwitchOfAnUnknownCategoryIsNegative)

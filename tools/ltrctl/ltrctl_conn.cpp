@@ -16,6 +16,16 @@
 
 namespace ltrctl {
 
+// The runtime's default directory of an instance: an unprivileged user's daemon lives
+// under its session runtime directory.
+static std::string default_dir(const std::string &instance)
+{
+    const char *xdg = getenv("XDG_RUNTIME_DIR");
+    if (geteuid() != 0 && xdg && xdg[0] == '/')
+        return std::string(xdg) + "/qz/" + instance;
+    return "/run/qz/" + instance;
+}
+
 bool socket_path(const std::string &opt_socket, const std::string &opt_instance,
                  std::string &path, std::string &err)
 {
@@ -24,7 +34,7 @@ bool socket_path(const std::string &opt_socket, const std::string &opt_instance,
         return true;
     }
     if (!opt_instance.empty()) {
-        path = "/run/qz/" + opt_instance + "/cli.sock";
+        path = default_dir(opt_instance) + "/cli.sock";
         return true;
     }
     const char *env = getenv("QZ_PLATFORM_CONFIG");
@@ -44,7 +54,7 @@ bool socket_path(const std::string &opt_socket, const std::string &opt_instance,
             return false;
         }
     }
-    path = (runtime_dir.empty() ? "/run/qz/" + instance : runtime_dir) + "/cli.sock";
+    path = (runtime_dir.empty() ? default_dir(instance) : runtime_dir) + "/cli.sock";
     return true;
 }
 

@@ -8,7 +8,8 @@
 
 namespace ltrctl {
 
-// The socket path: --socket wins; then --instance (/run/qz/<instance>/cli.sock); then
+// The socket path: --socket wins; then --instance (/run/qz/<instance>/cli.sock, or
+// $XDG_RUNTIME_DIR/qz/<instance> for a user other than root, as the runtime does); then
 // runtime_dir or instance from the platform configuration ($QZ_PLATFORM_CONFIG, else
 // /etc/qz/platform.toml; a missing file means the defaults). False with err on a
 // configuration that cannot be read.

@@ -171,3 +171,71 @@ TEST(ServerLink, RequestAckAndReportRoundTrip)
         << out;
     EXPECT_EQ(out.find("error"), std::string::npos) << out;
 }
+
+namespace {
+
+int connect_to(uint16_t port)
+{
+    for (int i = 0; i < 200; ++i) { // the program may still be starting
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(port);
+        if (connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0)
+            return fd;
+        close(fd);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return -1;
+}
+
+// Sends the bytes and returns what the peer sends back until it closes or goes quiet.
+bytes exchange(int fd, const bytes &b, bool &closed)
+{
+    EXPECT_EQ(send(fd, b.data(), b.size(), MSG_NOSIGNAL), ssize_t(b.size()));
+    bytes got;
+    closed = false;
+    uint8_t buf[256];
+    pollfd p{fd, POLLIN, 0};
+    while (poll(&p, 1, 500) > 0) {
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n <= 0) {
+            closed = true;
+            break;
+        }
+        got.insert(got.end(), buf, buf + n);
+    }
+    return got;
+}
+
+} // namespace
+
+TEST(ServerLink, ServerRefusesBadFramesAndAnswersPing)
+{
+    uint16_t port = free_port();
+    std::string addr = "127.0.0.1:" + std::to_string(port);
+    child c = spawn_server({"--json", "--listen", addr, "--duration", "20", "wait 2.5", "quit"});
+    const bytes hello = {0, 0, 0, 11, 1, 2, 0, 0, 0, 0, 9, 127, 0, 0, 1};
+    bool closed;
+
+    int a = connect_to(port);
+    ASSERT_GE(a, 0);
+    exchange(a, {0, 0, 0, 2, 2, 0}, closed);
+    EXPECT_TRUE(closed) << "MESSAGE before HELLO";
+    close(a);
+
+    int b = connect_to(port);
+    bytes wire = hello;
+    wire.insert(wire.end(), {0, 0, 0, 2, 3, 'p'});
+    EXPECT_EQ(exchange(b, wire, closed), (bytes{0, 0, 0, 2, 4, 'p'}));
+    EXPECT_FALSE(closed);
+    exchange(b, {0, 1, 0, 1, 2}, closed);
+    EXPECT_TRUE(closed) << "oversized frame";
+    close(b);
+
+    std::string out;
+    EXPECT_EQ(finish(c, out), 0) << out;
+    EXPECT_NE(out.find("\"reason\":\"frame type 2 before HELLO\""), std::string::npos) << out;
+    EXPECT_NE(out.find("\"reason\":\"frame length 65537 over 65536\""), std::string::npos) << out;
+}

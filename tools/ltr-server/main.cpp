@@ -81,6 +81,9 @@ struct server {
             return;
         a.closing = true;
         out(show_conn(a.id, "disconnect", why, json));
+        if (!a.pending.empty())
+            fail("ap#" + std::to_string(a.id.id) + ": " + std::to_string(a.pending.size()) +
+                 " request(s) unanswered at disconnect");
     }
     unsigned hello_count() const
     {
@@ -300,7 +303,8 @@ void usage(FILE *f)
             "                       command until then (0: until interrupted)\n"
             "Each COMMAND argument is one command line; without any, commands are read\n"
             "from standard input. Without --duration the server exits after the last one.\n"
-            "Exit status: 0, or 1 when a command failed or a wait timed out, 2 on bad options.\n\n%s",
+            "Exit status: 0; 1 when a command failed, a wait timed out or an AP left with\n"
+            "requests unanswered; 2 on bad options.\n\n%s",
             command_help);
 }
 

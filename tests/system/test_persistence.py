@@ -1,0 +1,88 @@
+"""What an access point keeps across restarts and crashes, and the operator's saved
+configuration replayed on a fresh one."""
+import os
+import random
+import signal
+import subprocess
+import time
+
+import systest
+from systest import SiteTest
+
+MACS = [f"02:bb:00:00:00:{i:02x}" for i in range(1, 9)]
+
+
+def track_rows(ap):
+    out = ap.ctl("show", "location-tracking", "track-list").stdout.splitlines()
+    return [l.split() for l in out[3:] if l.strip()]
+
+
+class Persistence(SiteTest):
+    aps = 1
+
+    def test_restart_keeps_settings_and_tracking_list(self):
+        site = self.make_site()
+        site.start(enable=False)
+        ap = site.aps[0]
+        batch = ("location-tracking report-interval 5\nlocation-tracking suppress 2\n"
+                 "location-tracking enable\nlocation-tracking mac 02:bb:00:00:00:01\n"
+                 "location-tracking oui 0a:1b:2c\nno location-tracking list-match\n")
+        ap.ctl("-f", "-", stdin=batch)
+        before = ap.ctl("show", "running-config").stdout
+        self.assertEqual(ap.stop(), 0)
+        ap.start()
+        self.assertEqual(ap.ctl("show", "running-config").stdout, before)
+        state = ap.ctl("show", "location-tracking", "state").stdout
+        self.assertIn("Engine Status:                          enabled", state)
+        self.assertEqual([r[1] for r in track_rows(ap)], ["mac", "oui"])
+
+    def test_kill_during_list_edits_reloads_a_consistent_list(self):
+        site = self.make_site()
+        site.start(enable=True)
+        ap = site.aps[0]
+        rnd = random.Random(int(os.environ.get("LTR_SEED", "7")))
+        print(f"seed {os.environ.get('LTR_SEED', '7')}")
+        for round_ in range(5):
+            edits = []
+            for _ in range(40):
+                m = rnd.choice(MACS)
+                edits.append(("no " if rnd.random() < 0.4 else "") + f"location-tracking mac {m}")
+            env = dict(os.environ)
+            p = subprocess.Popen([site.bin("ltrctl"), "-k", "-s", ap.sock("cli.sock"), "-f", "-"],
+                                 stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                 stderr=subprocess.DEVNULL, text=True, env=env)
+            p.stdin.write("\n".join(edits) + "\n")
+            p.stdin.close()
+            time.sleep(rnd.uniform(0.0, 0.15))
+            ap.stop(signal.SIGKILL)
+            p.wait(timeout=10)
+            ap.start()
+            rows = track_rows(ap)
+            macs = [r[2] for r in rows]
+            self.assertEqual(len(macs), len(set(macs)), f"round {round_}: duplicates {rows}")
+            for r in rows:
+                self.assertEqual(r[1], "mac", f"round {round_}: {rows}")
+            self.assertEqual([int(r[0]) for r in rows], list(range(1, len(rows) + 1)))
+
+    def test_saved_running_config_replays_on_a_fresh_daemon(self):
+        site = self.make_site(aps=2)
+        site.start(enable=False)
+        ap1, ap2 = site.aps
+        ap1.ctl("-f", "-", stdin=(
+            "location-tracking enable\nlocation-tracking report-interval 7\n"
+            "location-tracking rssi-threshold 6\nlocation-tracking valid-period 90\n"
+            "location-tracking hold-time 2\nlocation-tracking suppress 4\n"
+            "location-tracking mac 02:bb:00:00:00:05\nlocation-tracking oui 0a:1b:2c\n"
+            "location-tracking mac 02:bb:00:00:00:03\nno location-tracking list-match\n"))
+        saved = ap1.ctl("show", "running-config").stdout
+        self.assertTrue(saved.strip())
+        ap2.ctl("-f", "-", stdin=saved)
+        self.assertEqual(ap2.ctl("show", "running-config").stdout, saved)
+        self.assertEqual(ap2.ctl("show", "location-tracking").stdout,
+                         ap1.ctl("show", "location-tracking").stdout)
+        self.assertEqual(ap2.ctl("show", "location-tracking", "track-list").stdout,
+                         ap1.ctl("show", "location-tracking", "track-list").stdout)
+
+
+if __name__ == "__main__":
+    systest.main(__file__)

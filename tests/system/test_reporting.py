@@ -1,0 +1,174 @@
+"""Readings flow from the radios of several access points to the owner and on to the
+location server; the server's requests are carried out and answered."""
+import struct
+import socket
+import time
+
+import systest
+from systest import SiteTest
+
+STA = "02:aa:00:00:00:01"
+STA2 = "0a:1b:2c:00:00:02"
+
+
+def report_of(m, ap, sta):
+    """The station entry of an RSSI report from ap, or None."""
+    if m.get("op") != "rssi report" or m.get("ap") != ap:
+        return None
+    for st in m.get("stations", []):
+        if st["mac"] == sta:
+            return st
+    return None
+
+
+def row(label, value):
+    """One line of a parameter show: the label left-justified in 40 columns."""
+    return f"{label:<40}{value}\n"
+
+
+def readers(st):
+    return {r["ap_mac"]: r for r in st["readings"]}
+
+
+class Reporting(SiteTest):
+    def test_owner_reports_its_own_and_relayed_readings(self):
+        site = self.make_site(aps=3)
+        site.start(interval=1)
+        ap1, ap2, ap3 = site.aps
+        ap1.radio(f"assoc {ap1.radios[0]} {STA} 2412")
+        ap1.radio(f"hear {ap1.radios[0]} {STA} -40 1 2412")
+        ap2.radio(f"hear {ap2.radios[0]} {STA} -70 1 2437")
+        ap3.radio(f"hear {ap3.radios[0]} {STA} -80 1 2462")
+        srv = site.server
+        mark = srv.mark()
+        srv.send(f"start all mac={STA}")
+        msg = srv.wait_for(lambda m: (st := report_of(m, "ap1", STA)) is not None
+                           and set(readers(st)) == {ap1.mac, ap2.mac, ap3.mac},
+                           30, mark, "a report of ap1 with the readings of all three")
+        r = readers(report_of(msg, "ap1", STA))
+        self.assertEqual((r[ap1.mac]["rssi"], r[ap1.mac]["freq"]), (-40, 2412))
+        self.assertEqual((r[ap2.mac]["rssi"], r[ap2.mac]["freq"]), (-70, 2437))
+        self.assertEqual((r[ap3.mac]["rssi"], r[ap3.mac]["freq"]), (-80, 2462))
+        # Only the owner reports the station.
+        for other in ("ap2", "ap3"):
+            self.assertFalse(srv.since(mark, lambda m, o=other: report_of(m, o, STA)))
+        # The owner's table shows the relayed readings, the others' their own only.
+        show = ap1.ctl("show", "location-tracking", "rssi").stdout
+        self.assertIn("Number of stations in tracking: 1", show)
+        self.assertEqual(show.count("\n1  ") + show.count("\n2  ") + show.count("\n3  "), 3)
+
+    def test_start_modify_query_stop_and_unknown_opcode(self):
+        site = self.make_site(aps=1)
+        site.start(interval=1)
+        ap = site.aps[0]
+        srv = site.server
+        ap.radio(f"assoc {ap.radios[0]} {STA} 2412")
+        ap.radio(f"hear {ap.radios[0]} {STA} -50 1 2412")
+        ap.radio(f"hear {ap.radios[0]} {STA2} -60 1 2412")
+
+        def request(cmd, op="ack"):
+            mark = srv.mark()
+            srv.send(cmd)
+            sent = srv.wait_for(lambda m: m.get("event") == "sent", 5, mark, f"'{cmd}' to go out")
+            return srv.wait_for(lambda m: m.get("op") == op and m.get("msg_id") == sent["msg_id"],
+                                10, mark, f"the reply to '{cmd}'")
+
+        ack = request(f"start ap1 interval=1 threshold=5 valid=30 mac={STA} oui=0a:1b:2c")
+        self.assertEqual((ack["ack_code"], ack["tlv_num"]), (0, 1))
+        param = ap.ctl("show", "location-tracking").stdout
+        self.assertIn(row("RSSI change update threshold:", 5), param)
+        self.assertIn(row("Report valid period:", 30), param)
+        tl = ap.ctl("show", "location-tracking", "track-list").stdout
+        self.assertIn("mac  02aa.0000.0001", tl)
+        self.assertIn("oui  0a1b.2c00.0000", tl)
+
+        ack = request("modify ap1 interval=2 threshold=9 mac=all")
+        self.assertEqual(ack["ack_code"], 0)
+        param = ap.ctl("show", "location-tracking").stdout
+        self.assertIn(row("Report interval:", 2), param)
+        self.assertIn(row("RSSI change update threshold:", 9), param)
+
+        # Both stations get owned here and show up in a query of all.
+        def queried():
+            rep = request("query ap1 mac=all", op="rssi report")
+            return rep if {s["mac"] for s in rep["stations"]} == {STA, STA2} else None
+        rep = systest.ltrsite.wait_until(queried, 20, "a query answer with both stations")
+        self.assertEqual(rep["stations"][0]["readings"][0]["ap_mac"], ap.mac)
+        rep = request(f"query ap1 mac={STA2}", op="rssi report")
+        self.assertEqual([s["mac"] for s in rep["stations"]], [STA2])
+        empty = request("query ap1", op="rssi report")
+        self.assertEqual((empty["len"], empty["tlv_num"]), (6, 0))
+
+        self.assertEqual(request(f"stop ap1 mac={STA}")["ack_code"], 0)
+        tl = ap.ctl("show", "location-tracking", "track-list").stdout
+        self.assertNotIn("02aa.0000.0001", tl)
+        self.assertEqual(request("stop ap1 mac=all")["ack_code"], 0)
+        tl = ap.ctl("show", "location-tracking", "track-list").stdout
+        self.assertNotIn("oui", tl.splitlines()[-1])
+        self.assertEqual(request("send ap1 9")["ack_code"], 2)
+        self.assertEqual(request("send ap1 5")["ack_code"], 2)
+
+    def test_owner_change_hands_over_the_newest_reading(self):
+        extra = '[owners]\nmode = "external"\n'
+        site = self.make_site(aps=2)
+        for ap in site.aps:
+            ap.write_config([p.ip for p in site.aps if p is not ap], extra)
+        site.start(interval=1)
+        ap1, ap2 = site.aps
+        srv = site.server
+        ap1.radio(f"hear {ap1.radios[0]} {STA} -45 1 2412")
+        ap2.radio(f"hear {ap2.radios[0]} {STA} -75 1 2437")
+        mark = srv.mark()
+        srv.send(f"start all mac={STA}")
+
+        def tell_owner(owner):
+            mac = bytes(int(b, 16) for b in STA.split(":"))
+            payload = struct.pack("=H", 1) + mac + socket.inet_aton(owner.ip)
+            for ap in site.aps:
+                with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as s:
+                    s.sendto(struct.pack(">BI", 1, 157) + payload, ap.sock("events.sock"))
+
+        # Wait until both know the station, then make ap1 its owner.
+        systest.ltrsite.wait_until(
+            lambda: all("Number of stations in tracking: 1" in ap.ctl(
+                "show", "location-tracking", "rssi").stdout for ap in site.aps), 15, "both tables")
+        tell_owner(ap1)
+        srv.wait_for(lambda m: (st := report_of(m, "ap1", STA)) is not None
+                     and set(readers(st)) == {ap1.mac, ap2.mac}, 20, mark, "ap1 to report both")
+        # Hand the station to ap2: ap1 relays the station's most recently added reading
+        # there at once, under its own name: that is ap2's own -75 relayed to it earlier
+        # (its later cycles relay ap1's own -45).
+        mark = srv.mark()
+        tell_owner(ap2)
+        msg = srv.wait_for(lambda m: (st := report_of(m, "ap2", STA)) is not None
+                           and ap1.mac in readers(st), 20, mark, "ap2 to report ap1's reading")
+        self.assertIn(readers(report_of(msg, "ap2", STA))[ap1.mac]["rssi"], (-75, -45))
+
+    def test_authenticated_site_rejects_a_wrong_key(self):
+        site = self.make_site(aps=2, key="site secret one")
+        ap1, ap2 = site.aps
+        with open(site.root + "/other.key", "w") as f:
+            f.write("another secret")
+        # ap2 gets a key of its own, not the site's.
+        with open(ap2.config) as f:
+            cfg = f.read().replace(site.key_file, site.root + "/other.key")
+        with open(ap2.config, "w") as f:
+            f.write(cfg)
+        site.start(interval=1)
+        srv = site.server
+        ap1.radio(f"assoc {ap1.radios[0]} {STA} 2412")
+        ap1.radio(f"hear {ap1.radios[0]} {STA} -40 1 2412")
+        ap2.radio(f"hear {ap2.radios[0]} {STA} -70 1 2437")
+        mark = srv.mark()
+        srv.send(f"start all mac={STA}")
+        srv.wait_for(lambda m: report_of(m, "ap1", STA) is not None, 20, mark, "a report of ap1")
+        time.sleep(4)
+        for m in srv.since(mark, lambda m: report_of(m, "ap1", STA) is not None):
+            self.assertNotIn(ap2.mac, readers(report_of(m, "ap1", STA)))
+        status = ap1.ctl("status").stdout
+        drops = [l for l in status.splitlines() if "drop" in l and "auth" in l or "tag" in l]
+        self.assertTrue(any(int(l.split()[-1]) > 0 for l in drops), status)
+
+
+if __name__ == "__main__":
+    systest.main(__file__)

@@ -242,11 +242,16 @@ class ratio_reporter : public benchmark::ConsoleReporter {
                 ns[r.benchmark_name()] = it->second.value;
         }
     }
+    // With --benchmark_repetitions the means are compared.
+    double get(const std::string &name)
+    {
+        return ns.count(name + "_mean") ? ns[name + "_mean"] : ns.count(name) ? ns[name] : 0;
+    }
     void ratio(const char *what, const char *bm, const char *base)
     {
-        if (ns.count(bm) && ns.count(base) && ns[base] > 0)
-            printf("  %-28s %8.2f ns/op   %6.2fx %s (%.2f ns/op)\n", what, ns[bm],
-                   ns[bm] / ns[base], base, ns[base]);
+        double a = get(bm), b = get(base);
+        if (a > 0 && b > 0)
+            printf("  %-28s %8.2f ns/op   %6.2fx %s (%.2f ns/op)\n", what, a, a / b, base, b);
     }
 };
 

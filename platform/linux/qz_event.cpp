@@ -170,6 +170,11 @@ int qz_event_init(int module_id, pthread_t *thread)
         l.nl_fd = rt_netlink_open();
         l.sock_fd = rt_events_sock_open();
         l.quit = false;
+        // Listed by the status command from the start, not only after a first drop.
+        for (const char *name : {"event_queue_len", "event_unsubscribed", "kevent_unsubscribed",
+                                 "events_sock_injected", "events_sock_malformed",
+                                 "events_sock_send_dropped", "netlink_overruns"})
+            rt_counter(name);
         int rc = rt_thread_create(&l.thread, event_thread, nullptr, "qz_event");
         if (rc != 0) {
             rt_log(LOG_ERR, "event library: cannot start the event thread: %s", strerror(rc));

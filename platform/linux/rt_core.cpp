@@ -222,11 +222,11 @@ void *signal_thread(void *arg)
         if (sigwait(set, &sig) != 0)
             continue;
         if (count == 0) {
-            rt_log(LOG_NOTICE, "%s received, stopping", strsignal(sig));
+            rt_log(LOG_NOTICE, "SIG%s received, stopping", sigabbrev_np(sig));
             rt_request_stop();
         } else {
             // A second signal while the shutdown hangs: leave at once.
-            rt_log(LOG_WARNING, "%s received again, exiting now", strsignal(sig));
+            rt_log(LOG_WARNING, "SIG%s received again, exiting now", sigabbrev_np(sig));
             _exit(1);
         }
     }

@@ -183,10 +183,12 @@ struct client {
 
 std::vector<uint8_t> inject(uint8_t kind, uint32_t id, const std::string &payload)
 {
-    std::vector<uint8_t> d{kind};
+    std::vector<uint8_t> d(5 + payload.size());
+    d[0] = kind;
     uint32_t be = htonl(id);
-    d.insert(d.end(), (uint8_t *)&be, (uint8_t *)&be + 4);
-    d.insert(d.end(), payload.begin(), payload.end());
+    memcpy(&d[1], &be, 4);
+    if (!payload.empty())
+        memcpy(&d[5], payload.data(), payload.size());
     return d;
 }
 

@@ -9,6 +9,8 @@
 #include <thread>
 
 #include "owner_service.h"
+#include "qz_event.h"
+#include "rt_test_util.h"
 
 namespace {
 
@@ -285,4 +287,47 @@ TEST(OwnerService, GreetingIsReturnedSoBothSidesAgree)
     for (int i = 0; i < 20; i++)
         macs.push_back(mac(static_cast<uint8_t>(i), 9));
     EXPECT_EQ(a.ask(macs), b.ask(macs));
+}
+
+namespace {
+std::mutex g_mu;
+std::condition_variable g_cv;
+std::vector<std::vector<uint8_t>> g_replies;
+pthread_t g_caller;
+bool g_on_caller;
+void on_reply(uint32_t, int len, void *p)
+{
+    std::lock_guard l(g_mu);
+    g_replies.emplace_back(static_cast<uint8_t *>(p), static_cast<uint8_t *>(p) + len);
+    g_on_caller = g_on_caller || pthread_equal(pthread_self(), g_caller);
+    g_cv.notify_all();
+}
+} // namespace
+
+TEST(OwnerProcess, EventLibraryCarriesQueriesAndReplies)
+{
+    rt_scratch s;
+    rt_config c = rt_test_config(s);
+    c.mgt_ip = ip4("127.0.0.9");
+    c.nb_port = free_port("127.0.0.9");
+    rt_cfg_set(c);
+    g_caller = pthread_self();
+    pthread_t t;
+    ASSERT_EQ(qz_event_init(52, &t), 0);
+    ASSERT_EQ(qz_event_subscribe(OWNER_EVT_REPLY, on_reply), 0);
+
+    auto q = query({mac(1), mac(2)});
+    ASSERT_EQ(qz_event_send(OWNER_EVT_QUERY, static_cast<int>(q.size()), q.data()), 0);
+    ASSERT_TRUE(rt_wait_for(g_mu, g_cv, [] { return !g_replies.empty(); }));
+    {
+        std::lock_guard l(g_mu);
+        ASSERT_EQ(g_replies[0].size(), 2u + 2 * 10);
+        owner_reply_rec rec;
+        memcpy(&rec, g_replies[0].data() + 12, 10);
+        EXPECT_EQ(rec.mac[5], 2);
+        EXPECT_EQ(rec.owner, ip4("127.0.0.9")); // a lone AP owns what it hears
+        EXPECT_FALSE(g_on_caller);
+    }
+    qz_event_cleanup();
+    pthread_join(t, nullptr); // the daemon joins the event thread the same way
 }

@@ -47,9 +47,9 @@ syslog = false
 file = "$tmp/$name.log"
 [mgt]
 mac = "02:00:00:00:00:0${#instances[@]}"
-ip = "127.0.0.${#instances[@]}"
+ip = "127.0.77.${#instances[@]}"
 [neighbours]
-bind = "127.0.0.${#instances[@]}"
+bind = "127.0.77.${#instances[@]}"
 [store]
 dir = "$tmp/$name/store"
 CFG

@@ -59,7 +59,11 @@ class Event : public testing::Test {
         qz_kevent_subscribe(19, on_kevent);
         rt_event_add_send_tap(on_tap);
     }
-    void TearDown() override { qz_event_cleanup(); }
+    void TearDown() override
+    {
+        qz_event_cleanup(); // ends the loop; the thread is joined as the daemon would
+        pthread_join(thread, nullptr);
+    }
     rt_scratch s;
     pthread_t thread{};
 };

@@ -156,6 +156,7 @@ void netns_child()
     CHILD_CHECK(no_more_links(200));
     CHILD_CHECK(g_addrs.size() == 2 && g_short == 0);
     qz_event_cleanup();
+    pthread_join(t, nullptr);
     _exit(0);
 }
 

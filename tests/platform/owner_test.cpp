@@ -319,12 +319,15 @@ TEST(OwnerProcess, EventLibraryCarriesQueriesAndReplies)
     auto q = query({mac(1), mac(2)});
     ASSERT_EQ(qz_event_send(OWNER_EVT_QUERY, static_cast<int>(q.size()), q.data()), 0);
     ASSERT_TRUE(rt_wait_for(g_mu, g_cv, [] { return !g_replies.empty(); }));
-    std::lock_guard l(g_mu);
-    ASSERT_EQ(g_replies[0].size(), 2u + 2 * 10);
-    owner_reply_rec rec;
-    memcpy(&rec, g_replies[0].data() + 12, 10);
-    EXPECT_EQ(rec.mac[5], 2);
-    EXPECT_EQ(rec.owner, ip4("127.0.0.9")); // a lone AP owns what it hears
-    EXPECT_FALSE(g_on_caller);
+    {
+        std::lock_guard l(g_mu);
+        ASSERT_EQ(g_replies[0].size(), 2u + 2 * 10);
+        owner_reply_rec rec;
+        memcpy(&rec, g_replies[0].data() + 12, 10);
+        EXPECT_EQ(rec.mac[5], 2);
+        EXPECT_EQ(rec.owner, ip4("127.0.0.9")); // a lone AP owns what it hears
+        EXPECT_FALSE(g_on_caller);
+    }
     qz_event_cleanup();
+    pthread_join(t, nullptr); // the daemon joins the event thread the same way
 }

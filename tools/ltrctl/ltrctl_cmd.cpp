@@ -374,8 +374,9 @@ std::vector<uint8_t> encode(const request &r)
         uint16_t type = 17; // the IPC structure's type, in host order
         uint8_t t[2];
         memcpy(t, &type, 2);
-        b.insert(b.end(), t, t + 2);
-        b.insert(b.end(), 6, 0);
+        b.push_back(t[0]);
+        b.push_back(t[1]);
+        b.resize(b.size() + 6, 0);
         b.insert(b.end(), r.block.begin(), r.block.end());
         break;
     }

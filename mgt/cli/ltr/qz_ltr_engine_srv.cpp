@@ -83,11 +83,11 @@ void refused_add(refused *r, const uint8_t *a)
     r->cnt++;
 }
 
-// Appends the refused entries as list TLVs of at most per entries each. More than one
-// TLV of a kind happens only when a start refuses more than one TLV can name; the
-// server then gets them all, split in message order, rather than a cut list that
-// would pass the rest off as accepted. A TLV that cannot be allocated, or that no
-// longer fits in the outgoing buffer, is left out.
+// Appends the refused entries as list TLVs of at most per entries each. A start that
+// refuses more than 254 MACs (or 255 OUIs), possible only with several list TLVs,
+// gets several consecutive MAC-list TLVs (then OUI-list TLVs), in message order, and
+// tlv_num above 3: a cut list would pass the rest off as accepted. A TLV that cannot
+// be allocated, or no longer fits in the outgoing buffer, is left out.
 void add_refused(ltr_mgt *mgt, const refused *r, int per, int (*build)(uint8_t *, const uint8_t *, uint8_t))
 {
     for (int i = 0; i < r->cnt; i += per) {

@@ -68,7 +68,8 @@ snapshot B
 for f in conf param list; do diff -u "$tmp/A.$f" "$tmp/B.$f" || fail "$f after replay"; done
 
 # Undo on B with the "no" forms: back to an empty configuration.
-for w in mac oui suppress report-interval rssi-threshold valid-period hold-time enable; do ctl no location-tracking $w; done
+for w in mac oui suppress report-interval rssi-threshold valid-period hold-time; do ctl no location-tracking $w; done
 ctl location-tracking list-match
+ctl no location-tracking enable
 [ -z "$(ctl show running-config)" ] || fail "configuration left after undoing it"
 echo "cli round trip: 1 passed, 0 failed"

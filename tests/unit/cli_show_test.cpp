@@ -40,16 +40,6 @@ TEST_F(CliShow, ParametersOfAChangedConfiguration)
                                 "RSSI change update threshold:           7\n");
 }
 
-TEST_F(CliShow, EmptyStationTableGivesLegendAndCountOnly)
-{
-    ltr_rssi_filter f{};
-    EXPECT_EQ(ltr_show_rssi(&cmd, &f), 0);
-    EXPECT_EQ(fake::cli_text(),
-              "RSSI=received signal strength in dBm; Freq=channel frequence in MHZ; RptAge=report age;\n"
-              "SupCnt=suppress count; LPwrRpt=last power reported; LifeCnt=life counter\n"
-              "Number of stations in tracking: 0\n");
-}
-
 TEST_F(CliShow, StateWithTimersStoppedAndArmed)
 {
     mgt.shm_id = 4242;
@@ -175,12 +165,6 @@ const std::string STA3 = "Station: 0011.2200.0003, Owner: 0.0.0.0, RptAge 120, S
 
 } // namespace
 
-TEST_F(CliShowLive, RssiListsOfAllStationsInTableOrder)
-{
-    populate();
-    EXPECT_EQ(show(LTR_FILTER_ALL, {}), LEGEND + "Number of stations in tracking: 3\n" + STA1 + STA2 + STA3);
-}
-
 TEST_F(CliShowLive, RssiListsFilteredByMacAndByOui)
 {
     populate();
@@ -190,18 +174,6 @@ TEST_F(CliShowLive, RssiListsFilteredByMacAndByOui)
     EXPECT_EQ(show(LTR_FILTER_MAC, {0x66, 0x77, 0x88, 0x00, 0x00, 0x09}), LEGEND + count);
     EXPECT_EQ(show(LTR_FILTER_OUI, {0x00, 0x11, 0x22}), LEGEND + count + STA1 + STA3);
     EXPECT_EQ(show(7, {}), LEGEND + count); // an unknown filter keeps nothing
-}
-
-TEST_F(CliShowLive, RssiHandlersBuildTheirFilters)
-{
-    populate();
-    uint8_t b[20] = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x11, 0x22, 0x00, 0x00, 0x03};
-    ltr_cli_show_rssi_bymac(&cmd, (ltr_cli_arg *)b);
-    EXPECT_EQ(fake::cli_text(), LEGEND + "Number of stations in tracking: 3\n" + STA3);
-    fake::clear_text();
-    // Only the OUI's 3 bytes count, whatever follows them in the block.
-    ltr_cli_show_rssi_byoui(&cmd, (ltr_cli_arg *)b);
-    EXPECT_EQ(fake::cli_text(), LEGEND + "Number of stations in tracking: 3\n" + STA1 + STA3);
 }
 
 TEST_F(CliShowLive, TrackListRowsNumberedInListOrder)
@@ -219,24 +191,4 @@ TEST_F(CliShowLive, TrackListRowsNumberedInListOrder)
                                 "--- ---- ----------------\n"
                                 "1   mac  0011.2233.4455\n"
                                 "2   oui  f00d.0a00.0000\n");
-}
-
-TEST_F(CliShowLive, StateShowsTheBufferWhileTrackingRuns)
-{
-    ASSERT_EQ(ltr_set_enabled(1), 0);
-    ASSERT_NE(mgt.omsg, nullptr);
-    fake::set_time2fire(mgt.rssi_fetch_timer, 42);
-    fake::clear_text();
-    EXPECT_EQ(ltr_cli_dump_state(&cmd, nullptr), 0);
-    std::string want = qz_format_str("%-40s%s\n", "Engine Status:", "enabled") +
-                       qz_format_str("%-40s%d\n", "Shared memory ID:", mgt.shm_id) +
-                       qz_format_str("%-40s%m\n", "My MAC (mgt0):", mgt.my_mac) +
-                       qz_format_str("%-40s%i\n", "My IP (mgt):", mgt.my_ip) +
-                       "RSSI fetch time to fire:                42s\n"
-                       "Station owner flush time to fire:       300s\n" +
-                       qz_format_str("%-40s%d\n", "Omsg buffer max size:", mgt.omsg->max_size) +
-                       qz_format_str("%-40s%d\n", "Omsg buffer current size:", mgt.omsg->cur_size) +
-                       qz_format_str("%-40s%d\n", "Omsg buffer space left:", mgt.omsg->space_left) +
-                       qz_format_str("%-40s%d\n", "Omsg buffer offset:", mgt.omsg->offset);
-    EXPECT_EQ(fake::cli_text(), want);
 }

@@ -54,22 +54,6 @@ class CoreEvent : public LtrTest {
     }
 };
 
-TEST_F(CoreEvent, UnknownIdsAreLogged)
-{
-    EXPECT_TRUE(fake::subscribed(280) && fake::subscribed(157) && fake::subscribed(164));
-    ltr_event_handler(999, 0, nullptr);
-    ltr_kevent_handler(20, 0, nullptr);
-    ltr_kevent_handler(3, 0, nullptr);
-    ltr_kevent_handler(53, 0, nullptr);
-    std::vector<std::string> texts;
-    for (auto &l : fake::logs())
-        texts.push_back(l.text);
-    EXPECT_EQ(texts, (std::vector<std::string>{"receive unknown event 999",
-                                               "receive unknown kevent 20 (RADIO_CHAN_CHANGE)",
-                                               "receive unknown kevent 3 (n/a)",
-                                               "receive unknown kevent 53 (n/a)"}));
-}
-
 TEST_F(CoreEvent, ShortDeliveriesAreDroppedUnread)
 {
     ltr_debug_flags = LTR_DBG_EVENT;
@@ -101,17 +85,6 @@ TEST_F(CoreEvent, ShortDeliveriesAreDroppedUnread)
     ASSERT_GE(fake::dbgs().size(), 2u);
     EXPECT_EQ(fake::dbgs()[0].text, "receive event (STA_OWNER_REPLY):\n");
     EXPECT_EQ(fake::dbgs()[1].text, "station 0011.2233.4455, owner 192.168.1.20.\n");
-}
-
-TEST_F(CoreEvent, ManagementAddressUpdatesEvenWhenDisabled)
-{
-    fake::bytes evt(24, 0xee);
-    uint32_t ip = ltr_ip(172, 16, 0, 9);
-    memcpy(evt.data() + 20, &ip, 4);
-    fake::deliver_event(LTR_EVT_MGT_IP, evt);
-    EXPECT_EQ(mgt.my_ip, ip);
-    fake::deliver_event(LTR_EVT_MGT_IP, fake::bytes(40)); // 0: no address again
-    EXPECT_EQ(mgt.my_ip, 0u);
 }
 
 TEST_F(CoreEvent, InterfaceChangeActsOnlyOnUpWithUsableFlags)

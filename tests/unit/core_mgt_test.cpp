@@ -83,28 +83,6 @@ TEST_F(CoreMgt, InitFailures)
     EXPECT_EQ(mgt.my_ip, 0u); // the address comes later by event
 }
 
-TEST_F(CoreMgt, SettersAndCleanup)
-{
-    ASSERT_EQ(ltr_mgt_init(), 0);
-    EXPECT_EQ(ltr_mgt_set_rssi_threshold(0x0105), 0);
-    EXPECT_EQ(ltr_mgt_set_suppress(0xffff), 0);
-    EXPECT_EQ(ltr_mgt_set_hold_time(0xff), 0);
-    EXPECT_EQ(ltr_mgt_set_valid_period(0), 0);
-    ltr_cfg want = core_defaults();
-    want.rssi_threshold = 5;
-    want.suppress = 0xffff;
-    want.valid_period = 0;
-    want.hold_time = 0xff;
-    EXPECT_EQ(memcmp(mgt.cfg, &want, sizeof(want)), 0);
-    EXPECT_EQ(pthread_mutex_trylock(&mgt.lock), 0); // every setter let go of it
-    pthread_mutex_unlock(&mgt.lock);
-
-    EXPECT_EQ(ltr_mgt_cleanup(), 0);
-    EXPECT_EQ(fake::count("qz_pmpt_timer_delete"), 2u);
-    EXPECT_EQ(fake::count("qz_shm_destroy"), 1u);
-    EXPECT_EQ(ltr_mgt_inited, 0);
-}
-
 TEST_F(CoreMgt, ReadingLife)
 {
     static ltr_cfg cfg = core_defaults();

@@ -30,15 +30,6 @@ TEST_F(CoreStart, BringsSubsystemsUpAndDownInOrder)
     EXPECT_TRUE(fake::logs().empty());
 }
 
-TEST_F(CoreStart, ThreadCreationFailureReturnsItsCode)
-{
-    fake::script("qz_pthread_create", 11);
-    EXPECT_EQ(ltr_main(0, nullptr), 11);
-    ASSERT_EQ(fake::logs().size(), 1u);
-    EXPECT_EQ(fake::logs()[0].category, 6);
-    EXPECT_EQ(fake::logs()[0].text, "QZ_CHECK_RC failed, rc = 11");
-}
-
 struct start_failure {
     const char *fn;
     const char *text;
@@ -65,33 +56,5 @@ INSTANTIATE_TEST_SUITE_P(
                       start_failure{"qz_pthread_setschedparam",
                                     "adjust ltd event thread priority failed!\n"},
                       start_failure{"qz_start_cli_agent", "start CLI agent failed!\n"}));
-
-TEST_F(CoreStart, DebugCategories)
-{
-    ltr_register_debug_flags();
-    strs names;
-    for (auto &f : fake::dbg_flags()) {
-        names.push_back(f.name);
-        EXPECT_EQ(f.word, f.lib ? &qz_lib_dbg : &ltr_debug_flags);
-    }
-    EXPECT_EQ(names, (strs{"error", "event", "info", "packet", "all", "scdlib", "dcdlib", "alllib"}));
-    ASSERT_TRUE(fake::set_debug("ltr", "all", true));
-    EXPECT_EQ(ltr_debug_flags, 0xFFFFFFFFu);
-
-    // Off: not a line. On: only its own category.
-    static ltr_cfg cfg = core_defaults();
-    mgt.cfg = &cfg;
-    fake::bytes ip(24);
-    ltr_debug_flags = 0;
-    ltr_handle_radio_up(4, 1);
-    ltr_event_handler(LTR_EVT_MGT_IP, 24, ip.data());
-    EXPECT_TRUE(fake::dbgs().empty());
-    fake::set_debug("ltr", "info", true);
-    ltr_handle_radio_up(4, 1);
-    ltr_event_handler(LTR_EVT_MGT_IP, 24, ip.data());
-    ASSERT_EQ(fake::dbgs().size(), 1u);
-    EXPECT_EQ(fake::dbgs()[0].tag, "ltr_info");
-    EXPECT_EQ(fake::dbgs()[0].text, "handle radio up event: access 1\n");
-}
 
 } // namespace

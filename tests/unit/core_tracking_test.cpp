@@ -95,17 +95,4 @@ TEST_F(CoreTracking, StopUndoesStartAndUnregistersWithoutTheLock)
     EXPECT_EQ(ltr_tl.obj_cnt, 0); // the list did not come back
 }
 
-TEST_F(CoreTracking, DisableWhileStoppedClearsButKeepsEnabled)
-{
-    ltr_track_key key = ltr_track_key_make(kMac, LTR_TRACK_MAC);
-    ASSERT_EQ(ltr_track_obj_add(&key), 0);
-    mgt.cfg->enabled = 1; // as after a restored start that failed
-    EXPECT_EQ(ltr_set_enabled(0), 0);
-    EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_track_enable"), (std::vector<int64_t>{4, 9}));
-    EXPECT_EQ(fake::count("qz_hc_unregister") + fake::count("qz_pmpt_timer_stop"), 0u);
-    EXPECT_EQ(mgt.cfg->enabled, 1u);
-    EXPECT_EQ(ltr_tl.obj_cnt, 0);
-    EXPECT_TRUE(fake::db().empty());
-}
-
 } // namespace

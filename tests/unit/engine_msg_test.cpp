@@ -110,35 +110,3 @@ TEST_F(EngineMsg, NothingPastTheDeliveredBytesIsRead)
     EXPECT_EQ(validate(msg(LTR_OP_START, {tlv(9, {1, 2}, 20)})), -1);
     EXPECT_TRUE(fake::dbg_has("tlv crosses the end of the msg: type 9, len 20.\n"));
 }
-
-TEST_F(EngineMsg, PacketDumpShowsTheValuesAsTheyTravel)
-{
-    bytes m = msg(LTR_OP_START, {tlv(1, u16v(300)), tlv(2, {0xfe}), tlv(3, u16v(90)), mac_list({sta1, sta2}), mac_all(),
-                                 oui_list({{0x00, 0x0a, 0xbc}, {0xff, 0x01, 0x02}}),
-                                 tlv(6, {0xa0, 0xb0, 0xc0, 0xd0, 0xe0, 0xf0, 0x09, 0x6c, 0xc4}), tlv(7, {4}),
-                                 tlv(12, {1})});
-    const std::vector<std::string> dump = {
-        "report interval 300", "rssi change update threshold -2", "rssi valid period 90", "number of sta mac 2",
-        "sta mac addr is 0011.2233.4466", "sta mac addr is 0011.2233.4455", "number of mac 0xff", "number of oui 2",
-        "OUI 0x00:0x0a:0xbc", "OUI 0xff:0x01:0x02", "ap_mac a0b0.c0d0.e0f0, chan_freq 2412, power -60", "ack code 4",
-    };
-    ltr_debug_flags = LTR_DBG_PACKET;
-    ASSERT_EQ(validate(m), 0);
-    auto hex = fake::calls_of("qz_hexdump");
-    ASSERT_EQ(hex.size(), 1u);
-    EXPECT_EQ(hex[0].args[0], (int64_t)m.size() - 11);
-    std::vector<std::string> got;
-    for (auto &l : fake::dbgs())
-        if (l.tag == LTR_TAG_PACKET)
-            got.push_back(l.text);
-    EXPECT_EQ(got, dump);
-
-    // The same bytes in wire order, as sent, give the same lines; with the flag off, none.
-    fake::clear_text();
-    ltr_msg_dump((const ltr_msg_body *)(m.data() + 11), (int)m.size() - 11, false);
-    EXPECT_EQ(dbg_lines(), dump);
-    fake::clear_text();
-    ltr_debug_flags = LTR_DBG_ALL & ~LTR_DBG_PACKET;
-    ltr_msg_dump((const ltr_msg_body *)(m.data() + 11), (int)m.size() - 11, false);
-    EXPECT_TRUE(fake::dbgs().empty());
-}

@@ -22,51 +22,6 @@ class RssiOwner : public RssiTest {
     }
 };
 
-TEST_F(RssiOwner, QueryEventCarriesEveryMac)
-{
-    uint8_t macs[12] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
-    EXPECT_EQ(ltr_owner_query(macs, 2), 0);
-    ASSERT_EQ(fake::events_sent().size(), 1u);
-    EXPECT_EQ(fake::events_sent()[0].id, 156u);
-    EXPECT_EQ(fake::events_sent()[0].data, (fake::bytes{0x2e, 1, 2, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}));
-    EXPECT_TRUE(fake::dbg_has("query the owner of station 0708.090a.0b0c.\n"));
-
-    fake::script("qz_event_send", -4);
-    EXPECT_EQ(ltr_owner_query(macs, 1), -4);
-    EXPECT_TRUE(fake::dbg_has("send station owner query event failed.\n"));
-    ltr_alloc_fail_at = 1;
-    EXPECT_EQ(ltr_owner_query(macs, 1), -1);
-    EXPECT_TRUE(fake::dbg_has("no memory!\n"));
-}
-
-TEST_F(RssiOwner, PeriodicCheckAsksForAllStationsAndAlwaysRearms)
-{
-    fake::fire(mgt.owner_flush_timer);
-    EXPECT_TRUE(fake::events_sent().empty());
-    EXPECT_EQ(fake::timer_state(mgt.owner_flush_timer).period, 300u);
-    EXPECT_TRUE(fake::dbg_has("station owner check timer timeout.\n"));
-
-    std::vector<lta_rpt_entry> recs(512, rec(0, -50));
-    for (int i = 0; i < 512; i++)
-        recs[i].mac[4] = (uint8_t)(i >> 8), recs[i].mac[5] = (uint8_t)i;
-    hear(if0, recs);
-    cycle();
-    fake::clear_calls();
-    fake::fire(mgt.owner_flush_timer);
-    auto q = fake::calls_of("qz_event_send");
-    ASSERT_EQ(q.size(), 1u);
-    EXPECT_EQ(q[0].args[1], 3076);
-    EXPECT_EQ(q[0].data[2] | q[0].data[3] << 8, 512);
-    EXPECT_EQ(q[0].data[4 + 6 * 511 + 5], 0xff); // table order: the last one heard is last
-
-    ltr_alloc_fail_at = 1;
-    fake::clear_calls();
-    fake::fire(mgt.owner_flush_timer);
-    EXPECT_TRUE(fake::dbg_has("no memory.\n"));
-    EXPECT_EQ(fake::count("qz_event_send"), 0u);
-    EXPECT_EQ(fake::count("qz_pmpt_timer_start"), 1u);
-}
-
 TEST_F(RssiOwner, ReplySetsOwnersAndHandsTheNewestReadingToANewOwner)
 {
     hear(if0, {rec(1, -50), rec(2, -50), rec(3, -50)});

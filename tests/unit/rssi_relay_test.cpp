@@ -16,28 +16,6 @@ class RssiRelay : public RssiTest {
     }
 };
 
-TEST_F(RssiRelay, SenderNamesThisApAndNeedsBothAddresses)
-{
-    ltr_rssi_data rd{{0x0a, 0, 0, 0, 0, 9}, 0x1234, -77, 0};
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, peer_ip), 0);
-    ASSERT_EQ(fake::hc_sent().size(), 1u);
-    fake::bytes expect{0, 0, 0, 0, 10, 0, 0, 1, 0, 16, 0, 0, 2, 0, 0, 0, 0, 7};
-    expect.insert(expect.end(), my_mac.begin(), my_mac.end()); // not the reading's reporter
-    expect.insert(expect.end(), {0, (uint8_t)-77, 0x12, 0x34});
-    EXPECT_EQ(fake::hc_sent()[0].data, expect);
-
-    fake::script("qz_hc3u_send", -3);
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, peer_ip), -3);
-    ltr_alloc_fail_at = 1;
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, peer_ip), -1);
-    EXPECT_TRUE(fake::dbg_has("no memory!\n"));
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, 0), 0);
-    mgt.my_ip = 0;
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, peer_ip), 0);
-    EXPECT_EQ(dbg_count("exchange ltd message with src or dst ip 0!\n"), 2);
-    EXPECT_EQ(fake::count("qz_hc3u_send"), 2u);
-}
-
 TEST_F(RssiRelay, ReceiverDropsMalformedMessages)
 {
     auto m = relay_msg(1, peer_mac, -60, 2437);

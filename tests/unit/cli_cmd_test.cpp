@@ -1,5 +1,4 @@
-// Operator commands: registration, the stubs' IPC check, handler error lines and the
-// refusals of a disabled tracker, and the running-configuration generator.
+// Operator commands: refusals of a disabled tracker, handler error lines, the generator.
 #include <vector>
 
 #include "ltr_cli.h"
@@ -57,27 +56,6 @@ TEST_F(CliCmd, ListChangesAreRefusedWhileDisabledAndBothStubsAgree)
     EXPECT_EQ(ltr_mgt_add_mac(MAC_BLOCK.data() + 12), LTR_ERR_DISABLED);
     EXPECT_EQ(ltr_mgt_add_oui(OUI_BLOCK.data() + 12), LTR_ERR_DISABLED);
     EXPECT_EQ(ltr_mgt_del_all_oui(), LTR_ERR_DISABLED);
-}
-
-TEST_F(CliCmd, ListMatchOnWhileDisabledPrintsItsOwnLine)
-{
-    EXPECT_EQ(ltr_mgt_set_lmatch(1), LTR_ERR_DISABLED);
-    EXPECT_EQ(fake::run_cmd(LTR_CMD_LIST_MATCH, false, block(0)), -1);
-    EXPECT_EQ(fake::cli_text(), "ERROR: Enable/disable location tracking list match failed.\n");
-    EXPECT_EQ(cfg.lmatch, 1u);
-    EXPECT_EQ(fake::count("qz_dcd_set_lta_lmatch_enable"), 0u);
-}
-
-TEST_F(CliCmd, GeneratorPutsEnableFirstAndListMatchOffLast)
-{
-    cfg = ltr_cfg{1, 1, 0, 0, 0, 3, 61, 60};
-    auto out = fake::run_cfg_gen();
-    ASSERT_EQ(out.size(), 3u);
-    EXPECT_EQ(out[0].cmd_id, 1882);
-    EXPECT_EQ(out[0].block, block(0));
-    EXPECT_EQ(out[1].cmd_id, 1893);
-    EXPECT_EQ(out[2].cmd_id, 1896);
-    EXPECT_EQ(out[2].block, fake::bytes({0, 0, 0, 0x80, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 // ---- With the real manager, tracking control and tracking list ----

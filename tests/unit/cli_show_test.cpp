@@ -22,8 +22,6 @@ class CliShow : public LtrTest {
     }
 };
 
-void noop_timer(qz_pmpt_timer_t *, void *) {}
-
 } // namespace
 
 TEST_F(CliShow, ParametersOfAChangedConfiguration)
@@ -38,32 +36,6 @@ TEST_F(CliShow, ParametersOfAChangedConfiguration)
                                 "Report interval:                        30\n"
                                 "Report valid period:                    90\n"
                                 "RSSI change update threshold:           7\n");
-}
-
-TEST_F(CliShow, StateWithTimersStoppedAndArmed)
-{
-    mgt.shm_id = 4242;
-    const uint8_t mac[6] = {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e};
-    memcpy(mgt.my_mac, mac, 6);
-    mgt.my_ip = ltr_ip(10, 0, 0, 7);
-    mgt.rssi_fetch_timer = qz_pmpt_timer_create(noop_timer, nullptr);
-    mgt.owner_flush_timer = qz_pmpt_timer_create(noop_timer, nullptr);
-    EXPECT_EQ(ltr_dump_state(&cmd), 0);
-    EXPECT_EQ(fake::cli_text(), "Engine Status:                          disabled\n"
-                                "Shared memory ID:                       4242\n"
-                                "My MAC (mgt0):                          001a.2b3c.4d5e\n"
-                                "My IP (mgt):                            10.0.0.7\n"
-                                "RSSI fetch time to fire:                not started\n"
-                                "Station owner flush time to fire:       not started\n");
-    fake::clear_text();
-    qz_pmpt_timer_start(mgt.rssi_fetch_timer, 60);
-    fake::set_time2fire(mgt.rssi_fetch_timer, 17);
-    qz_pmpt_timer_start(mgt.owner_flush_timer, 300);
-    fake::set_time2fire(mgt.owner_flush_timer, 0);
-    ltr_dump_state(&cmd);
-    EXPECT_NE(fake::cli_text().find("RSSI fetch time to fire:                17s\n"
-                                    "Station owner flush time to fire:       0s\n"),
-              std::string::npos);
 }
 
 TEST_F(CliShow, DriverStatsSkipMissingRadiosAndZeroAFailedRead)

@@ -1,5 +1,4 @@
-// The manager: the settings segment (fresh, kept across a restart, restoring
-// tracking), initialisation failures, the setters and the life rule of a reading.
+// The manager: restoring tracking at start-up, initialisation failures, reading life.
 #include "core_util.h"
 #include "ltr_engine.h"
 
@@ -15,24 +14,6 @@ class CoreMgt : public LtrTest {
         ltr_debug_flags = LTR_DBG_ERROR;
     }
 };
-
-TEST_F(CoreMgt, FreshSegmentGetsDefaultsAndRestartKeepsThem)
-{
-    ASSERT_EQ(ltr_mgt_init(), 0);
-    EXPECT_EQ(fake::calls_of("qz_shm_create")[0].args, (std::vector<int64_t>{0x10201, 20}));
-    ltr_cfg want = core_defaults();
-    EXPECT_EQ(fake::shm_bytes(LTR_SHM_KEY), fake::bytes((uint8_t *)&want, (uint8_t *)&want + 20));
-    fake::clear_calls();
-    EXPECT_EQ(ltr_mgt_init(), 0); // a second call does nothing
-    EXPECT_TRUE(fake::calls().empty());
-
-    mgt.cfg->lmatch = 0;
-    mgt.cfg->rpt_interval = 17;
-    auto before = fake::shm_bytes(LTR_SHM_KEY);
-    restart();
-    ASSERT_EQ(ltr_mgt_init(), 0);
-    EXPECT_EQ(fake::shm_bytes(LTR_SHM_KEY), before);
-}
 
 TEST_F(CoreMgt, StoredEnabledRestartsTrackingBeforeAnyThread)
 {

@@ -1,5 +1,4 @@
-// Station table: link integrity under add/find/delete/flush orders, limits, and
-// allocation failures.
+// Station table: link integrity against a random model, limits, allocation failures.
 #include <stdlib.h>
 
 #include <random>
@@ -152,20 +151,6 @@ TEST_F(NodeSta, ReadingsNewestFirstAndUnlinkAnywhere)
     add(2);
     ltr_sta_del(s); // frees its readings (the sanitizer build reports leaks)
     expect_consistent(t, {mac_of(2)});
-}
-
-TEST_F(NodeSta, ReadingLimitNamesStationAndReporter)
-{
-    ltr_sta *s = add(0xabcdef);
-    for (uint8_t ap = 0; ap < 64; ap++) {
-        ltr_rssi_data d = reading(ap);
-        ASSERT_NE(ltr_rssi_add(s, &d), nullptr);
-    }
-    ltr_rssi_data d = reading(0x99);
-    EXPECT_EQ(ltr_rssi_add(s, &d), nullptr);
-    EXPECT_EQ(s->rssi_cnt, 64);
-    EXPECT_EQ(fake::log_text(), "staion 0200.abcd.00ef (max rssi cnt 64): no more node "
-                                "available for the rssi from ap 0a00.0000.0099!\n");
 }
 
 } // namespace

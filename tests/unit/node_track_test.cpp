@@ -1,5 +1,4 @@
-// Tracking list on the fake store: write-through, duplicates, the limit, reload,
-// clean-up and matching.
+// Tracking list on the fake store: write-through, duplicates, reload and matching.
 #include "ltr_alloc.h"
 #include "ltr_test.h"
 
@@ -89,28 +88,6 @@ TEST_F(NodeTrack, AddWritesThroughOnceAndDuplicatesChangeNothing)
     EXPECT_EQ(listed().size(), 3u);
 }
 
-TEST_F(NodeTrack, DeleteRemovesFromListAndStore)
-{
-    ltr_track_key k[3] = {mac_key(1), mac_key(2), mac_key(3)};
-    for (auto &x : k)
-        ltr_track_obj_add(&x);
-    ltr_track_key absent = oui_key(0x02, 0, 0);
-    EXPECT_EQ(ltr_track_obj_del(&absent), 0);
-    EXPECT_EQ(fake::count("qz_db_delete"), 0u);
-
-    EXPECT_EQ(ltr_track_obj_del(&k[2]), 0); // the tail, then append behind it
-    ltr_track_key d = mac_key(4);
-    ltr_track_obj_add(&d);
-    EXPECT_EQ(listed(), (std::vector<bytes>{kb(k[0]), kb(k[1]), kb(d)}));
-    EXPECT_EQ(fake::db().count(kb(k[2])), 0u);
-
-    fake::script("qz_db_delete", -1); // logged; memory goes ahead anyway
-    EXPECT_EQ(ltr_track_obj_del(&k[0]), 0);
-    EXPECT_EQ(fake::log_text(), "del ltr track obj (0200.0000.0001, mac) failed.\n");
-    EXPECT_EQ(listed(), (std::vector<bytes>{kb(k[1]), kb(d)}));
-    EXPECT_EQ(fake::db().count(kb(k[0])), 1u);
-}
-
 TEST_F(NodeTrack, ReloadTakesTheStoreAsItIsInWalkOrder)
 {
     // 600 records (over the limit) plus a second record carrying a listed object.
@@ -158,19 +135,6 @@ TEST_F(NodeTrack, MatchByMacAndByOui)
     ltr_track_key odd = ltr_track_key_make(sta, 7); // an unknown type never matches
     ltr_track_obj_add(&odd);
     EXPECT_EQ(ltr_track_list_match(sta), 0);
-}
-
-TEST_F(NodeTrack, NullArgumentsStopWithTheExpression)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-#define NUL "\\(\\(void \\*\\)0\\)"
-    EXPECT_DEATH(ltr_track_obj_add(nullptr), "### Assertion \\(key != " NUL "\\) failed at qz_ltr_node:");
-    EXPECT_DEATH(ltr_track_obj_del(nullptr), "\\(key != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_track_obj_unstore(nullptr), "\\(key != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_track_list_foreach(nullptr, nullptr), "\\(f != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_track_list_foreach_safe(nullptr, nullptr), "\\(f != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_track_list_match(nullptr), "\\(macaddr != " NUL "\\) failed");
-#undef NUL
 }
 
 } // namespace

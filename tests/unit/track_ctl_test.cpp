@@ -1,5 +1,4 @@
-// Driver tracking control: radio walks, store-first apply, bulk deletes, list match
-// with its purge, and stopping all tracking.
+// Driver tracking control: store-first apply, and list match with its purge.
 #include "core_util.h"
 #include "ltr_alloc.h"
 #include "ltr_track.h"
@@ -34,26 +33,6 @@ class TrackCtl : public LtrTest {
         return ltr_track_obj_find(&k) != nullptr;
     }
 };
-
-TEST_F(TrackCtl, WalkSkipsRadiosWithoutIndexAndStopsAtFailure)
-{
-    EXPECT_EQ(ltr_set_track_enable(1), 0);
-    EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_track_enable"), (idxs{4, 6, 8}));
-    fake::clear_calls();
-    fake::script("qz_dcd_set_lta_track_enable", 0);
-    fake::script("qz_dcd_set_lta_track_enable", -1);
-    EXPECT_EQ(ltr_set_track_enable(0), -1);
-    EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_track_enable"), (idxs{4, 6}));
-    EXPECT_EQ(fake::radio_state(4).track_enable, 0); // no rollback
-    EXPECT_EQ(fake::radio_state(8).track_enable, 1);
-    EXPECT_TRUE(fake::dbg_has("disable track to interface wifi1 failed.\n"));
-
-    fake::set_radios({}); // no radios: success, no driver call
-    fake::clear_calls();
-    EXPECT_EQ(ltr_set_track_enable(1) | ltr_set_lmatch(0), 0);
-    EXPECT_TRUE(fake::calls().empty());
-    EXPECT_EQ(mgt.cfg->lmatch, 0u);
-}
 
 TEST_F(TrackCtl, ApplyStoresFirstThenEveryRadio)
 {

@@ -1,6 +1,4 @@
 // Show and dump output, byte for byte.
-#include <net/if.h>
-
 #include <array>
 
 #include "ltr_engine.h"

@@ -1,71 +1,13 @@
 // Show and dump output, byte for byte.
 #include <array>
 
-#include "ltr_engine.h"
-#include "qz_format.h"
-
 #include "ltr_cli.h"
 #include "ltr_test.h"
 
 namespace {
 
+// The real station table and tracking list, on one radio.
 class CliShow : public LtrTest {
-  protected:
-    ltr_cfg cfg{1, 0, 1, 0, 0, 3, 60, 60};
-    qz_cli_cmd cmd{};
-    void SetUp() override
-    {
-        LtrTest::SetUp();
-        mgt.cfg = &cfg;
-    }
-};
-
-} // namespace
-
-TEST_F(CliShow, ParametersOfAChangedConfiguration)
-{
-    cfg = ltr_cfg{1, 1, 0, 5, 2, 7, 30, 90};
-    EXPECT_EQ(ltr_show_param(&cmd), 0);
-    EXPECT_EQ(fake::cli_text(), "Engine name:                            Quorvane\n"
-                                "Status:                                 enabled\n"
-                                "Track list match:                       no\n"
-                                "Report suppressing parameter:           5\n"
-                                "RSSI hold time:                         2\n"
-                                "Report interval:                        30\n"
-                                "Report valid period:                    90\n"
-                                "RSSI change update threshold:           7\n");
-}
-
-TEST_F(CliShow, DriverStatsSkipMissingRadiosAndZeroAFailedRead)
-{
-    fake::set_radios({{"wifi0", 5}, {"gone", 0}, {"wifi1", 6}});
-    fake::radio_state(5).stats = lta_stats{99, 99, 99, 99, 99};
-    fake::radio_state(6).stats = lta_stats{11, 1, 2, 3, 4};
-    fake::script("qz_dcd_get_lta_stats", -1); // wifi0's read fails
-    ltr_debug_flags = LTR_DBG_ERROR;
-    EXPECT_EQ(ltr_dump_drv_stats(&cmd), 0);
-    EXPECT_EQ(fake::cli_text(), "ltr statistics counter for wifi0:\n"
-                                "number of reported rssi readings:       0\n"
-                                "station list no node:                   0\n"
-                                "oui list no node:                       0\n"
-                                "station list no memory:                 0\n"
-                                "oui list no memory:                     0\n"
-                                "\n"
-                                "ltr statistics counter for wifi1:\n"
-                                "number of reported rssi readings:       11\n"
-                                "station list no node:                   1\n"
-                                "oui list no node:                       2\n"
-                                "station list no memory:                 3\n"
-                                "oui list no memory:                     4\n"
-                                "\n");
-    EXPECT_TRUE(fake::dbg_has("get ltr statistics to interface failed"));
-}
-
-// ---- With the real station table, tracking list and engine ----
-
-namespace {
-
-class CliShowLive : public LtrTest {
   protected:
     qz_cli_cmd cmd{};
     void SetUp() override
@@ -135,7 +77,7 @@ const std::string STA3 = "Station: 0011.2200.0003, Owner: 0.0.0.0, RptAge 120, S
 
 } // namespace
 
-TEST_F(CliShowLive, RssiListsFilteredByMacAndByOui)
+TEST_F(CliShow, RssiListsFilteredByMacAndByOui)
 {
     populate();
     const std::string count = "Number of stations in tracking: 3\n";
@@ -146,7 +88,7 @@ TEST_F(CliShowLive, RssiListsFilteredByMacAndByOui)
     EXPECT_EQ(show(7, {}), LEGEND + count); // an unknown filter keeps nothing
 }
 
-TEST_F(CliShowLive, TrackListRowsNumberedInListOrder)
+TEST_F(CliShow, TrackListRowsNumberedInListOrder)
 {
     ASSERT_EQ(ltr_set_enabled(1), 0);
     const uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
@@ -161,4 +103,43 @@ TEST_F(CliShowLive, TrackListRowsNumberedInListOrder)
                                 "--- ---- ----------------\n"
                                 "1   mac  0011.2233.4455\n"
                                 "2   oui  f00d.0a00.0000\n");
+}
+
+TEST_F(CliShow, ParametersOfAChangedConfiguration)
+{
+    *mgt.cfg = ltr_cfg{1, 1, 0, 5, 2, 7, 30, 90};
+    EXPECT_EQ(ltr_show_param(&cmd), 0);
+    EXPECT_EQ(fake::cli_text(), "Engine name:                            Quorvane\n"
+                                "Status:                                 enabled\n"
+                                "Track list match:                       no\n"
+                                "Report suppressing parameter:           5\n"
+                                "RSSI hold time:                         2\n"
+                                "Report interval:                        30\n"
+                                "Report valid period:                    90\n"
+                                "RSSI change update threshold:           7\n");
+}
+
+TEST_F(CliShow, DriverStatsSkipMissingRadiosAndZeroAFailedRead)
+{
+    fake::set_radios({{"wifi0", 5}, {"gone", 0}, {"wifi1", 6}});
+    fake::radio_state(5).stats = lta_stats{99, 99, 99, 99, 99};
+    fake::radio_state(6).stats = lta_stats{11, 1, 2, 3, 4};
+    fake::script("qz_dcd_get_lta_stats", -1); // wifi0's read fails
+    ltr_debug_flags = LTR_DBG_ERROR;
+    EXPECT_EQ(ltr_dump_drv_stats(&cmd), 0);
+    EXPECT_EQ(fake::cli_text(), "ltr statistics counter for wifi0:\n"
+                                "number of reported rssi readings:       0\n"
+                                "station list no node:                   0\n"
+                                "oui list no node:                       0\n"
+                                "station list no memory:                 0\n"
+                                "oui list no memory:                     0\n"
+                                "\n"
+                                "ltr statistics counter for wifi1:\n"
+                                "number of reported rssi readings:       11\n"
+                                "station list no node:                   1\n"
+                                "oui list no node:                       2\n"
+                                "station list no memory:                 3\n"
+                                "oui list no memory:                     4\n"
+                                "\n");
+    EXPECT_TRUE(fake::dbg_has("get ltr statistics to interface failed"));
 }

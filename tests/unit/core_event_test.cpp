@@ -1,9 +1,7 @@
 // Event dispatch: short deliveries and the interface-change filter.
 #include "core_util.h"
-#include "ltr_engine.h"
 #include "ltr_event.h"
 #include "ltr_rssi.h"
-#include "ltr_track.h"
 
 namespace {
 
@@ -57,13 +55,6 @@ TEST_F(CoreEvent, ShortDeliveriesAreDroppedUnread)
                          "drop short kevent 19 (ifchange): 12 bytes, need 13\n",
                          "drop short kevent 19 (ifchange): 17 bytes, need 18\n"}));
 
-    // The full reply: each record traced before the handler runs.
-    fake::clear_text();
-    reply[0] = 1;
-    fake::deliver_event(LTR_EVT_OWNER_REPLY, reply);
-    ASSERT_GE(fake::dbgs().size(), 2u);
-    EXPECT_EQ(fake::dbgs()[0].text, "receive event (STA_OWNER_REPLY):\n");
-    EXPECT_EQ(fake::dbgs()[1].text, "station 0011.2233.4455, owner 192.168.1.20.\n");
 }
 
 TEST_F(CoreEvent, InterfaceChangeActsOnlyOnUpWithUsableFlags)

@@ -66,30 +66,6 @@ TEST_F(CoreMgt, InitFailures)
     EXPECT_EQ(mgt.my_ip, 0u); // the address comes later by event
 }
 
-TEST_F(CoreMgt, ReadingLife)
-{
-    static ltr_cfg cfg = core_defaults();
-    mgt.cfg = &cfg;
-    ltr_rssi_entry e{};
-    struct {
-        uint32_t my_ip, local;
-        uint16_t interval;
-        uint8_t hold;
-        int want;
-    } cases[] = {{1, 1, 60, 9, 1}, {1, 1, 25, 9, 2}, {1, 1, 120, 9, 1}, {1, 1, 0, 9, 1},
-                 {1, 0, 20, 2, 3}, {0, 1, 20, 2, 3}, {0, 0, 20, 255, 256}};
-    for (auto &c : cases) {
-        mgt.my_ip = c.my_ip;
-        e.ni_local = c.local;
-        cfg.rpt_interval = c.interval;
-        cfg.hold_time = c.hold;
-        EXPECT_EQ(ltr_rssi_life(&mgt, &e), c.want) << c.my_ip << c.local << " " << c.interval;
-    }
-    EXPECT_DEATH(ltr_rssi_life(&mgt, nullptr), "Assertion \\(mgt != \\(\\(void \\*\\)0\\) && "
-                                               "rssi != \\(\\(void \\*\\)0\\)\\) failed at "
-                                               "qz_ltr_common:");
-}
-
 } // namespace
 
 using ::testing::ExitedWithCode;

@@ -3,20 +3,6 @@
 
 #include "qz_format.h"
 
-TEST(Format, MacAndIpWithWidthAndLeftJustify)
-{
-    uint8_t mac[6] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
-    uint32_t ip;
-    uint8_t b[4] = {192, 168, 1, 20};
-    memcpy(&ip, b, 4);
-    EXPECT_EQ(qz_format_str("%m", mac), "0011.22aa.bbcc");
-    EXPECT_EQ(qz_format_str("[%-16m]", mac), "[0011.22aa.bbcc  ]");
-    EXPECT_EQ(qz_format_str("[%16m]", mac), "[  0011.22aa.bbcc]");
-    EXPECT_EQ(qz_format_str("%i", ip), "192.168.1.20");
-    EXPECT_EQ(qz_format_str("%-14i|", ip), "192.168.1.20  |");
-    EXPECT_EQ(qz_format_str("%i", 0u), "0.0.0.0");
-}
-
 TEST(Format, TruncatesLikeSnprintfAndReportsFullLength)
 {
     uint8_t mac[6] = {0xde, 0xad, 0xbe, 0xef, 0, 1};

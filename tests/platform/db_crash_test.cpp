@@ -37,14 +37,6 @@ op op_of(uint64_t seed, int round, int i)
     return {key, rng() % 3 == 0 ? "" : make_val(key, (uint32_t)(round << 16 | i))};
 }
 
-void apply_op(state &s, const op &o)
-{
-    if (o.second.empty())
-        s.erase(o.first);
-    else
-        s[o.first] = o.second;
-}
-
 state g_read;
 bool g_bad;
 void read_cb(qz_db_t *db, const void *k, int kl)
@@ -77,7 +69,6 @@ TEST_F(Db, WriterKilledAtRandomMomentsLeavesAConsistentStore)
     const char *env = getenv("LTR_SEED"); // replay a failed run
     uint64_t seed = env ? strtoull(env, nullptr, 0) : std::random_device{}();
     printf("seed %llu\n", (unsigned long long)seed);
-    SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937_64 rng(seed);
     std::string file = path("crash.db");
     state before; // the store's content when the round starts
@@ -87,7 +78,7 @@ TEST_F(Db, WriterKilledAtRandomMomentsLeavesAConsistentStore)
     for (auto t = t0 - t0; rounds < 400 && t < std::chrono::seconds(10) &&
                            (t < std::chrono::seconds(4) || acked_total < 20);
          t = std::chrono::steady_clock::now() - t0, rounds++) {
-        SCOPED_TRACE("round " + std::to_string(rounds));
+        SCOPED_TRACE("seed " + std::to_string(seed) + " round " + std::to_string(rounds));
         int fds[2];
         ASSERT_EQ(pipe(fds), 0);
         fflush(nullptr);
@@ -116,15 +107,18 @@ TEST_F(Db, WriterKilledAtRandomMomentsLeavesAConsistentStore)
         qz_db_close(db);
         ASSERT_FALSE(g_bad) << "a malformed record";
         state expect = before;
+        auto apply = [&](int n) {
+            auto [key, val] = op_of(seed, rounds, n);
+            val.empty() ? (void)expect.erase(key) : (void)(expect[key] = val);
+        };
         for (int n = 0; n < acked; n++)
-            apply_op(expect, op_of(seed, rounds, n));
+            apply(n);
         if (g_read != expect) // committed, not yet reported
-            apply_op(expect, op_of(seed, rounds, acked));
+            apply(acked);
         ASSERT_EQ(g_read, expect) << "neither the acknowledged state nor the one after";
         before = g_read;
         acked_total += acked;
     }
-    printf("%d kills, %d committed changes\n", rounds, acked_total);
     EXPECT_GE(rounds, 20);
     EXPECT_GT(acked_total, 0);
 }

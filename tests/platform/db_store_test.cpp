@@ -1,12 +1,9 @@
-// The LMDB key-value store: records, reopening, limits, the instance's store
-// directory, and refusal of files that are not our stores.
+// The LMDB key-value store: records, reopening, limits, and refusal of files that
+// are not our stores.
 #include <lmdb.h>
 #include <string.h>
 
-#include <fstream>
-#include <iterator>
 #include <map>
-#include <random>
 
 #include "db_test_util.h"
 
@@ -44,17 +41,6 @@ kv_list contents(qz_db_t *db)
     return out;
 }
 
-std::string file_bytes(const std::string &f)
-{
-    std::ifstream in(f, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void write_bytes(const std::string &f, const std::string &b)
-{
-    std::ofstream(f, std::ios::binary | std::ios::trunc) << b;
-}
-
 // Writes records behind the store's back into the named database (null: the main one).
 void raw_put(const std::string &f, const kv_map &records, const char *name = "qz_kv")
 {
@@ -77,11 +63,11 @@ void raw_put(const std::string &f, const kv_map &records, const char *name = "qz
 // A foreign file is refused twice, stays byte for byte, and gets nothing beside it.
 void expect_refused(const std::string &dir, const std::string &f)
 {
-    std::string before = file_bytes(f);
+    std::string before = rt_read_file(f);
     auto entries = std::distance(fs::directory_iterator(dir), {});
     EXPECT_EQ(qz_db_open(f.c_str()), nullptr);
     EXPECT_EQ(qz_db_open(f.c_str()), nullptr);
-    EXPECT_EQ(file_bytes(f), before);
+    EXPECT_EQ(rt_read_file(f), before);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), entries);
 }
 
@@ -132,32 +118,10 @@ TEST_F(Db, LimitsAndBadArguments)
     qz_db_close(db);
 }
 
-TEST_F(Db, InstanceStoreDirHoldsTheFile)
-{
-    rt_config c = rt_cfg();
-    std::string asked = dir + "/asked/t.db";
-    for (const char *inst : {"a", "b"}) {
-        c.store_dir = dir + "/inst/" + inst;
-        rt_cfg_set(c);
-        EXPECT_EQ(qz_db_file(asked.c_str()), c.store_dir + "/t.db");
-        qz_db_t *db = qz_db_open(asked.c_str());
-        ASSERT_NE(db, nullptr);
-        EXPECT_TRUE(contents(db).empty()) << "instance " << inst << " sees its own store";
-        EXPECT_EQ(put(db, key_of(1), inst), 0);
-        qz_db_close(db);
-    }
-    EXPECT_TRUE(fs::exists(dir + "/inst/a/t.db"));
-    EXPECT_FALSE(fs::exists(asked));
-}
-
 TEST_F(Db, ForeignAndTruncatedFilesAreRefusedAndLeftUntouched)
 {
-    std::mt19937 rng(7);
-    std::string garbage(20000, 0);
-    for (auto &b : garbage)
-        b = (char)rng();
-    write_bytes(path("garbage.db"), garbage);
-    write_bytes(path("text.db"), "mac 00:11:22:33:44:55\noui 00:11:22\n");
+    std::ofstream(path("garbage.db")) << std::string(20000, '\x5a') + "\x01\xde\xc0\xef\xbe";
+    std::ofstream(path("text.db")) << "mac 00:11:22:33:44:55\noui 00:11:22\n";
     raw_put(path("other.db"), {{"qz_kv", "abc"}}, nullptr); // another program's, our name
     for (const char *f : {"garbage.db", "text.db", "other.db"})
         expect_refused(dir, path(f));
@@ -171,17 +135,17 @@ TEST_F(Db, ForeignAndTruncatedFilesAreRefusedAndLeftUntouched)
         many[key_of(n)] = std::string(QZ_DB_VALUE_MAX, 'v');
     raw_put(f, many);
     fs::remove(f + "-lock");
-    std::string whole = file_bytes(f);
+    std::string whole = rt_read_file(f);
     ASSERT_GT(whole.size(), 16u * 4096);
     for (size_t keep : {whole.size() - 4096, whole.size() / 2, (size_t)3 * 4096,
                         (size_t)2 * 4096 - 1, (size_t)4096, (size_t)1}) {
         SCOPED_TRACE("kept " + std::to_string(keep) + " bytes");
-        write_bytes(f, whole.substr(0, keep));
+        std::ofstream(f) << whole.substr(0, keep);
         expect_refused(dir, f);
     }
     // Zero bytes is not truncation: it becomes an empty store.
     for (const std::string &bytes : {whole, std::string()}) {
-        write_bytes(f, bytes);
+        std::ofstream(f) << bytes;
         qz_db_t *db = qz_db_open(f.c_str());
         ASSERT_NE(db, nullptr);
         EXPECT_EQ(contents(db).size(), bytes.empty() ? 0u : 2000u);

@@ -5,7 +5,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <filesystem>
 
 #include "rt_test_util.h"
 #include "sim_radio.h"
@@ -25,9 +24,6 @@ station = [
 struct SimTest : ::testing::Test {
     rt_scratch s;
     std::vector<rt_radio> radios;
-    double now = 0;
-
-    void SetUp() override { sim_set_clock([this] { return now; }); }
     void TearDown() override
     {
         for (auto &r : radios)
@@ -35,17 +31,12 @@ struct SimTest : ::testing::Test {
         rt_radio_sock_stop();
         sim_reset();
     }
-    // Opens n radios wlan0.. with an optional world, as instance "ap1".
-    void open(size_t n, const char *world = nullptr, uint64_t seed = 1)
+    // Opens n radios wlan0.. as instance "ap1".
+    void open(size_t n)
     {
         rt_config c;
         c.instance = "ap1";
         c.runtime_dir = s.dir;
-        c.sim_seed = seed;
-        if (world) {
-            c.sim_world = s.dir + "/site.world.toml";
-            std::ofstream(c.sim_world) << world;
-        }
         rt_cfg_set(c);
         radios.resize(n);
         for (size_t i = 0; i < n; i++) {
@@ -74,18 +65,8 @@ struct SimTest : ::testing::Test {
     lta_stats stats()
     {
         lta_stats st{};
-        return rt_driver_sim.get_stats(&radios[0], &st), st;
-    }
-    // Frequency of an associated station's record on radio r, or -1.
-    int assoc_freq(size_t r, uint8_t last)
-    {
-        uint8_t sta[6] = {2, 0, 0, 0, 0, last}, rec[QZ_DCD_STA_BUF_LEN];
-        int len = 0;
-        uint16_t freq;
-        if (rt_driver_sim.get_one_sta(&radios[r], sta, rec, sizeof rec, &len) != 0)
-            return -1;
-        memcpy(&freq, rec + 2, 2);
-        return freq;
+        EXPECT_EQ(rt_driver_sim.get_stats(&radios[0], &st), 0);
+        return st;
     }
 };
 
@@ -101,8 +82,7 @@ TEST_F(SimTest, TrackSwitchAndListMatchDecideWhatIsReported)
     ASSERT_EQ(rt_driver_sim.set_track_enable(&radios[0], 1), 0);
     auto all = table(0);
     ASSERT_EQ(all.size(), 3u);
-    EXPECT_EQ(std::tuple(+all[1].rssi, +all[1].active, +all[2].chan_freq),
-              std::tuple(-60, 0, 5180));
+    EXPECT_EQ(std::tuple(+all[1].rssi, +all[1].active), std::tuple(-60, 0));
     EXPECT_EQ(table(0, 2).size(), 2u); // never more than the capacity
 
     ASSERT_EQ(rt_driver_sim.set_lmatch(&radios[0], 1), 0);
@@ -111,17 +91,11 @@ TEST_F(SimTest, TrackSwitchAndListMatchDecideWhatIsReported)
     ASSERT_EQ(table(0).size(), 1u);
     ASSERT_EQ(obj("aa:bb:cc", true), 0);
     ASSERT_EQ(table(0).size(), 2u);
-    EXPECT_EQ(table(0)[1].mac[0], 0xaa);
     ASSERT_EQ(obj("00:11:22:00:00:02", false, true), 0);
     EXPECT_EQ(table(0).size(), 1u);
     ASSERT_EQ(rt_driver_sim.set_lmatch(&radios[0], 0), 0);
     EXPECT_EQ(table(0).size(), 3u);
-
-    ASSERT_EQ(cmd("forget wlan0 00:11:22:00:00:01"), "ok\n");
-    EXPECT_EQ(table(0).size(), 2u);
-    ASSERT_EQ(cmd("clear wlan0"), "ok\n");
-    EXPECT_TRUE(table(0).empty());
-    EXPECT_EQ(stats().rpt_cnt, 3u + 2 + 1 + 2 + 2 + 1 + 3 + 2);
+    EXPECT_EQ(stats().rpt_cnt, 3u + 2 + 1 + 2 + 1 + 3);
 }
 
 TEST_F(SimTest, ObjectTableLimitsAndInjectedFailures)
@@ -130,39 +104,29 @@ TEST_F(SimTest, ObjectTableLimitsAndInjectedFailures)
     EXPECT_EQ(obj("00:00:00:00:00:01", false, true), -1);
     EXPECT_EQ(obj("00:00:01", true, true), -1);
     char m[40];
-    for (size_t i = 0; i < SIM_MAX_MAC_OBJ; i++) {
-        snprintf(m, sizeof m, "02:00:00:00:%02zx:%02zx", i >> 8, i & 0xff);
-        ASSERT_EQ(obj(m, false), 0) << i;
+    for (bool oui : {false, true}) {
+        size_t max = oui ? SIM_MAX_OUI_OBJ : SIM_MAX_MAC_OBJ;
+        for (size_t i = 0; i <= max; i++) { // one past the limit is refused
+            snprintf(m, sizeof m, oui ? "0a:%02zx:%02zx" : "02:00:00:00:%02zx:%02zx", i >> 8, i & 255);
+            EXPECT_EQ(obj(m, oui), i < max ? 0 : -1) << i;
+        }
+        EXPECT_EQ(obj(oui ? "0a:00:05" : "02:00:00:00:00:05", oui), 0); // already there
     }
-    EXPECT_EQ(obj("02:00:00:00:00:05", false), 0); // already there: no new slot
-    EXPECT_EQ(obj("06:00:00:00:00:00", false), -1);
-    for (size_t i = 0; i < SIM_MAX_OUI_OBJ; i++) {
-        snprintf(m, sizeof m, "0a:00:%02zx", i);
-        ASSERT_EQ(obj(m, true), 0) << i;
-    }
-    EXPECT_EQ(obj("0b:00:00", true), -1);
-    lta_stats st = stats();
+    lta_stats st = stats(); // each refusal counted once, under its reason
     EXPECT_EQ(std::tuple(st.sta_no_node, st.oui_no_node, st.sta_no_mem, st.oui_no_mem),
               std::tuple(1u, 1u, 1u, 1u));
-    lta_trackobj bad{};
-    bad.is_oui = 2;
-    EXPECT_EQ(rt_driver_sim.set_trackobj(&radios[0], &bad), -1);
-    EXPECT_EQ(memcmp(&st, &(const lta_stats &)stats(), sizeof st), 0); // refused, not counted
 
     // An injected failure hits the named operation, as many times as asked.
     ASSERT_EQ(cmd("fail set_lta_trackobj 2"), "ok\n");
     for (int want : {-1, -1, 0})
         EXPECT_EQ(obj("0a:00:00", true, true), want);
-    EXPECT_EQ(cmd("fail reboot 1"), "error: unknown operation reboot\n");
-    EXPECT_EQ(cmd("fail get_lta_stats x"), "error: bad count x\n");
 }
 
-TEST_F(SimTest, WorldIsDeterministicForASeedAndFollowsDistance)
+TEST_F(SimTest, WorldFollowsDistanceIsDeterministicForASeedAndNamesErrors)
 {
     std::string err;
     auto w = sim_world_parse(k_world, "w", err);
     ASSERT_TRUE(w) << err;
-    EXPECT_GT(sim_path_rssi(w->model, 10, 2412), sim_path_rssi(w->model, 11, 2412));
     EXPECT_GT(sim_path_rssi(w->model, 10, 2412), sim_path_rssi(w->model, 10, 5180));
 
     auto hear = [&](double t, uint64_t seed) {
@@ -185,19 +149,9 @@ TEST_F(SimTest, WorldIsDeterministicForASeedAndFollowsDistance)
     EXPECT_DOUBLE_EQ(sim_station_pos(w->stations[2], 15).x, 10);
     EXPECT_DOUBLE_EQ(sim_station_pos(w->stations[2], 20).x, 0);
 
-    auto shipped = std::filesystem::path(__FILE__).parent_path() / "../../examples/site.world.toml";
-    auto sw = sim_world_load(shipped.string(), err);
-    ASSERT_TRUE(sw) << err;
-    EXPECT_EQ(sw->aps.size(), 3u);
-}
 
-TEST_F(SimTest, WorldFileErrorsNameTheLineAndKey)
-{
-    std::string err;
     EXPECT_FALSE(sim_world_parse("[[ap]]\nname = \"a\"\nposition = [0, 0]\ncolour = 1\n", "f", err));
     EXPECT_EQ(err, "f:4: ap.colour: unknown key");
-    EXPECT_FALSE(sim_world_parse("[[ap]]\nname = \"a\"\nposition = [0]\n", "f", err));
-    EXPECT_EQ(err, "f:3: ap.position: expected [x, y]");
     EXPECT_FALSE(sim_world_parse("station = [{ mac = \"02:00:00:00:00:01\", position = [0, 0], "
                                  "assoc = \"nowhere\" }]", "f", err));
     EXPECT_EQ(err, "f:1: station.assoc: no access point nowhere");
@@ -205,52 +159,26 @@ TEST_F(SimTest, WorldFileErrorsNameTheLineAndKey)
     EXPECT_EQ(err.rfind("f:1: ", 0), 0u) << err;
 }
 
-TEST_F(SimTest, WorldStationsReachTheDriverWithAssociations)
-{
-    open(2, k_world, 5);
-    ASSERT_EQ(rt_driver_sim.set_track_enable(&radios[1], 1), 0);
-    now = 3;
-    auto t1 = table(1);
-    ASSERT_FALSE(t1.empty());
-    EXPECT_EQ(t1.back().chan_freq, 5180);
-    EXPECT_EQ(assoc_freq(0, 1), -1);
-    EXPECT_EQ(assoc_freq(1, 1), 5180);
-    EXPECT_EQ(assoc_freq(1, 2), -1); // at ap2
-    EXPECT_EQ(cmd("disassoc wlan1 02:00:00:00:00:01"), "ok\n");
-    EXPECT_EQ(assoc_freq(1, 1), -1);
-    EXPECT_EQ(cmd("disassoc wlan1 02:00:00:00:00:01"),
-              "error: 02:00:00:00:00:01 is not associated on wlan1\n");
-    EXPECT_EQ(cmd("assoc wlan0 02:00:00:00:00:02 2462"), "ok\n");
-    EXPECT_EQ(assoc_freq(0, 2), 2462);
-}
-
 TEST_F(SimTest, RadioSockSpeaksLinesOverItsSocket)
 {
     open(1);
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    std::string path = s.dir + "/radio.sock";
-    strcpy(a.sun_path, path.c_str());
+    sockaddr_un a{AF_UNIX, {}};
+    strcpy(a.sun_path, (s.dir + "/radio.sock").c_str());
     ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
-    namespace fs = std::filesystem;
-    EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
-              fs::perms::owner_read | fs::perms::owner_write);
 
     // Two requests in one write, one split across writes.
     rt_driver_sim.set_lmatch(&radios[0], 1);
     obj("00:11:22", true);
     obj("00:11:22:33:44:55", false);
-    for (std::string req :
-         {"bogus\nhear wlan9 00:11:22:33:44:55 -40 1 2412\nhear wlan0 00:11:22:33:44:55 -4",
-          "0 1 2412\nstate wlan0\nhear wlan0 zz -1 1 1\nhear wlan0 00:11:22:33:44:55 -40 2 2412\n"
-          "hear wlan0 00:11:22:33:44:55 -40 1 0\nforget wlan0\n"})
+    for (std::string req : {"bogus\nhear wlan9 00:11:22:33:44:55 -40 1 2412\nhear wlan0 00:11:2",
+                            "2:33:44:55 -40 1 2412\nstate wlan0\nhear wlan0 zz -1 1 1\n"
+                            "hear wlan0 00:11:22:33:44:55 -40 1 0\nforget wlan0\n"})
         ASSERT_EQ(write(fd, req.data(), req.size()), static_cast<ssize_t>(req.size()));
     std::string want = "error: unknown command bogus\nerror: no simulated radio wlan9\nok\n"
                        "track 0\nlmatch 1\nobj mac 00:11:22:33:44:55\nobj oui 00:11:22\n"
-                       "stats 0 0 0 0 0\nok\nerror: bad mac zz\nerror: bad active flag 2\n"
-                       "error: bad frequency 0\nerror: usage: forget <radio> <mac>\n"
-                       "error: line too long\n";
+                       "stats 0 0 0 0 0\nok\nerror: bad mac zz\nerror: bad frequency 0\n"
+                       "error: usage: forget <radio> <mac>\nerror: line too long\n";
     // An endless line is refused and the connection closed.
     std::string junk(2000, 'x'), got;
     ASSERT_EQ(write(fd, junk.data(), junk.size()), static_cast<ssize_t>(junk.size()));

@@ -83,7 +83,7 @@ void BM_baseline(benchmark::State &state)
     setup();
     static lta_rpt_entry buf[QZ_DCD_RPT_TBL_MAX];
     for (auto _ : state) {
-        int sum = 0;
+        int64_t sum = 0;
         for (int r = 0; r < radios; r++) {
             int count = QZ_DCD_RPT_TBL_MAX;
             qz_dcd_get_lta_rpt_tbl(10 + r, buf, &count);

@@ -5,6 +5,7 @@
 #include <stdarg.h>
 #include <string.h>
 
+#include <algorithm>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -15,13 +16,14 @@ namespace fake {
 namespace {
 
 std::recursive_mutex mu; // the daemon may call in from a thread of ltr_main's
+using G = std::lock_guard<std::recursive_mutex>;
 
 struct state {
     std::vector<call> calls;
     std::map<std::string, std::deque<int>> scripts;
     std::vector<log_line> logs;
     std::vector<dbg_line> dbgs;
-    std::string errs, cli;
+    std::string cli;
     std::vector<std::unique_ptr<timer>> timers;
     std::map<qz_pmpt_timer_t *, int> t2f;
     std::vector<std::pair<std::string, int>> radios;
@@ -30,38 +32,21 @@ struct state {
     uint32_t mgt_ip = 0x0100000a; // 10.0.0.1 in network order on little-endian hosts
     std::map<uint32_t, qz_event_handler> subs, ksubs;
     std::vector<sent> events_sent, capwap_sent, hc_sent;
-    bool hc_reg = false;
     qz_hc_reg last_reg{};
     std::map<bytes, bytes> db;
-    bool db_open = false;
-    std::vector<qz_cli_init_fn> inits;
     std::vector<std::pair<int, qz_cli_cmd_fn>> vectors;
     qz_cli_cfg_gen_fn gen = nullptr;
-    std::vector<cfg_tlv> gen_out;
     std::vector<dbg_flag> flags;
     int not_ready = 0;
     std::map<std::string, std::function<void()>> hooks;
-    bool echo_logs = false;
-    bool recording = true;
+    bool hc_reg = false, echo_logs = false, recording = true;
 };
 
-state &S()
-{
-    static state s;
-    return s;
-}
+state &S() { static state s; return s; }
 
-// Shared segments outlive reset_keep_shm(), like a daemon restart.
-std::map<int, bytes> &shm()
-{
-    static std::map<int, bytes> m;
-    return m;
-}
-std::map<int, int> &shm_ids()
-{
-    static std::map<int, int> m;
-    return m;
-}
+// Shared segments and their ids outlive reset_keep_shm(), like a daemon restart.
+std::map<int, bytes> &shm() { static std::map<int, bytes> m; return m; }
+std::map<int, int> &shm_ids() { static std::map<int, int> m; return m; }
 
 int scripted(const std::string &fn, int dflt)
 {
@@ -79,55 +64,94 @@ void record(const std::string &fn, std::vector<int64_t> args = {}, std::string t
     if (S().recording)
         S().calls.push_back({fn, std::move(args), std::move(text), std::move(data)});
     auto it = S().hooks.find(fn);
-    if (it != S().hooks.end() && it->second) {
-        auto hook = it->second; // the hook may replace itself
-        hook();
-    }
+    if (it != S().hooks.end() && it->second)
+        std::function<void()>(it->second)(); // a copy: the hook may replace itself
 }
 
-bytes to_bytes(const void *p, size_t n)
+// A scripted failure (negative result) leaves the fake's state as it was.
+template <class F> int on_ok(int r, F &&f) { if (r >= 0) f(); return r; }
+
+bytes to_bytes(const void *p, size_t n) { auto b = (const uint8_t *)p; return b ? bytes(b, b + n) : bytes{}; }
+
+// Position among the created timers (their count for an unknown one), as calls record it.
+int64_t timer_index(qz_pmpt_timer_t *t)
 {
-    const uint8_t *b = (const uint8_t *)p;
-    return p ? bytes(b, b + n) : bytes{};
+    auto &ts = S().timers;
+    auto is_t = [&](auto &p) { return (qz_pmpt_timer_t *)p.get() == t; };
+    return std::find_if(ts.begin(), ts.end(), is_t) - ts.begin();
 }
 
 timer *find_timer(qz_pmpt_timer_t *t)
 {
-    for (auto &p : S().timers)
-        if ((qz_pmpt_timer_t *)p.get() == t)
-            return p.get();
-    return nullptr;
+    size_t i = (size_t)timer_index(t);
+    return i < S().timers.size() ? S().timers[i].get() : nullptr;
 }
 
+template <class T> std::string join(const std::vector<T> &lines)
+{
+    std::string s;
+    for (auto &l : lines)
+        s += l.text;
+    return s;
+}
+
+template <class T> bool has(const std::vector<T> &lines, const std::string &text)
+{
+    return std::any_of(lines.begin(), lines.end(), [&](auto &l) { return l.text == text; });
+}
+
+void deliver(std::map<uint32_t, qz_event_handler> &subs, uint32_t id, bytes &payload)
+{
+    if (auto it = subs.find(id); it != subs.end())
+        it->second(id, (int)payload.size(), payload.data());
+}
+
+// An outgoing message is kept for the test only if its scripted result lets it go out.
+int keep_sent(const char *fn, std::vector<sent> &out, uint32_t id, int len, const void *data)
+{
+    G g(mu);
+    record(fn, {id, len}, {}, to_bytes(data, (size_t)len));
+    return on_ok(scripted(fn, 0), [&] {
+        if (S().recording)
+            out.push_back({id, to_bytes(data, (size_t)len)});
+    });
+}
+
+// A started service gets a thread that ends at once: the test drives everything by hand.
 void *no_thread(void *) { return nullptr; }
+int idle_thread(int r, pthread_t *t)
+{
+    return on_ok(r, [&] { if (t) pthread_create(t, nullptr, no_thread, nullptr); });
+}
+
+template <class T, class F> auto map_all(const std::vector<T> &v, F f)
+{
+    std::vector<decltype(f(v[0]))> out;
+    for (auto &x : v)
+        out.push_back(f(x));
+    return out;
+}
 
 } // namespace
 
 void reset_keep_shm()
 {
-    std::lock_guard g(mu);
+    G g(mu);
     auto keep_db = std::move(S().db);
     S() = state{};
     S().db = std::move(keep_db);
 }
 
-void reset()
-{
-    std::lock_guard g(mu);
-    S() = state{};
-    shm().clear();
-    shm_ids().clear();
-}
+void reset() { G g(mu); S() = state{}; shm().clear(); shm_ids().clear(); }
 
 const std::vector<call> &calls() { return S().calls; }
 
 std::vector<call> calls_of(const std::string &fn)
 {
-    std::lock_guard g(mu);
+    G g(mu);
     std::vector<call> out;
-    for (auto &c : S().calls)
-        if (c.fn == fn)
-            out.push_back(c);
+    std::copy_if(S().calls.begin(), S().calls.end(), std::back_inserter(out),
+                 [&](auto &c) { return c.fn == fn; });
     return out;
 }
 
@@ -135,97 +159,37 @@ size_t count(const std::string &fn) { return calls_of(fn).size(); }
 
 std::vector<std::string> call_names()
 {
-    std::lock_guard g(mu);
-    std::vector<std::string> out;
-    for (auto &c : S().calls)
-        out.push_back(c.fn);
-    return out;
+    G g(mu);
+    return map_all(S().calls, [](auto &c) { return c.fn; });
 }
 
-void set_recording(bool on)
-{
-    std::lock_guard g(mu);
-    S().recording = on;
-}
+void set_recording(bool on) { G g(mu); S().recording = on; }
 
 void clear_calls()
 {
-    std::lock_guard g(mu);
+    G g(mu);
     S().calls.clear();
-    S().events_sent.clear();
-    S().capwap_sent.clear();
-    S().hc_sent.clear();
+    S().events_sent.clear(), S().capwap_sent.clear(), S().hc_sent.clear();
 }
 
 void script(const std::string &fn, int result, int times)
 {
-    std::lock_guard g(mu);
-    for (int i = 0; i < times; i++)
-        S().scripts[fn].push_back(result);
+    G g(mu);
+    S().scripts[fn].insert(S().scripts[fn].end(), (size_t)std::max(times, 0), result);
 }
 
-void on_call(const std::string &fn, std::function<void()> hook)
-{
-    std::lock_guard g(mu);
-    S().hooks[fn] = std::move(hook);
-}
+void on_call(const std::string &fn, std::function<void()> hook) { G g(mu); S().hooks[fn] = std::move(hook); }
 
 void echo_logs(bool on) { S().echo_logs = on; }
-
 const std::vector<log_line> &logs() { return S().logs; }
 const std::vector<dbg_line> &dbgs() { return S().dbgs; }
-
-std::string log_text()
-{
-    std::string s;
-    for (auto &l : S().logs)
-        s += l.text;
-    return s;
-}
-
-std::string dbg_text()
-{
-    std::string s;
-    for (auto &l : S().dbgs)
-        s += l.text;
-    return s;
-}
-
-std::string err_text() { return S().errs; }
+std::string log_text() { return join(S().logs); }
+std::string dbg_text() { return join(S().dbgs); }
 std::string cli_text() { return S().cli; }
+bool dbg_has(const std::string &text) { return has(S().dbgs, text); }
+bool log_has(const std::string &text) { return has(S().logs, text); }
 
-void clear_text()
-{
-    std::lock_guard g(mu);
-    S().logs.clear();
-    S().dbgs.clear();
-    S().errs.clear();
-    S().cli.clear();
-}
-
-bool dbg_has(const std::string &text)
-{
-    for (auto &l : S().dbgs)
-        if (l.text == text)
-            return true;
-    return false;
-}
-
-bool log_has(const std::string &text)
-{
-    for (auto &l : S().logs)
-        if (l.text == text)
-            return true;
-    return false;
-}
-
-std::vector<qz_pmpt_timer_t *> timers()
-{
-    std::vector<qz_pmpt_timer_t *> out;
-    for (auto &p : S().timers)
-        out.push_back((qz_pmpt_timer_t *)p.get());
-    return out;
-}
+void clear_text() { G g(mu); S().logs.clear(); S().dbgs.clear(); S().cli.clear(); }
 
 timer &timer_state(qz_pmpt_timer_t *t) { return *find_timer(t); }
 
@@ -237,55 +201,21 @@ void fire(qz_pmpt_timer_t *t)
 }
 
 void set_time2fire(qz_pmpt_timer_t *t, int seconds) { S().t2f[t] = seconds; }
-
 void set_radios(const std::vector<std::pair<std::string, int>> &radios) { S().radios = radios; }
 radio &radio_state(int ifindex) { return S().radio_states[ifindex]; }
-
-void set_mgt(const mac_t &mac, uint32_t ip)
-{
-    S().mgt_mac = mac;
-    S().mgt_ip = ip;
-}
-
-void deliver_event(uint32_t id, bytes payload)
-{
-    auto it = S().subs.find(id);
-    if (it != S().subs.end())
-        it->second(id, (int)payload.size(), payload.data());
-}
-
-void deliver_kevent(uint32_t id, bytes payload)
-{
-    auto it = S().ksubs.find(id);
-    if (it != S().ksubs.end())
-        it->second(id, (int)payload.size(), payload.data());
-}
-
+void set_mgt(const mac_t &mac, uint32_t ip) { S().mgt_mac = mac, S().mgt_ip = ip; }
+void deliver_event(uint32_t id, bytes payload) { deliver(S().subs, id, payload); }
+void deliver_kevent(uint32_t id, bytes payload) { deliver(S().ksubs, id, payload); }
 bool subscribed(uint32_t id) { return S().subs.count(id) != 0; }
-bool ksubscribed(uint32_t id) { return S().ksubs.count(id) != 0; }
 const std::vector<sent> &events_sent() { return S().events_sent; }
 const std::vector<sent> &capwap_sent() { return S().capwap_sent; }
 const std::vector<sent> &hc_sent() { return S().hc_sent; }
 bool hc_registered() { return S().hc_reg; }
 const qz_hc_reg &hc_last_reg() { return S().last_reg; }
-
-int deliver_nbr(bytes data)
-{
-    if (!S().hc_reg || !S().last_reg.recv)
-        return -1;
-    return S().last_reg.recv(S().last_reg.priv, (int)data.size(), data.data());
-}
-
 bytes shm_bytes(int key) { return shm()[key]; }
 std::map<bytes, bytes> &db() { return S().db; }
-bool db_open() { return S().db_open; }
-
-int run_cli_initializers()
-{
-    for (auto fn : S().inits)
-        fn();
-    return 0;
-}
+const std::vector<dbg_flag> &dbg_flags() { return S().flags; }
+void set_not_ready_polls(int n) { S().not_ready = n; }
 
 int run_cmd(int cmd_id, bool negated, const bytes &block, int nth, uint16_t type)
 {
@@ -294,51 +224,42 @@ int run_cmd(int cmd_id, bool negated, const bytes &block, int nth, uint16_t type
     cmd.negated = negated;
     qz_cli_ipc ipc{};
     ipc.type = type;
-    memcpy(ipc.block, block.data(), block.size() < sizeof(ipc.block) ? block.size() : sizeof(ipc.block));
-    int seen = 0;
+    memcpy(ipc.block, block.data(), std::min(block.size(), sizeof(ipc.block)));
     for (auto &v : S().vectors)
-        if (v.first == cmd_id && seen++ == nth)
+        if (v.first == cmd_id && nth-- == 0)
             return v.second(&cmd, &ipc);
     return -9999;
 }
 
-std::vector<int> cmd_ids()
-{
-    std::vector<int> out;
-    for (auto &v : S().vectors)
-        out.push_back(v.first);
-    return out;
-}
+std::vector<int> cmd_ids() { return map_all(S().vectors, [](auto &v) { return v.first; }); }
 
 std::vector<cfg_tlv> run_cfg_gen()
 {
-    S().gen_out.clear();
+    std::vector<cfg_tlv> out; // the generator's context: qz_cli_agent_add_tlv appends here
     if (S().gen)
-        S().gen(&S().gen_out);
-    return S().gen_out;
+        S().gen(&out);
+    return out;
 }
-
-const std::vector<dbg_flag> &dbg_flags() { return S().flags; }
 
 bool set_debug(const std::string &module, const std::string &name, bool on)
 {
     for (auto &f : S().flags)
-        if (f.module == module && f.name == name) {
-            if (on)
-                *f.word |= f.mask;
-            else
-                *f.word &= ~f.mask;
-            return true;
-        }
+        if (f.module == module && f.name == name)
+            return *f.word = on ? (*f.word | f.mask) : (*f.word & ~f.mask), true;
     return false;
 }
-
-void set_not_ready_polls(int n) { S().not_ready = n; }
 
 } // namespace fake
 
 using namespace fake;
-using G = std::lock_guard<std::recursive_mutex>;
+
+// The platform calls below share this: take the lock, record the call under its own name
+// (running any hook), and through RESULT return what the test scripted for it, else 0.
+#define CALL(...) G g(mu); record(__func__ __VA_OPT__(, ) __VA_ARGS__)
+#define RESULT scripted(__func__, 0)
+#define SEND(list, id, len, data) keep_sent(__func__, S().list, id, len, data)
+#define FORMAT(s, fmt) va_list ap; va_start(ap, fmt); auto s = qz_vformat_str(fmt, ap); va_end(ap)
+
 
 extern "C" {
 
@@ -358,40 +279,61 @@ char *if_indextoname(unsigned int ifindex, char *buf) __THROW
 {
     G g(mu);
     for (auto &r : S().radios)
-        if ((unsigned)r.second == ifindex) {
-            snprintf(buf, IF_NAMESIZE, "%s", r.first.c_str());
-            return buf;
-        }
+        if ((unsigned)r.second == ifindex)
+            return snprintf(buf, IF_NAMESIZE, "%s", r.first.c_str()), buf;
     return nullptr;
 }
 
-int qz_daemonize(int a, int b)
+int qz_daemonize(int a, int b) { CALL({a, b}); return RESULT; }
+int qz_shm_destroy(int id, void *) { CALL({id}); return RESULT; }
+int qz_pthread_setschedparam(pthread_t, int policy, int prio) { CALL({policy, prio}); return RESULT; }
+int qz_pmpt_timer_init(int flags) { CALL({flags}); return RESULT; }
+int qz_pm_init(int m) { CALL({m}); return RESULT; }
+int qz_pm_setstate(int m, int s) { CALL({m, s}); return RESULT; }
+int qz_pm_cleanup(int m) { CALL({m}); return RESULT; }
+int qz_dcd_lib_init(void) { CALL(); return RESULT; }
+int qz_dcd_lib_cleanup(void) { CALL(); return RESULT; }
+int qz_event_cleanup(void) { CALL(); return 0; }
+int qz_event_subscribe(uint32_t id, qz_event_handler h) { CALL({id}); S().subs[id] = h; return RESULT; }
+int qz_kevent_subscribe(uint32_t id, qz_event_handler h) { CALL({id}); S().ksubs[id] = h; return RESULT; }
+int qz_event_unsubscribe(uint32_t id) { CALL({id}); S().subs.erase(id); return 0; }
+int qz_kevent_unsubscribe(uint32_t id) { CALL({id}); S().ksubs.erase(id); return 0; }
+int qz_event_send(uint32_t id, int len, void *p) { return SEND(events_sent, id, len, p); }
+int qz_hc3u_send(uint32_t dst, void *p, int len) { return SEND(hc_sent, dst, len, p); }
+int qz_capwap_send_event(uint32_t id, int len, void *p) { return SEND(capwap_sent, id, len, p); }
+int qz_hc_unregister(void) { CALL(); S().hc_reg = false; return RESULT; }
+int qz_add_cli_vector_initializer(qz_cli_init_fn) { CALL(); return 0; }
+int qz_reg_cmd_vector(int group, int cmd_id, qz_cli_cmd_fn fn)
 {
-    G g(mu);
-    record("qz_daemonize", {a, b});
-    return scripted("qz_daemonize", 0);
+    CALL({group, cmd_id});
+    S().vectors.push_back({cmd_id, fn});
+    return 0;
+}
+int qz_reg_cfg_generator(qz_cli_cfg_gen_fn fn, void *arg) { CALL({arg != nullptr}); S().gen = fn; return 0; }
+
+int qz_register_debug_flag(const char *module, const char *name, uint32_t *word, uint32_t mask)
+{
+    CALL({mask}, std::string(module) + "/" + name);
+    S().flags.push_back({module, name, word, mask, false});
+    return 0;
+}
+
+int qz_register_dbg_lib_flag(const char *module, const char *name, uint32_t *word, uint32_t mask)
+{
+    CALL({mask}, std::string(module) + "/" + name);
+    S().flags.push_back({module, name, word, mask, true});
+    return 0;
 }
 
 void *qz_shm_create(int *id, int key, int size)
 {
-    G g(mu);
-    record("qz_shm_create", {key, size});
-    if (scripted("qz_shm_create", 0) < 0)
+    CALL({key, size});
+    if (RESULT < 0)
         return nullptr;
     auto &seg = shm()[key];
-    if (seg.size() < (size_t)size)
-        seg.resize((size_t)size);
-    if (!shm_ids().count(key))
-        shm_ids()[key] = 1000 + (int)shm_ids().size();
-    *id = shm_ids()[key];
+    seg.resize(std::max(seg.size(), (size_t)size)); // an existing segment keeps its bytes
+    *id = shm_ids().try_emplace(key, 1000 + (int)shm_ids().size()).first->second;
     return seg.data();
-}
-
-int qz_shm_destroy(int id, void *)
-{
-    G g(mu);
-    record("qz_shm_destroy", {id});
-    return scripted("qz_shm_destroy", 0);
 }
 
 int qz_snprintf(char *buf, size_t size, const char *fmt, ...)
@@ -406,34 +348,17 @@ int qz_snprintf(char *buf, size_t size, const char *fmt, ...)
 int qz_pthread_create(pthread_t *thread, qz_thread_fn fn, void *arg, int a, int b, int c)
 {
     {
-        G g(mu);
-        record("qz_pthread_create", {a, b, c});
-        int r = scripted("qz_pthread_create", 0);
-        if (r != 0)
+        CALL({a, b, c});
+        if (int r = RESULT)
             return r;
     }
     return pthread_create(thread, nullptr, fn, arg);
 }
 
-int qz_pthread_setschedparam(pthread_t, int policy, int prio)
-{
-    G g(mu);
-    record("qz_pthread_setschedparam", {policy, prio});
-    return scripted("qz_pthread_setschedparam", 0);
-}
-
-int qz_pmpt_timer_init(int flags)
-{
-    G g(mu);
-    record("qz_pmpt_timer_init", {flags});
-    return scripted("qz_pmpt_timer_init", 0);
-}
-
 qz_pmpt_timer_t *qz_pmpt_timer_create(qz_pmpt_timer_cb cb, void *arg)
 {
-    G g(mu);
-    record("qz_pmpt_timer_create");
-    if (scripted("qz_pmpt_timer_create", 0) < 0)
+    CALL();
+    if (RESULT < 0)
         return nullptr;
     S().timers.push_back(std::make_unique<timer>(timer{cb, arg, false, 0, 0, false}));
     return (qz_pmpt_timer_t *)S().timers.back().get();
@@ -441,55 +366,30 @@ qz_pmpt_timer_t *qz_pmpt_timer_create(qz_pmpt_timer_cb cb, void *arg)
 
 int qz_pmpt_timer_start(qz_pmpt_timer_t *t, unsigned int seconds)
 {
-    G g(mu);
+    CALL({timer_index(t), seconds});
     timer *tm = find_timer(t);
-    int idx = 0;
-    for (auto &p : S().timers) {
-        if (p.get() == tm)
-            break;
-        idx++;
-    }
-    record("qz_pmpt_timer_start", {idx, seconds});
-    int r = scripted("qz_pmpt_timer_start", 0);
-    if (tm && r >= 0) {
-        tm->armed = true;
-        tm->period = seconds;
-        tm->starts++;
-    }
-    return r;
+    return on_ok(RESULT, [&] { if (tm) tm->armed = true, tm->period = seconds, tm->starts++; });
 }
 
 int qz_pmpt_timer_stop(qz_pmpt_timer_t *t)
 {
-    G g(mu);
-    timer *tm = find_timer(t);
-    int idx = 0;
-    for (auto &p : S().timers) {
-        if (p.get() == tm)
-            break;
-        idx++;
-    }
-    record("qz_pmpt_timer_stop", {idx});
-    if (tm)
+    CALL({timer_index(t)});
+    if (timer *tm = find_timer(t))
         tm->armed = false;
-    return scripted("qz_pmpt_timer_stop", 0);
+    return RESULT;
 }
 
 int qz_pmpt_timer_delete(qz_pmpt_timer_t *t)
 {
-    G g(mu);
-    record("qz_pmpt_timer_delete");
-    if (timer *tm = find_timer(t)) {
-        tm->deleted = true;
-        tm->armed = false;
-    }
-    return scripted("qz_pmpt_timer_delete", 0);
+    CALL();
+    if (timer *tm = find_timer(t))
+        tm->deleted = true, tm->armed = false;
+    return RESULT;
 }
 
 int qz_pmpt_timer_time2fire(qz_pmpt_timer_t *t)
 {
-    G g(mu);
-    record("qz_pmpt_timer_time2fire");
+    CALL();
     timer *tm = find_timer(t);
     if (!tm || !tm->armed)
         return -1;
@@ -497,63 +397,12 @@ int qz_pmpt_timer_time2fire(qz_pmpt_timer_t *t)
     return it != S().t2f.end() ? it->second : (int)tm->period;
 }
 
-int qz_event_init(int module, pthread_t *thread)
-{
-    G g(mu);
-    record("qz_event_init", {module});
-    int r = scripted("qz_event_init", 0);
-    if (r >= 0 && thread)
-        pthread_create(thread, nullptr, no_thread, nullptr);
-    return r;
-}
+int qz_event_init(int module, pthread_t *thread) { CALL({module}); return idle_thread(RESULT, thread); }
 
-int qz_event_subscribe(uint32_t id, qz_event_handler h)
+int qz_start_cli_agent(int module, int flags, pthread_t *thread)
 {
-    G g(mu);
-    record("qz_event_subscribe", {id});
-    S().subs[id] = h;
-    return scripted("qz_event_subscribe", 0);
-}
-
-int qz_kevent_subscribe(uint32_t id, qz_event_handler h)
-{
-    G g(mu);
-    record("qz_kevent_subscribe", {id});
-    S().ksubs[id] = h;
-    return scripted("qz_kevent_subscribe", 0);
-}
-
-int qz_event_unsubscribe(uint32_t id)
-{
-    G g(mu);
-    record("qz_event_unsubscribe", {id});
-    S().subs.erase(id);
-    return 0;
-}
-
-int qz_kevent_unsubscribe(uint32_t id)
-{
-    G g(mu);
-    record("qz_kevent_unsubscribe", {id});
-    S().ksubs.erase(id);
-    return 0;
-}
-
-int qz_event_cleanup(void)
-{
-    G g(mu);
-    record("qz_event_cleanup");
-    return 0;
-}
-
-int qz_event_send(uint32_t id, int len, void *payload)
-{
-    G g(mu);
-    record("qz_event_send", {id, len}, {}, to_bytes(payload, (size_t)len));
-    int r = scripted("qz_event_send", 0);
-    if (r >= 0 && S().recording)
-        S().events_sent.push_back({id, to_bytes(payload, (size_t)len)});
-    return r;
+    CALL({module, flags});
+    return idle_thread(RESULT, thread);
 }
 
 const char *qz_eventid_to_name(uint32_t id)
@@ -570,131 +419,49 @@ const char *qz_eventid_to_name(uint32_t id)
 
 int qz_hc_register(qz_hc_reg *reg)
 {
-    G g(mu);
-    record("qz_hc_register", {reg->module_id, reg->caps, reg->version});
-    int r = scripted("qz_hc_register", 0);
-    if (r >= 0) {
-        S().hc_reg = true;
-        S().last_reg = *reg;
-    }
-    return r;
-}
-
-int qz_hc_unregister(void)
-{
-    G g(mu);
-    record("qz_hc_unregister");
-    S().hc_reg = false;
-    return scripted("qz_hc_unregister", 0);
-}
-
-int qz_hc3u_send(uint32_t dst, void *msg, int len)
-{
-    G g(mu);
-    record("qz_hc3u_send", {dst, len}, {}, to_bytes(msg, (size_t)len));
-    int r = scripted("qz_hc3u_send", 0);
-    if (r >= 0 && S().recording)
-        S().hc_sent.push_back({dst, to_bytes(msg, (size_t)len)});
-    return r;
-}
-
-int qz_capwap_send_event(uint32_t id, int len, void *payload)
-{
-    G g(mu);
-    record("qz_capwap_send_event", {id, len}, {}, to_bytes(payload, (size_t)len));
-    int r = scripted("qz_capwap_send_event", 0);
-    if (r >= 0 && S().recording)
-        S().capwap_sent.push_back({id, to_bytes(payload, (size_t)len)});
-    return r;
-}
-
-int qz_add_cli_vector_initializer(qz_cli_init_fn fn)
-{
-    G g(mu);
-    record("qz_add_cli_vector_initializer");
-    S().inits.push_back(fn);
-    return 0;
-}
-
-int qz_start_cli_agent(int module, int flags, pthread_t *thread)
-{
-    G g(mu);
-    record("qz_start_cli_agent", {module, flags});
-    int r = scripted("qz_start_cli_agent", 0);
-    if (r >= 0 && thread)
-        pthread_create(thread, nullptr, no_thread, nullptr);
-    return r;
-}
-
-int qz_reg_cmd_vector(int group, int cmd_id, qz_cli_cmd_fn fn)
-{
-    G g(mu);
-    record("qz_reg_cmd_vector", {group, cmd_id});
-    S().vectors.push_back({cmd_id, fn});
-    return 0;
-}
-
-int qz_reg_cfg_generator(qz_cli_cfg_gen_fn fn, void *arg)
-{
-    G g(mu);
-    record("qz_reg_cfg_generator", {arg != nullptr});
-    S().gen = fn;
-    return 0;
+    CALL({reg->module_id, reg->caps, reg->version});
+    return on_ok(RESULT, [&] { S().hc_reg = true, S().last_reg = *reg; });
 }
 
 int qz_cli_agent_add_tlv(void *ctx, int cmd_id, const void *block, int len, int tag)
 {
-    G g(mu);
-    record("qz_cli_agent_add_tlv", {cmd_id, len, tag}, {}, to_bytes(block, (size_t)len));
+    CALL({cmd_id, len, tag}, {}, to_bytes(block, (size_t)len));
     ((std::vector<cfg_tlv> *)ctx)->push_back({cmd_id, to_bytes(block, (size_t)len), tag});
     return 0;
 }
 
 int qz_cli_printf(qz_cli_cmd *, const char *fmt, ...)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    std::string s = qz_vformat_str(fmt, ap);
-    va_end(ap);
+    FORMAT(s, fmt);
     G g(mu);
     S().cli += s;
     return (int)s.size();
 }
 
-int qz_db_foreach(qz_db_t *, qz_db_walk_cb cb);
-
 qz_db_t *qz_db_open(const char *path)
 {
-    G g(mu);
-    record("qz_db_open", {}, path ? path : "");
-    if (scripted("qz_db_open", 0) < 0)
-        return nullptr;
-    S().db_open = true;
-    return (qz_db_t *)&S().db;
+    CALL({}, path ? path : "");
+    return RESULT < 0 ? nullptr : (qz_db_t *)&S().db;
 }
 
 int qz_db_foreach(qz_db_t *db, qz_db_walk_cb cb)
 {
     std::vector<bytes> keys;
     {
-        G g(mu);
-        record("qz_db_foreach");
+        CALL();
         for (auto &kv : S().db)
             keys.push_back(kv.first);
     }
-    for (auto &k : keys)
+    for (auto &k : keys) // unlocked: the callback may call back in
         cb(db, k.data(), (int)k.size());
     return 0;
 }
 
 int qz_db_fetch_bykey(qz_db_t *, const void *key, int klen, void *buf)
 {
-    G g(mu);
-    record("qz_db_fetch_bykey", {klen}, {}, to_bytes(key, (size_t)klen));
-    if (scripted("qz_db_fetch_bykey", 0) < 0)
-        return -1;
+    CALL({klen}, {}, to_bytes(key, (size_t)klen));
     auto it = S().db.find(to_bytes(key, (size_t)klen));
-    if (it == S().db.end())
+    if (RESULT < 0 || it == S().db.end())
         return -1;
     memcpy(buf, it->second.data(), it->second.size());
     return 0;
@@ -702,76 +469,29 @@ int qz_db_fetch_bykey(qz_db_t *, const void *key, int klen, void *buf)
 
 int qz_db_store(qz_db_t *, const void *key, int klen, const void *val, int vlen)
 {
-    G g(mu);
-    record("qz_db_store", {klen, vlen}, {}, to_bytes(key, (size_t)klen));
-    int r = scripted("qz_db_store", 0);
-    if (r >= 0)
-        S().db[to_bytes(key, (size_t)klen)] = to_bytes(val, (size_t)vlen);
-    return r;
+    CALL({klen, vlen}, {}, to_bytes(key, (size_t)klen));
+    return on_ok(RESULT, [&] { S().db[to_bytes(key, (size_t)klen)] = to_bytes(val, (size_t)vlen); });
 }
 
 int qz_db_delete(qz_db_t *, const void *key, int klen)
 {
-    G g(mu);
-    record("qz_db_delete", {klen}, {}, to_bytes(key, (size_t)klen));
-    int r = scripted("qz_db_delete", 0);
-    if (r >= 0)
-        S().db.erase(to_bytes(key, (size_t)klen));
-    return r;
+    CALL({klen}, {}, to_bytes(key, (size_t)klen));
+    return on_ok(RESULT, [&] { S().db.erase(to_bytes(key, (size_t)klen)); });
 }
 
-int qz_pm_init(int m)
-{
-    G g(mu);
-    record("qz_pm_init", {m});
-    return scripted("qz_pm_init", 0);
-}
+int qz_sys_ready(void) { CALL(); return S().not_ready > 0 ? (S().not_ready--, 0) : 1; }
 
-int qz_pm_setstate(int m, int s)
-{
-    G g(mu);
-    record("qz_pm_setstate", {m, s});
-    return scripted("qz_pm_setstate", 0);
-}
-
-int qz_pm_cleanup(int m)
-{
-    G g(mu);
-    record("qz_pm_cleanup", {m});
-    return scripted("qz_pm_cleanup", 0);
-}
-
-int qz_sys_ready(void)
-{
-    G g(mu);
-    record("qz_sys_ready");
-    if (S().not_ready > 0) {
-        S().not_ready--;
-        return 0;
-    }
-    return 1;
-}
-
-int qz_radio_count(void)
-{
-    G g(mu);
-    return scripted("qz_radio_count", (int)S().radios.size());
-}
+int qz_radio_count(void) { G g(mu); return scripted(__func__, (int)S().radios.size()); }
 
 const char *qz_ifname_id2radio(int i)
 {
     G g(mu);
-    if (i < 0 || i >= (int)S().radios.size())
-        return nullptr;
-    return S().radios[(size_t)i].first.c_str();
+    return i < 0 || i >= (int)S().radios.size() ? nullptr : S().radios[(size_t)i].first.c_str();
 }
 
 void qz_log(int category, int severity, const char *fmt, ...)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    std::string s = qz_vformat_str(fmt, ap);
-    va_end(ap);
+    FORMAT(s, fmt);
     G g(mu);
     if (S().echo_logs)
         fputs(s.c_str(), stderr);
@@ -780,165 +500,91 @@ void qz_log(int category, int severity, const char *fmt, ...)
 
 void __qz_dbg(const char *prefix, int line, const char *tag, const char *fmt, ...)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    std::string s = std::string(prefix ? prefix : "") + qz_vformat_str(fmt, ap);
-    va_end(ap);
+    FORMAT(s, fmt);
     G g(mu);
-    S().dbgs.push_back({tag ? tag : "", line, s});
+    S().dbgs.push_back({tag ? tag : "", line, (prefix ? prefix : "") + s});
 }
 
 void __qz_err(const char *, int, const char *fmt, ...)
 {
-    va_list ap;
-    va_start(ap, fmt);
-    std::string s = qz_vformat_str(fmt, ap);
-    va_end(ap);
+    FORMAT(s, fmt);
     fputs(s.c_str(), stderr); // death tests read it here
-    G g(mu);
-    S().errs += s;
 }
 
 void qz_hexdump(const void *addr, int len)
 {
-    G g(mu);
-    record("qz_hexdump", {len}, {}, to_bytes(addr, len > 0 ? (size_t)len : 0));
+    CALL({len}, {}, to_bytes(addr, len > 0 ? (size_t)len : 0));
     std::string s;
     const uint8_t *b = (const uint8_t *)addr;
     for (int i = 0; i < len; i++) {
         char h[4];
-        snprintf(h, sizeof(h), "%02x", b[i]);
+        snprintf(h, sizeof(h), "%02x%c", b[i], (i % 16 == 15 || i == len - 1) ? '\n' : ' ');
         s += h;
-        s += (i % 16 == 15 || i == len - 1) ? '\n' : ' ';
     }
     S().dbgs.push_back({"hexdump", 0, s});
 }
 
-int qz_register_debug_flag(const char *module, const char *name, uint32_t *word, uint32_t mask)
-{
-    G g(mu);
-    record("qz_register_debug_flag", {mask}, std::string(module) + "/" + name);
-    S().flags.push_back({module, name, word, mask, false});
-    return 0;
-}
-
-int qz_register_dbg_lib_flag(const char *module, const char *name, uint32_t *word, uint32_t mask)
-{
-    G g(mu);
-    record("qz_register_dbg_lib_flag", {mask}, std::string(module) + "/" + name);
-    S().flags.push_back({module, name, word, mask, true});
-    return 0;
-}
-
-int qz_dcd_lib_init(void)
-{
-    G g(mu);
-    record("qz_dcd_lib_init");
-    return scripted("qz_dcd_lib_init", 0);
-}
-
-int qz_dcd_lib_cleanup(void)
-{
-    G g(mu);
-    record("qz_dcd_lib_cleanup");
-    return scripted("qz_dcd_lib_cleanup", 0);
-}
-
 int qz_dcd_set_lta_track_enable(int ifindex, int enable)
 {
-    G g(mu);
-    record("qz_dcd_set_lta_track_enable", {ifindex, enable});
-    int r = scripted("qz_dcd_set_lta_track_enable", 0);
-    if (r >= 0)
-        S().radio_states[ifindex].track_enable = enable;
-    return r;
+    CALL({ifindex, enable});
+    return on_ok(RESULT, [&] { S().radio_states[ifindex].track_enable = enable; });
 }
 
 int qz_dcd_set_lta_lmatch_enable(int ifindex, int value)
 {
-    G g(mu);
-    record("qz_dcd_set_lta_lmatch_enable", {ifindex, value});
-    int r = scripted("qz_dcd_set_lta_lmatch_enable", 0);
-    if (r >= 0)
-        S().radio_states[ifindex].lmatch = value;
-    return r;
+    CALL({ifindex, value});
+    return on_ok(RESULT, [&] { S().radio_states[ifindex].lmatch = value; });
 }
 
 int qz_dcd_set_lta_trackobj(int ifindex, lta_trackobj *obj)
 {
-    G g(mu);
-    record("qz_dcd_set_lta_trackobj", {ifindex, obj->is_oui, obj->del}, {}, to_bytes(obj, sizeof(*obj)));
-    int r = scripted("qz_dcd_set_lta_trackobj", 0);
-    if (r >= 0)
-        S().radio_states[ifindex].trackobjs.push_back(*obj);
-    return r;
+    CALL({ifindex, obj->is_oui, obj->del}, {}, to_bytes(obj, sizeof(*obj)));
+    return on_ok(RESULT, [&] { S().radio_states[ifindex].trackobjs.push_back(*obj); });
 }
 
 int qz_dcd_get_lta_rpt_tbl(int ifindex, lta_rpt_entry *buf, int *count)
 {
-    G g(mu);
-    record("qz_dcd_get_lta_rpt_tbl", {ifindex, *count});
-    int r = scripted("qz_dcd_get_lta_rpt_tbl", 0);
-    if (r != 0)
+    CALL({ifindex, *count});
+    if (int r = RESULT)
         return r;
     auto &rpt = S().radio_states[ifindex].rpt;
-    int n = (int)rpt.size() < *count ? (int)rpt.size() : *count;
-    if (n > 0)
-        memcpy(buf, rpt.data(), sizeof(lta_rpt_entry) * (size_t)n);
-    *count = n;
+    *count = std::min((int)rpt.size(), *count);
+    std::copy_n(rpt.begin(), std::max(*count, 0), buf);
     return 0;
 }
 
 int qz_dcd_get_radio_one_sta(int ifindex, const uint8_t *mac, void *buf, int buflen, int *len)
 {
-    G g(mu);
-    record("qz_dcd_get_radio_one_sta", {ifindex, buflen}, {}, to_bytes(mac, 6));
-    int r = scripted("qz_dcd_get_radio_one_sta", 0);
-    if (r != 0)
+    CALL({ifindex, buflen}, {}, to_bytes(mac, 6));
+    if (int r = RESULT)
         return r;
-    auto &assoc = S().radio_states[ifindex].assoc;
     mac_t m;
     memcpy(m.data(), mac, 6);
-    auto it = assoc.find(m);
-    if (it == assoc.end())
+    auto &assoc = S().radio_states[ifindex].assoc;
+    if (!assoc.count(m))
         return -1;
     memset(buf, 0, (size_t)buflen);
-    memcpy((uint8_t *)buf + 2, &it->second, 2);
+    memcpy((uint8_t *)buf + 2, &assoc[m], 2); // the station's frequency
     *len = buflen;
     return 0;
 }
 
 int qz_dcd_get_lta_stats(int ifindex, lta_stats *stats)
 {
-    G g(mu);
-    record("qz_dcd_get_lta_stats", {ifindex});
-    int r = scripted("qz_dcd_get_lta_stats", 0);
-    if (r >= 0)
-        *stats = S().radio_states[ifindex].stats;
-    return r;
+    CALL({ifindex});
+    return on_ok(RESULT, [&] { *stats = S().radio_states[ifindex].stats; });
 }
 
 int qz_dcd_get_mac_byname(const char *ifname, uint8_t *mac)
 {
-    G g(mu);
-    record("qz_dcd_get_mac_byname", {}, ifname ? ifname : "");
-    int r = scripted("qz_dcd_get_mac_byname", 0);
-    if (r >= 0)
-        memcpy(mac, S().mgt_mac.data(), 6);
-    return r;
+    CALL({}, ifname ? ifname : "");
+    return on_ok(RESULT, [&] { memcpy(mac, S().mgt_mac.data(), 6); });
 }
 
 int qz_dcd_get_addr_byname(const char *ifname, uint32_t *ip, uint32_t *mask)
 {
-    G g(mu);
-    record("qz_dcd_get_addr_byname", {}, ifname ? ifname : "");
-    int r = scripted("qz_dcd_get_addr_byname", 0);
-    if (r >= 0) {
-        *ip = S().mgt_ip;
-        if (mask)
-            *mask = 0x00ffffff;
-    }
-    return r;
+    CALL({}, ifname ? ifname : "");
+    return on_ok(RESULT, [&] { *ip = S().mgt_ip; if (mask) *mask = 0x00ffffff; });
 }
 
 } // extern "C"

@@ -1,7 +1,6 @@
-// A fake platform for unit tests of the daemon core: it records every platform call
-// with its arguments in order, returns scripted results, and lets a test fire timers,
-// deliver events and neighbour messages, and run CLI commands by hand. Nothing happens
-// on its own: no thread, no timer, no socket.
+// A fake platform for the daemon core's tests: records every platform call with its arguments,
+// returns scripted results, and lets a test fire timers, deliver events and neighbour messages
+// and run CLI commands by hand. Nothing happens on its own: no thread, no timer, no socket.
 #pragma once
 #include <stdint.h>
 
@@ -30,17 +29,12 @@ namespace fake {
 using bytes = std::vector<uint8_t>;
 using mac_t = std::array<uint8_t, 6>;
 
-struct call {
-    std::string fn;
-    std::vector<int64_t> args; // integer arguments, in order
-    std::string text;          // string argument or formatted text, if any
-    bytes data;                // buffer argument (payload, record), if any
-};
+// args: integer arguments in order; text: string argument or formatted text; data: buffer.
+struct call { std::string fn; std::vector<int64_t> args; std::string text; bytes data; };
 
 // Everything back to a fresh platform (the shared segment and the store too).
 void reset();
 
-// Calls.
 const std::vector<call> &calls();
 std::vector<call> calls_of(const std::string &fn);
 size_t count(const std::string &fn);
@@ -52,26 +46,15 @@ void set_recording(bool on);
 // The next `times` calls of fn return result instead of the default.
 void script(const std::string &fn, int result, int times = 1);
 
-// Runs hook whenever fn is called, before the call does anything (e.g. to look at the
-// daemon's state at that moment). An empty hook removes it.
+// Runs hook whenever fn is called, before the call acts; an empty hook removes it.
 void on_call(const std::string &fn, std::function<void()> hook);
 
-// Text output.
-struct log_line {
-    int category;
-    int severity;
-    std::string text;
-};
-struct dbg_line {
-    std::string tag;
-    int line;
-    std::string text;
-};
+struct log_line { int category, severity; std::string text; };
+struct dbg_line { std::string tag; int line; std::string text; };
 const std::vector<log_line> &logs();
 const std::vector<dbg_line> &dbgs();
 std::string log_text(); // all qz_log lines concatenated
 std::string dbg_text(); // all debug lines concatenated (hex dumps included)
-std::string err_text(); // __qz_err output
 std::string cli_text(); // qz_cli_printf output
 void clear_text();
 // Also write every qz_log line to stderr (death tests read it there).
@@ -79,26 +62,17 @@ void echo_logs(bool on);
 bool dbg_has(const std::string &text); // some debug line equals text
 bool log_has(const std::string &text);
 
-// Timers.
-struct timer {
-    qz_pmpt_timer_cb cb;
-    void *arg;
-    bool armed;
-    unsigned period;
-    int starts;
-    bool deleted;
+struct timer { // period: seconds of the last start
+    qz_pmpt_timer_cb cb; void *arg; bool armed; unsigned period; int starts; bool deleted;
 };
-std::vector<qz_pmpt_timer_t *> timers();
 timer &timer_state(qz_pmpt_timer_t *t);
 void fire(qz_pmpt_timer_t *t); // disarms, then runs the callback on this thread
 void set_time2fire(qz_pmpt_timer_t *t, int seconds);
 
-// Radios: name and interface index. if_nametoindex and if_indextoname answer from
-// this table (and only from it) while the fake is linked.
+// Radios (name, ifindex): the only interfaces if_nametoindex and if_indextoname know.
 void set_radios(const std::vector<std::pair<std::string, int>> &radios);
 struct radio {
-    int track_enable = -1;
-    int lmatch = -1;
+    int track_enable = -1, lmatch = -1;
     std::vector<lta_trackobj> trackobjs; // every object call, in order
     std::vector<lta_rpt_entry> rpt;      // what the next report-table fetches return
     std::map<mac_t, uint16_t> assoc;     // associated stations and their frequency
@@ -106,26 +80,18 @@ struct radio {
 };
 radio &radio_state(int ifindex);
 
-// Management interface.
 void set_mgt(const mac_t &mac, uint32_t ip_net_order);
 
-// Events.
 void deliver_event(uint32_t id, bytes payload);
 void deliver_kevent(uint32_t id, bytes payload);
 bool subscribed(uint32_t id);
-bool ksubscribed(uint32_t id);
-struct sent {
-    uint32_t id; // event id, or destination IPv4 for neighbour messages
-    bytes data;
-};
+struct sent { uint32_t id; bytes data; }; // id: event id, or a neighbour's IPv4 address
 const std::vector<sent> &events_sent(); // qz_event_send
 const std::vector<sent> &capwap_sent(); // qz_capwap_send_event
 const std::vector<sent> &hc_sent();     // qz_hc3u_send
 
-// Neighbour messaging.
 bool hc_registered();
 const qz_hc_reg &hc_last_reg();
-int deliver_nbr(bytes data); // calls the registered callback
 
 // Shared memory: survives reset_keep_shm(); reset() clears it.
 void reset_keep_shm();
@@ -133,29 +99,15 @@ bytes shm_bytes(int key);
 
 // Store: ordered by key bytes.
 std::map<bytes, bytes> &db();
-bool db_open();
 
-// CLI agent.
-int run_cli_initializers();
-// Runs the n-th registered vector of cmd_id (0 = first) with an IPC structure built
-// from block; output is in cli_text().
+// Runs the nth (0 = first) vector registered for cmd_id on block; output is in cli_text().
 int run_cmd(int cmd_id, bool negated, const bytes &block, int nth = 0, uint16_t type = 17);
 std::vector<int> cmd_ids(); // registration order
-struct cfg_tlv {
-    int cmd_id;
-    bytes block;
-    int tag;
-};
+struct cfg_tlv { int cmd_id; bytes block; int tag; };
 std::vector<cfg_tlv> run_cfg_gen();
 
 // Debug categories registered by the daemon, and the operator's switch.
-struct dbg_flag {
-    std::string module;
-    std::string name;
-    uint32_t *word;
-    uint32_t mask;
-    bool lib;
-};
+struct dbg_flag { std::string module, name; uint32_t *word; uint32_t mask; bool lib; };
 const std::vector<dbg_flag> &dbg_flags();
 bool set_debug(const std::string &module, const std::string &name, bool on);
 

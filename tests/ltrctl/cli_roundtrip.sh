@@ -1,87 +1,39 @@
 #!/usr/bin/env bash
 # Save and replay: configure a running ltrd with ltrctl, save `show running-config`,
-# start a fresh ltrd (its own instance, so fresh settings and store), replay the saved
-# file, and compare configuration and shows. Needs the whole daemon and runtime.
+# replay it on a fresh ltrd (its own instance) and compare; then undo it all.
 # usage: cli_roundtrip.sh LTRD LTRCTL
 set -euo pipefail
-ltrd=$1
-ltrctl=$2
-tmp=$(mktemp -d /tmp/ltr_roundtrip.XXXXXX)
-pids=()
-instances=()
-
+ltrd=$1 ltrctl=$2 tmp=$(mktemp -d /tmp/ltr_roundtrip.XXXXXX)
+pids=() keys=()
 # The settings segment's key, as the runtime mixes it with the instance name.
-shm_key() { # instance
+shm_key() {
     local s="$1:66049" h=2166136261 i c
-    for ((i = 0; i < ${#s}; i++)); do
-        printf -v c '%d' "'${s:i:1}"
-        h=$(((h ^ c) * 16777619 & 0xffffffff))
-    done
+    for ((i = 0; i < ${#s}; i++)); do printf -v c '%d' "'${s:i:1}"; h=$(((h ^ c) * 16777619 & 0xffffffff)); done
     ((h == 0 || h == 0xffffffff)) && h=1
     echo "$h"
 }
-
 cleanup() {
     for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; wait "$p" 2>/dev/null || true; done
-    for i in "${instances[@]}"; do ipcrm -M "$(shm_key "$i")" 2>/dev/null || true; done
+    for k in "${keys[@]}"; do ipcrm -M "$k" 2>/dev/null || true; done
     rm -rf "$tmp"
 }
 trap cleanup EXIT
-
-fail() {
-    echo "FAIL: $*" >&2
-    for f in "$tmp"/*.log; do echo "--- $f" >&2; tail -20 "$f" >&2; done
-    exit 1
-}
-
-start() { # name -> socket path on stdout
-    local name=$1 inst="ltrrt-$1-$$"
-    instances+=("$inst")
-    mkdir -p "$tmp/$name"
-    cat > "$tmp/$name.toml" <<CFG
-instance = "$inst"
-runtime_dir = "$tmp/$name"
-foreground = true
-[log]
-syslog = false
-file = "$tmp/$name.log"
-[mgt]
-mac = "02:00:00:00:00:0${#instances[@]}"
-ip = "127.0.77.${#instances[@]}"
-[neighbours]
-bind = "127.0.77.${#instances[@]}"
-[store]
-dir = "$tmp/$name/store"
-CFG
-    ipcrm -M "$(shm_key "$inst")" 2>/dev/null || true
-    QZ_PLATFORM_CONFIG="$tmp/$name.toml" "$ltrd" &
+fail() { echo "FAIL: $*" >&2; tail -n 20 "$tmp"/*.log >&2; exit 1; }
+start() { # name N: a daemon whose socket becomes $sock
+    local inst="ltrrt-$1-$$"
+    keys+=("$(shm_key "$inst")")
+    ipcrm -M "${keys[-1]}" 2>/dev/null || true
+    printf '%s\n' "instance = \"$inst\"" "runtime_dir = \"$tmp/$1\"" "foreground = true" "[log]" "syslog = false" \
+        "file = \"$tmp/$1.log\"" "[mgt]" "mac = \"02:00:00:00:00:0$2\"" "ip = \"127.0.77.$2\"" "[neighbours]" \
+        "bind = \"127.0.77.$2\"" "[store]" "dir = \"$tmp/$1/store\"" > "$tmp/$1.toml"
+    QZ_PLATFORM_CONFIG="$tmp/$1.toml" "$ltrd" &
     pids+=($!)
-    for _ in $(seq 100); do
-        [ -S "$tmp/$name/cli.sock" ] && return 0
-        kill -0 "${pids[-1]}" 2>/dev/null || fail "ltrd $name exited at start"
-        sleep 0.1
-    done
-    fail "ltrd $name: no cli.sock after 10 s"
+    sock="$tmp/$1/cli.sock"
+    for _ in $(seq 100); do [ -S "$sock" ] && return 0; sleep 0.1; done
+    fail "ltrd $1: no cli.sock after 10 s"
 }
-
 ctl() { "$ltrctl" -s "$sock" "$@"; }
-
-# A configured daemon.
-start A
-sock="$tmp/A/cli.sock"
-ctl location-tracking enable
-ctl location-tracking suppress 5
-ctl location-tracking report-interval 30
-ctl location-tracking rssi-threshold 7
-ctl location-tracking valid-period 120
-ctl location-tracking hold-time 2
-ctl location-tracking mac 00:11:22:33:44:55
-ctl location-tracking oui f0-0d-0a
-ctl location-tracking mac 0011.2233.4466
-ctl no location-tracking list-match
-ctl show running-config > "$tmp/A.conf" || fail "show running-config on A"
-ctl show location-tracking > "$tmp/A.param"
-ctl show location-tracking track-list > "$tmp/A.list"
+snapshot() { ctl show running-config > "$tmp/$1.conf"; ctl show location-tracking > "$tmp/$1.param"; ctl show location-tracking track-list > "$tmp/$1.list"; }
 
 cat > "$tmp/want.conf" <<'WANT'
 location-tracking enable
@@ -95,29 +47,29 @@ location-tracking oui f0:0d:0a
 location-tracking mac 00:11:22:33:44:66
 no location-tracking list-match
 WANT
+start A 1
+# The same lines with other address spellings.
+sed -e 's/f0:0d:0a/f0-0d-0a/' -e 's/00:11:22:33:44:66/0011.2233.4466/' "$tmp/want.conf" | ctl -f - || fail "configure A"
+snapshot A
 diff -u "$tmp/want.conf" "$tmp/A.conf" || fail "saved configuration differs from what was set"
 
-# A fresh daemon: defaults, then the replay.
-start B
-sock="$tmp/B/cli.sock"
-ctl show running-config > "$tmp/B0.conf"
-[ ! -s "$tmp/B0.conf" ] || fail "a fresh daemon has a configuration: $(cat "$tmp/B0.conf")"
+start B 2
+[ -z "$(ctl show running-config)" ] || fail "a fresh daemon has a configuration"
+# A bad line in a batch sends nothing (status 2); with -k the good lines run (status 1).
+st=0; printf 'location-tracking enable\nlocation-tracking hold-time 256\n' | ctl -f - 2>/dev/null || st=$?
+[ "$st" = 2 ] && [ -z "$(ctl show running-config)" ] || fail "bad batch line: status $st or something was sent"
+st=0; printf 'location-tracking enable\nlocation-tracking hold-time 256\n' | ctl -k -f - 2>/dev/null || st=$?
+[ "$st" = 1 ] && [ "$(ctl show running-config)" = "location-tracking enable" ] || fail "keep-going batch: status $st"
+ctl no location-tracking enable
+st=0; "$ltrctl" -s "$tmp/none.sock" status 2>/dev/null || st=$?
+[ "$st" = 3 ] || fail "no daemon: status $st, want 3"
 ctl -f "$tmp/A.conf" || fail "replay on B"
-ctl show running-config > "$tmp/B.conf"
-ctl show location-tracking > "$tmp/B.param"
-ctl show location-tracking track-list > "$tmp/B.list"
-diff -u "$tmp/A.conf" "$tmp/B.conf" || fail "running configuration after replay"
-diff -u "$tmp/A.param" "$tmp/B.param" || fail "parameters after replay"
-diff -u "$tmp/A.list" "$tmp/B.list" || fail "tracking list after replay"
+snapshot B
+for f in conf param list; do diff -u "$tmp/A.$f" "$tmp/B.$f" || fail "$f after replay"; done
 
 # Undo on B with the "no" forms: back to an empty configuration.
-ctl no location-tracking mac
-ctl no location-tracking oui
-for w in suppress report-interval rssi-threshold valid-period hold-time; do
-    ctl no location-tracking $w
-done
+for w in mac oui suppress report-interval rssi-threshold valid-period hold-time; do ctl no location-tracking $w; done
 ctl location-tracking list-match
 ctl no location-tracking enable
-ctl show running-config > "$tmp/B1.conf"
-[ ! -s "$tmp/B1.conf" ] || fail "configuration left after undoing it: $(cat "$tmp/B1.conf")"
+[ -z "$(ctl show running-config)" ] || fail "configuration left after undoing it"
 echo "cli round trip: 1 passed, 0 failed"

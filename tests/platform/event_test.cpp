@@ -13,10 +13,11 @@
 
 namespace {
 
+using bytes = std::vector<uint8_t>;
 struct seen {
     char kind; // 'e' event, 'k' kernel event, 't' send tap
     uint32_t id;
-    std::vector<uint8_t> data;
+    bytes data;
     bool on_caller;
 };
 
@@ -28,23 +29,26 @@ pthread_t g_caller;
 void record(char kind, uint32_t id, int len, const void *p)
 {
     std::lock_guard g(g_mu);
-    const uint8_t *b = (const uint8_t *)p;
-    // Reads exactly len bytes: ASan reports any delivery shorter than it claims.
-    g_seen.push_back({kind, id, std::vector<uint8_t>(b, b + len),
+    // Copies exactly len bytes: ASan reports any delivery shorter than it claims.
+    g_seen.push_back({kind, id, bytes((const uint8_t *)p, (const uint8_t *)p + len),
                       (bool)pthread_equal(pthread_self(), g_caller)});
     g_cv.notify_all();
 }
-
 void on_event(uint32_t id, int len, void *p) { record('e', id, len, p); }
 void on_kevent(uint32_t id, int len, void *p) { record('k', id, len, p); }
 void on_tap(uint32_t id, const void *p, int len) { record('t', id, len, p); }
 
-bool wait_seen(size_t n, int ms = 3000)
+bool wait_seen(size_t n, int ms = 3000) { return rt_wait_for(g_mu, g_cv, [&] { return g_seen.size() >= n; }, ms); }
+bytes b(const std::string &s) { return {s.begin(), s.end()}; }
+// (kind, id, payload) of every delivery so far, for one comparison.
+std::vector<std::tuple<char, uint32_t, bytes>> trace()
 {
-    return rt_wait_for(g_mu, g_cv, [&] { return g_seen.size() >= n; }, ms);
+    std::lock_guard g(g_mu);
+    std::vector<std::tuple<char, uint32_t, bytes>> t;
+    for (auto &v : g_seen)
+        t.emplace_back(v.kind, v.id, v.data);
+    return t;
 }
-
-std::vector<uint8_t> bytes(const std::string &s) { return {s.begin(), s.end()}; }
 
 class Event : public testing::Test {
   protected:
@@ -68,12 +72,38 @@ class Event : public testing::Test {
     pthread_t thread{};
 };
 
+// A datagram for events.sock: kind, id in network order, payload.
+bytes inject(uint8_t kind, uint32_t id, const std::string &payload)
+{
+    uint32_t be = htonl(id);
+    bytes d = {kind};
+    d.insert(d.end(), (uint8_t *)&be, (uint8_t *)&be + 4);
+    d.insert(d.end(), payload.begin(), payload.end());
+    return d;
+}
+
+struct client {
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un to{AF_UNIX, {}};
+    explicit client(const std::string &bound_to = "")
+    {
+        sockaddr_un me{AF_UNIX, {}};
+        strcpy(me.sun_path, bound_to.c_str());
+        EXPECT_TRUE(bound_to.empty() || bind(fd, (sockaddr *)&me, sizeof me) == 0);
+        strcpy(to.sun_path, rt_runtime_path("events.sock").c_str());
+        timeval tv{3, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    }
+    ~client() { close(fd); }
+    void send(bytes d) { ASSERT_EQ(sendto(fd, d.data(), d.size(), 0, (sockaddr *)&to, sizeof to), (ssize_t)d.size()); }
+};
+
 } // namespace
 
 TEST_F(Event, DeliveriesKeepOrderAndTrueLengthsOnTheEventThread)
 {
     std::string big(3000, 'x');
-    std::vector<uint8_t> buf = bytes("owner");
+    bytes buf = b("owner");
     rt_event_post(157, buf.data(), (int)buf.size());
     buf[0] = 'X'; // the post copied the payload
     rt_kevent_post(19, "ifc", 3);
@@ -83,15 +113,7 @@ TEST_F(Event, DeliveriesKeepOrderAndTrueLengthsOnTheEventThread)
     rt_kevent_post(157, "k", 1); // kernel id space is separate: no subscriber
     ASSERT_TRUE(wait_seen(4));
     EXPECT_FALSE(wait_seen(5, 300));
-    ASSERT_EQ(g_seen.size(), 4u);
-    EXPECT_EQ(g_seen[0].kind, 'e');
-    EXPECT_EQ(g_seen[0].id, 157u);
-    EXPECT_EQ(g_seen[0].data, bytes("owner"));
-    EXPECT_EQ(g_seen[1].kind, 'k');
-    EXPECT_EQ(g_seen[1].data, bytes("ifc"));
-    EXPECT_EQ(g_seen[2].id, 164u);
-    EXPECT_TRUE(g_seen[2].data.empty());
-    EXPECT_EQ(g_seen[3].data.size(), 3000u);
+    EXPECT_EQ(trace(), (decltype(trace()){{'e', 157, b("owner")}, {'k', 19, b("ifc")}, {'e', 164, {}}, {'e', 164, b(big)}}));
     for (auto &v : g_seen)
         EXPECT_FALSE(v.on_caller);
 }
@@ -102,10 +124,7 @@ TEST_F(Event, SendGoesToTheTapsOnTheEventThreadNotToSubscribers)
     ASSERT_EQ(qz_event_send(156, sizeof q, q), 0);
     memset(q, 0, sizeof q); // the caller frees its payload right after the call
     ASSERT_TRUE(wait_seen(1));
-    EXPECT_EQ(g_seen[0].kind, 't');
-    EXPECT_EQ(g_seen[0].id, 156u);
-    EXPECT_EQ(g_seen[0].data.size(), 12u);
-    EXPECT_EQ(g_seen[0].data[2], 3);
+    EXPECT_EQ(trace(), (decltype(trace()){{'t', 156, {1, 2, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0}}}));
     EXPECT_FALSE(g_seen[0].on_caller);
     EXPECT_LT(qz_event_send(156, -1, q), 0);
     EXPECT_LT(qz_event_send(156, 4, nullptr), 0);
@@ -121,8 +140,6 @@ TEST_F(Event, UnsubscribedIdsAreNoLongerDelivered)
     ASSERT_TRUE(wait_seen(1));
     EXPECT_FALSE(wait_seen(2, 300));
     EXPECT_EQ(g_seen[0].id, 164u);
-    EXPECT_STREQ(qz_eventid_to_name(164), "SERVER_MSG_IN");
-    EXPECT_STREQ(qz_eventid_to_name(12345), "UNKNOWN");
 }
 
 TEST_F(Event, ReadyOnceDriversAreOpenAndTheEventThreadServes)
@@ -136,109 +153,48 @@ TEST_F(Event, ReadyOnceDriversAreOpenAndTheEventThreadServes)
     EXPECT_NE(rt_read_file(s.path("log")).find("first readiness poll"), std::string::npos);
 }
 
-namespace {
-void stop_child()
-{
-    rt_scratch s;
-    rt_cfg_set(rt_test_config(s));
-    pthread_t t;
-    if (qz_event_init(52, &t) != 0)
-        _exit(2);
-    rt_request_stop();
-    pthread_join(t, nullptr); // hangs (and times out) if the loop ignores the stop
-    _exit(rt_event_running() ? 3 : 0);
-}
-} // namespace
-
 TEST(EventStop, AStopRequestEndsTheEventThread)
 {
-    EXPECT_EXIT(stop_child(), testing::ExitedWithCode(0), "");
+    auto child = [] {
+        rt_scratch s;
+        rt_cfg_set(rt_test_config(s));
+        pthread_t t;
+        if (qz_event_init(52, &t) != 0)
+            _exit(2);
+        rt_request_stop();
+        pthread_join(t, nullptr); // hangs (and times out) if the loop ignores the stop
+        _exit(rt_event_running() ? 3 : 0);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
 }
 
-// ---- events.sock ----
-
-namespace {
-
-struct client {
-    int fd = -1;
-    std::string path;
-    sockaddr_un to{};
-    client(const rt_scratch &s, bool bound)
-    {
-        fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (bound) {
-            path = s.path("client.sock");
-            sockaddr_un me{};
-            me.sun_family = AF_UNIX;
-            strcpy(me.sun_path, path.c_str());
-            EXPECT_EQ(bind(fd, (sockaddr *)&me, sizeof me), 0);
-        }
-        to.sun_family = AF_UNIX;
-        strcpy(to.sun_path, rt_runtime_path("events.sock").c_str());
-        timeval tv{3, 0};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    }
-    ~client() { close(fd); }
-    void send(std::vector<uint8_t> d)
-    {
-        ASSERT_EQ(sendto(fd, d.data(), d.size(), 0, (sockaddr *)&to, sizeof to), (ssize_t)d.size());
-    }
-};
-
-std::vector<uint8_t> inject(uint8_t kind, uint32_t id, const std::string &payload)
-{
-    std::vector<uint8_t> d(5 + payload.size());
-    d[0] = kind;
-    uint32_t be = htonl(id);
-    memcpy(&d[1], &be, 4);
-    if (!payload.empty())
-        memcpy(&d[5], payload.data(), payload.size());
-    return d;
-}
-
-} // namespace
-
-TEST_F(Event, EventsSockInjectsDeliveriesWithTheDatagramsLength)
+TEST_F(Event, EventsSockInjectsAndDropsMalformedDatagrams)
 {
     struct stat st;
     ASSERT_EQ(stat(rt_runtime_path("events.sock").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    client c(s, false);
+    uint64_t before = rt_counter("events_sock_malformed");
+    client c;
     c.send(inject(1, 157, std::string("\0\1", 2)));
+    c.send({1, 0, 0});             // shorter than kind and id
+    c.send(inject(7, 164, "x"));   // unknown kind
+    c.send({3});                   // subscription from an unbound address
+    c.send(bytes(70000, 1));       // longer than any payload
     c.send(inject(2, 19, "if"));
     c.send(inject(1, 164, ""));
     ASSERT_TRUE(wait_seen(3));
-    EXPECT_EQ(g_seen[0].kind, 'e');
-    EXPECT_EQ(g_seen[0].id, 157u);
-    EXPECT_EQ(g_seen[0].data, (std::vector<uint8_t>{0, 1}));
-    EXPECT_EQ(g_seen[1].kind, 'k');
-    EXPECT_EQ(g_seen[1].data, bytes("if"));
-    EXPECT_TRUE(g_seen[2].data.empty());
-}
-
-TEST_F(Event, EventsSockDropsAndCountsMalformedDatagrams)
-{
-    uint64_t before = rt_counter("events_sock_malformed");
-    client c(s, false);
-    c.send({1, 0, 0});                 // shorter than kind and id
-    c.send(inject(7, 164, "x"));       // unknown kind
-    c.send({3});                       // subscription from an unbound address
-    c.send(std::vector<uint8_t>(70000, 1)); // longer than any payload
-    c.send(inject(1, 164, "ok"));      // the socket still works afterwards
-    ASSERT_TRUE(wait_seen(1));
-    EXPECT_EQ(g_seen.size(), 1u);
-    EXPECT_EQ(g_seen[0].data, bytes("ok"));
+    EXPECT_FALSE(wait_seen(4, 200));
+    EXPECT_EQ(trace(), (decltype(trace()){{'e', 157, {0, 1}}, {'k', 19, b("if")}, {'e', 164, {}}}));
     EXPECT_EQ(rt_counter("events_sock_malformed") - before, 4u);
     EXPECT_NE(rt_read_file(s.path("log")).find("events.sock: "), std::string::npos);
 }
 
 TEST_F(Event, EventsSockSubscribersReceiveCopiesOfSentEvents)
 {
-    client c(s, true);
+    client c(s.path("client.sock"));
     c.send({3});
     c.send({3}); // twice: still one copy per event
-    // The subscription is handled on the event thread; an injected marker behind it
-    // says when it has been.
+    // Subscriptions are handled on the event thread; a marker behind them says when.
     c.send(inject(1, 164, "m"));
     ASSERT_TRUE(wait_seen(1));
     uint8_t query[10] = {0, 1, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff, 0, 0};
@@ -246,11 +202,7 @@ TEST_F(Event, EventsSockSubscribersReceiveCopiesOfSentEvents)
     uint8_t buf[64];
     ssize_t n = recv(c.fd, buf, sizeof buf, 0);
     ASSERT_EQ(n, 15);
-    EXPECT_EQ(buf[0], 1);
-    uint32_t id;
-    memcpy(&id, buf + 1, 4);
-    EXPECT_EQ(ntohl(id), 156u);
-    EXPECT_EQ(memcmp(buf + 5, query, 10), 0);
+    EXPECT_EQ(bytes(buf, buf + n), inject(1, 156, std::string((char *)query, 10)));
     EXPECT_LT(recv(c.fd, buf, sizeof buf, MSG_DONTWAIT), 0) << "one copy only";
     // Unsubscribed: no more copies.
     c.send({4});

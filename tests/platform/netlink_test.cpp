@@ -6,7 +6,6 @@
 #include <net/if.h>
 #include <sched.h>
 #include <stdio.h>
-#include <sys/wait.h>
 
 #include "qz_event.h"
 #include "rt_event.h"
@@ -20,33 +19,34 @@ std::vector<rt_if_change> g_links;
 std::vector<rt_mgt_addr_evt> g_addrs;
 int g_short; // deliveries shorter than their record
 
+template <typename T> T load(const void *p) // payloads need not be aligned
+{
+    T v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+
 void on_kevent(uint32_t, int len, void *p)
 {
     std::lock_guard g(g_mu);
-    if (len != sizeof(rt_if_change)) {
+    if (len != sizeof(rt_if_change))
         g_short++;
-    } else {
-        rt_if_change c;
-        memcpy(&c, p, sizeof c);
-        g_links.push_back(c);
-    }
+    else
+        g_links.push_back(load<rt_if_change>(p));
     g_cv.notify_all();
 }
 
 void on_event(uint32_t, int len, void *p)
 {
     std::lock_guard g(g_mu);
-    if (len < 24) {
+    if (len < 24)
         g_short++;
-    } else {
-        rt_mgt_addr_evt e;
-        memcpy(&e, p, sizeof e);
-        g_addrs.push_back(e);
-    }
+    else
+        g_addrs.push_back(load<rt_mgt_addr_evt>(p));
     g_cv.notify_all();
 }
 
-// Child-side checks: report what failed and leave with a distinct status.
+// Child-side checks: report what failed and leave with a non-zero status.
 #define CHILD_CHECK(cond)                                                                   \
     do {                                                                                    \
         if (!(cond)) {                                                                      \
@@ -57,13 +57,13 @@ void on_event(uint32_t, int len, void *p)
 
 void sh(const std::string &cmd)
 {
-    int rc = system((cmd + " >/dev/null 2>&1").c_str());
-    if (rc != 0) {
+    if (system((cmd + " >/dev/null 2>&1").c_str()) != 0) {
         fprintf(stderr, "command failed: %s\n", cmd.c_str());
         _exit(11);
     }
 }
 
+// The next link change, if one comes within the time.
 bool next_link(rt_if_change &out, int ms = 3000)
 {
     std::unique_lock l(g_mu);
@@ -74,25 +74,17 @@ bool next_link(rt_if_change &out, int ms = 3000)
     return true;
 }
 
-bool no_more_links(int ms = 500)
-{
-    std::unique_lock l(g_mu);
-    return !g_cv.wait_for(l, std::chrono::milliseconds(ms), [] { return !g_links.empty(); });
-}
-
-void expect_link(uint32_t type, const char *name, uint32_t flags, int line)
+bool link_is(uint32_t type, const char *name, uint32_t flags, bool check_index = true)
 {
     rt_if_change c;
-    if (!next_link(c)) {
-        fprintf(stderr, "line %d: no event 19 for %s\n", line, name);
-        _exit(12);
-    }
-    if (c.type != type || strcmp(c.name, name) != 0 || c.flags != flags ||
-        c.ifindex != (int)if_nametoindex(name)) {
-        fprintf(stderr, "line %d: got type %u name %s flags 0x%x index %d, want %u %s 0x%x\n",
-                line, c.type, c.name, c.flags, c.ifindex, type, name, flags);
-        _exit(13);
-    }
+    return next_link(c) && c.type == type && strcmp(c.name, name) == 0 && c.flags == flags &&
+           (!check_index || c.ifindex == (int)if_nametoindex(name));
+}
+
+bool addrs_reach(size_t n)
+{
+    std::unique_lock l(g_mu);
+    return g_cv.wait_for(l, std::chrono::seconds(3), [n] { return g_addrs.size() >= n; });
 }
 
 // Runs inside a fresh network namespace (the forked child).
@@ -105,72 +97,52 @@ void netns_child()
     c.radios = {{"wl0", "sim", true, "", 0}, {"wl1", "sim", false, "", 0}};
     c.mgt_interface = "m0";
     rt_cfg_set(c);
-    sh("ip link add wl0 type ifb");
-    sh("ip link add wl1 type ifb");
-    sh("ip link add m0 type ifb");
-    sh("ip link add other type ifb");
+    for (const char *i : {"wl0", "wl1", "m0", "other"})
+        sh(std::string("ip link add ") + i + " type ifb");
     pthread_t t;
     CHILD_CHECK(qz_event_init(52, &t) == 0);
     qz_kevent_subscribe(RT_KEVT_IF_CHANGE, on_kevent);
     qz_event_subscribe(RT_EVT_MGT_IP, on_event);
+    rt_if_change none;
 
     sh("ip link set wl0 up");
-    expect_link(RT_IF_UP, "wl0", RT_IFF_UP, __LINE__);
+    CHILD_CHECK(link_is(RT_IF_UP, "wl0", RT_IFF_UP));
     sh("ip link set wl1 up");
-    expect_link(RT_IF_UP, "wl1", RT_IFF_UP | RT_IFF_NO_ACCESS, __LINE__);
-    sh("ip link set other up"); // not a radio: not reported
+    CHILD_CHECK(link_is(RT_IF_UP, "wl1", RT_IFF_UP | RT_IFF_NO_ACCESS));
+    sh("ip link set other up");     // not a radio: not reported
     sh("ip link set wl0 mtu 1400"); // no transition: not reported
-    CHILD_CHECK(no_more_links());
+    CHILD_CHECK(!next_link(none, 500));
     sh("ip link set wl0 down");
-    expect_link(RT_IF_DOWN, "wl0", 0, __LINE__);
+    CHILD_CHECK(link_is(RT_IF_DOWN, "wl0", 0));
     // (ifb cannot change its MAC, so the "new MAC" change is not exercised here.)
     sh("ip link set wl0 name wl0x"); // renamed away: reported once under its new name
-    expect_link(RT_IF_NAME, "wl0x", 0, __LINE__);
+    CHILD_CHECK(link_is(RT_IF_NAME, "wl0x", 0));
     sh("ip link set wl0x up");
-    CHILD_CHECK(no_more_links());
+    CHILD_CHECK(!next_link(none, 500));
     sh("ip link del wl1"); // an up radio vanishing goes down
-    {
-        rt_if_change d;
-        CHILD_CHECK(next_link(d));
-        CHILD_CHECK(d.type == RT_IF_DOWN && strcmp(d.name, "wl1") == 0 &&
-                    d.flags == RT_IFF_NO_ACCESS);
-    }
+    CHILD_CHECK(link_is(RT_IF_DOWN, "wl1", RT_IFF_NO_ACCESS, false));
 
     sh("ip link set m0 up");
     sh("ip addr add 10.9.8.7/24 dev m0");
-    {
-        std::unique_lock l(g_mu);
-        CHILD_CHECK(g_cv.wait_for(l, std::chrono::seconds(3), [] { return !g_addrs.empty(); }));
-        uint32_t ip;
-        memcpy(&ip, (const uint8_t *)&g_addrs[0] + 20, 4); // the word the daemon reads
-        CHILD_CHECK(ip == inet_addr("10.9.8.7"));
-        CHILD_CHECK(strcmp(g_addrs[0].ifname, "m0") == 0);
-    }
+    CHILD_CHECK(addrs_reach(1));
+    uint32_t ip;
+    memcpy(&ip, (const uint8_t *)&g_addrs[0] + 20, 4); // the word the daemon reads
+    CHILD_CHECK(ip == inet_addr("10.9.8.7") && strcmp(g_addrs[0].ifname, "m0") == 0);
     sh("ip addr add 10.9.9.9/24 dev other"); // not the management interface
     sh("ip addr del 10.9.8.7/24 dev m0");
-    {
-        std::unique_lock l(g_mu);
-        CHILD_CHECK(g_cv.wait_for(l, std::chrono::seconds(3), [] { return g_addrs.size() >= 2; }));
-        CHILD_CHECK(g_addrs[1].ip == 0);
-    }
-    CHILD_CHECK(no_more_links(200));
+    CHILD_CHECK(addrs_reach(2) && g_addrs[1].ip == 0);
+    CHILD_CHECK(!next_link(none, 200));
     CHILD_CHECK(g_addrs.size() == 2 && g_short == 0);
     qz_event_cleanup();
     pthread_join(t, nullptr);
     _exit(0);
 }
 
-bool netns_with_ifb_available()
-{
-    return system("unshare -n ip link add qzprobe type ifb >/dev/null 2>&1") == 0;
-}
-
 } // namespace
 
 TEST(Netlink, RadioLinkChangesAndManagementAddressChanges)
 {
-    if (!netns_with_ifb_available())
-        GTEST_SKIP() << "needs network namespaces and the ifb driver (run as root with "
-                        "`unshare -n` and `ip link add x type ifb` working)";
+    if (system("unshare -n ip link add qzprobe type ifb >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "needs network namespaces and the ifb driver (root, `unshare -n`, ifb)";
     EXPECT_EXIT(netns_child(), testing::ExitedWithCode(0), "");
 }

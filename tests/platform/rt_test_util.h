@@ -7,8 +7,8 @@
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <mutex>
-#include <sstream>
 #include <string>
 
 #include "rt.h"
@@ -39,14 +39,11 @@ inline rt_config rt_test_config(const rt_scratch &s, const std::string &instance
 inline std::string rt_read_file(const std::string &path)
 {
     std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
 // Waits until pred holds (under mu) or the time runs out.
-template <typename P>
-bool rt_wait_for(std::mutex &mu, std::condition_variable &cv, P pred, int ms = 3000)
+template <typename P> bool rt_wait_for(std::mutex &mu, std::condition_variable &cv, P pred, int ms = 3000)
 {
     std::unique_lock l(mu);
     return cv.wait_for(l, std::chrono::milliseconds(ms), pred);

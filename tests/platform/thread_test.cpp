@@ -18,49 +18,39 @@ void *report_mask(void *arg)
 }
 } // namespace
 
-TEST(Thread, CreatedThreadsRunWithStopSignalsBlocked)
-{
-    int blocked = -1;
-    pthread_t t;
-    ASSERT_EQ(qz_pthread_create(&t, report_mask, &blocked, 0, 0, 0), 0);
-    pthread_join(t, nullptr);
-    EXPECT_EQ(blocked, 1);
-    // With a stack size and a real-time request: still created (with a warning where
-    // real-time scheduling is not permitted).
-    blocked = -1;
-    ASSERT_EQ(qz_pthread_create(&t, report_mask, &blocked, 5, SCHED_RR, 64 * 1024), 0);
-    pthread_join(t, nullptr);
-    EXPECT_EQ(blocked, 1);
-    EXPECT_NE(qz_pthread_create(nullptr, report_mask, nullptr, 0, 0, 0), 0);
-}
-
-TEST(Thread, SchedParamSucceedsOrDegradesAndRejectsNonsense)
+TEST(Thread, CreatedThreadsRunWithStopSignalsBlockedAndSchedulingDegrades)
 {
     rt_scratch s;
     rt_cfg_set(rt_test_config(s));
+    // With a stack size and a real-time request: still created (with a warning where
+    // real-time scheduling is not permitted).
+    for (int prio : {0, 5}) {
+        int blocked = -1;
+        pthread_t t;
+        ASSERT_EQ(qz_pthread_create(&t, report_mask, &blocked, prio, prio ? SCHED_RR : 0, prio * 64 * 1024), 0);
+        pthread_join(t, nullptr);
+        EXPECT_EQ(blocked, 1);
+    }
+    EXPECT_NE(qz_pthread_create(nullptr, report_mask, nullptr, 0, 0, 0), 0);
     EXPECT_EQ(qz_pthread_setschedparam(pthread_self(), SCHED_RR, 5), 0);
     EXPECT_LT(qz_pthread_setschedparam(pthread_self(), 12345, 5), 0);
     sched_param sp{};
     pthread_setschedparam(pthread_self(), SCHED_OTHER, &sp);
 }
 
-namespace {
-void sigterm_child()
-{
-    rt_scratch s;
-    rt_cfg_set(rt_test_config(s));
-    rt_signals_init();
-    if (rt_stopping() || rt_wait_stop(50))
-        _exit(2);
-    kill(getpid(), SIGTERM);
-    if (!rt_wait_stop(3000))
-        _exit(3);
-    pollfd p{rt_stop_fd(), POLLIN, 0};
-    _exit(poll(&p, 1, 0) == 1 ? 0 : 4);
-}
-} // namespace
-
 TEST(Stop, SigtermBecomesAStopRequestAndWakesPollers)
 {
-    EXPECT_EXIT(sigterm_child(), testing::ExitedWithCode(0), "");
+    auto child = [] {
+        rt_scratch s;
+        rt_cfg_set(rt_test_config(s));
+        rt_signals_init();
+        if (rt_stopping() || rt_wait_stop(50))
+            _exit(2);
+        kill(getpid(), SIGTERM);
+        if (!rt_wait_stop(3000))
+            _exit(3);
+        pollfd p{rt_stop_fd(), POLLIN, 0};
+        _exit(poll(&p, 1, 0) == 1 ? 0 : 4);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
 }

@@ -16,15 +16,14 @@ TEST(ServerCommand, RequestItemsBecomeTlvsInTheOrderGiven)
     EXPECT_EQ(c.kind, CMD_REQUEST);
     EXPECT_EQ(c.op, OP_START);
     EXPECT_EQ(c.target, "ap-1");
-    ASSERT_EQ(c.tlvs.size(), 7u);
-    EXPECT_EQ(c.tlvs[0], (bytes{0, 4, 0, 17, 2, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0xaa, 0xbb, 0xcc,
-                                0xdd, 0xee, 0xff}));
-    EXPECT_EQ(c.tlvs[1], (bytes{0, 1, 0, 6, 0xff, 0xff}));
-    EXPECT_EQ(c.tlvs[2], (bytes{0, 5, 0, 8, 1, 0x00, 0x50, 0xf2}));
-    EXPECT_EQ(c.tlvs[3], (bytes{0, 2, 0, 5, 0}));
-    EXPECT_EQ(c.tlvs[4], (bytes{0, 3, 0, 6, 0, 0}));
-    EXPECT_EQ(c.tlvs[5], (bytes{0, 6, 0, 6, 1, 2}));
-    EXPECT_EQ(c.tlvs[6], (bytes{0, 4, 0, 5, 255}));
+    EXPECT_EQ(c.tlvs, (std::vector<bytes>{
+                          {0, 4, 0, 17, 2, 0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff},
+                          {0, 1, 0, 6, 0xff, 0xff},
+                          {0, 5, 0, 8, 1, 0x00, 0x50, 0xf2},
+                          {0, 2, 0, 5, 0},
+                          {0, 3, 0, 6, 0, 0},
+                          {0, 6, 0, 6, 1, 2},
+                          {0, 4, 0, 5, 255}}));
 
     // "#N" names an AP; only a line that starts with '#' is a comment.
     ASSERT_TRUE(parse_command("send #2 9 mac= oui=", c, err)) << err;
@@ -33,7 +32,6 @@ TEST(ServerCommand, RequestItemsBecomeTlvsInTheOrderGiven)
     EXPECT_EQ(c.tlvs[0], (bytes{0, 4, 0, 5, 0}));
     ASSERT_TRUE(parse_command("   # start all", c, err));
     EXPECT_EQ(c.kind, CMD_NONE);
-
     ASSERT_TRUE(parse_command("wait-ap 3", c, err));
     EXPECT_EQ(c.count, 3u);
     EXPECT_EQ(c.seconds, 10);
@@ -46,15 +44,13 @@ TEST(ServerCommand, RequestItemsBecomeTlvsInTheOrderGiven)
 
 TEST(ServerCommand, BadInputIsRefusedWithAReason)
 {
-    std::string many_macs = "start all mac=";
-    for (int i = 0; i < 255; ++i)
-        many_macs += std::string(i ? "," : "") + "00:00:00:00:00:01";
-    std::string many_ouis = "start all oui=";
-    for (int i = 0; i < 256; ++i)
-        many_ouis += std::string(i ? "," : "") + "00:00:01";
+    auto list = [](std::string head, const char *item, int n) {
+        for (int i = 0; i < n; ++i)
+            head += std::string(i ? "," : "") + item;
+        return head;
+    };
     const std::pair<std::string, std::string> cases[] = {
         {"start all mac=00:11:22:33:44", "start: bad MAC address \"00:11:22:33:44\""},
-        {"start all mac=00:11:22:33:44:gg", "start: bad MAC address"},
         {"stop all oui=00:11", "stop: bad OUI \"00:11\""},
         {"modify all interval=65536", "modify: interval must be a number of seconds from 0 to 65535"},
         {"modify all valid=-1", "modify: valid must be"},
@@ -69,8 +65,8 @@ TEST(ServerCommand, BadInputIsRefusedWithAReason)
         {"wait-ap 0", "wait-ap: count must be a number from 1"},
         {"raw all 0x02", "raw: the message must be"},
         {"launch all", "unknown command \"launch\""},
-        {many_macs, "start: a MAC list holds at most 254 addresses, got 255"},
-        {many_ouis, "start: an OUI list holds at most 255 OUIs, got 256"},
+        {list("start all mac=", "00:00:00:00:00:01", 255), "start: a MAC list holds at most 254 addresses, got 255"},
+        {list("start all oui=", "00:00:01", 256), "start: an OUI list holds at most 255 OUIs, got 256"},
     };
     for (const auto &[line, want] : cases) {
         command c;

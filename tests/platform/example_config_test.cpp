@@ -1,0 +1,24 @@
+// The shipped example configuration: the runtime accepts it, and ltrd started from it
+// by the systemd unit stays in the foreground and finds a driver for every radio.
+#include <gtest/gtest.h>
+
+#include "rt.h"
+
+TEST(ExampleConfig, StartsUnderTheSystemdUnit)
+{
+    const std::string path = std::string(LTR_SOURCE_DIR) + "/examples/platform.toml";
+    rt_config c;
+    std::string err;
+    ASSERT_TRUE(rt_config_parse(path, c, err)) << err;
+
+    // The unit is Type=exec: a daemon that detaches looks to systemd as if it ended.
+    EXPECT_TRUE(c.foreground);
+    // An unknown driver makes the driver library, and so the start, fail.
+    ASSERT_FALSE(c.radios.empty());
+    for (const rt_radio_cfg &r : c.radios)
+        EXPECT_NE(rt_driver_find(r.driver), nullptr) << r.name << ": driver " << r.driver;
+    // A real access point: its identity comes from its interface, not fixed values.
+    EXPECT_FALSE(c.mgt_mac.has_value());
+    EXPECT_FALSE(c.mgt_ip.has_value());
+    EXPECT_FALSE(c.server_address.empty());
+}

@@ -132,25 +132,4 @@ TEST_F(NodeSta, AllocationFailureLinksNothing)
     EXPECT_EQ(fake::log_text(), "no free memory!\nno free memory!\n");
 }
 
-TEST_F(NodeSta, ReadingsNewestFirstAndUnlinkAnywhere)
-{
-    ltr_sta *s = add(1);
-    for (uint8_t ap = 1; ap <= 5; ap++) {
-        ltr_rssi_data d = reading(ap);
-        ASSERT_NE(ltr_rssi_add(s, &d), nullptr);
-    }
-    EXPECT_EQ(readings_of(s), (std::vector<uint8_t>{5, 4, 3, 2, 1}));
-    for (uint8_t ap : {3, 5, 1}) { // middle, front, back
-        ltr_rssi_data d = reading(ap);
-        ltr_rssi_del(ltr_rssi_find(s, d.ap_mac));
-        EXPECT_EQ(ltr_rssi_find(s, d.ap_mac), nullptr);
-    }
-    ltr_rssi_data d = reading(6);
-    ltr_rssi_add(s, &d);
-    EXPECT_EQ(readings_of(s), (std::vector<uint8_t>{6, 4, 2}));
-    add(2);
-    ltr_sta_del(s); // frees its readings (the sanitizer build reports leaks)
-    expect_consistent(t, {mac_of(2)});
-}
-
 } // namespace

@@ -97,11 +97,10 @@ int connect_agent()
 
 bool read_n(int fd, uint8_t *p, size_t n)
 {
-    for (ssize_t r; n; p += r, n -= (size_t)r) {
-        pollfd pf{fd, POLLIN, 0};
+    pollfd pf{fd, POLLIN, 0};
+    for (ssize_t r; n; p += r, n -= (size_t)r)
         if (poll(&pf, 1, 5000) <= 0 || (r = read(fd, p, n)) <= 0)
             return false;
-    }
     return true;
 }
 

@@ -1,13 +1,9 @@
-// The LMDB key-value store: records, reopening, limits, the instance's store
-// directory, and refusal of files that are not our stores.
+// The LMDB key-value store: records, reopening, limits, and refusal of files that
+// are not our stores.
 #include <lmdb.h>
 #include <string.h>
-#include <sys/stat.h>
 
-#include <fstream>
-#include <iterator>
 #include <map>
-#include <random>
 
 #include "db_test_util.h"
 
@@ -15,6 +11,8 @@ namespace {
 
 using Db = DbDir;
 using kv_map = std::map<std::string, std::string>;
+using kv_list = std::vector<std::pair<std::string, std::string>>;
+namespace fs = std::filesystem;
 
 std::string key_of(int n)
 {
@@ -29,10 +27,10 @@ int put(qz_db_t *db, const std::string &k, const std::string &v)
 }
 
 // Records in walk order; every value is fetched as 16 bytes.
-std::vector<std::pair<std::string, std::string>> *g_walk;
-std::vector<std::pair<std::string, std::string>> contents(qz_db_t *db)
+kv_list *g_walk;
+kv_list contents(qz_db_t *db)
 {
-    std::vector<std::pair<std::string, std::string>> out;
+    kv_list out;
     g_walk = &out;
     EXPECT_EQ(qz_db_foreach(db, [](qz_db_t *d, const void *k, int l) {
                   char v[QZ_DB_VALUE_MAX] = {};
@@ -43,34 +41,34 @@ std::vector<std::pair<std::string, std::string>> contents(qz_db_t *db)
     return out;
 }
 
-std::string file_bytes(const std::string &f)
-{
-    std::ifstream in(f, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void write_bytes(const std::string &f, const std::string &b)
-{
-    std::ofstream(f, std::ios::binary | std::ios::trunc) << b;
-}
-
-// Writes records into one of our stores behind the store's back, in one transaction.
-void raw_put(const std::string &f, const kv_map &records)
+// Writes records behind the store's back into the named database (null: the main one).
+void raw_put(const std::string &f, const kv_map &records, const char *name = "qz_kv")
 {
     MDB_env *env;
     MDB_txn *txn;
     MDB_dbi dbi;
     ASSERT_EQ(mdb_env_create(&env), 0);
     mdb_env_set_maxdbs(env, 2);
-    ASSERT_EQ(mdb_env_open(env, f.c_str(), MDB_NOSUBDIR, 0644), 0);
+    ASSERT_EQ(mdb_env_open(env, f.c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0644), 0);
     ASSERT_EQ(mdb_txn_begin(env, nullptr, 0, &txn), 0);
-    ASSERT_EQ(mdb_dbi_open(txn, "qz_kv", 0, &dbi), 0);
+    ASSERT_EQ(mdb_dbi_open(txn, name, 0, &dbi), 0);
     for (auto &[key, val] : records) {
         MDB_val mk{key.size(), (void *)key.data()}, mv{val.size(), (void *)val.data()};
         ASSERT_EQ(mdb_put(txn, dbi, &mk, &mv, 0), 0);
     }
     ASSERT_EQ(mdb_txn_commit(txn), 0);
     mdb_env_close(env);
+}
+
+// A foreign file is refused twice, stays byte for byte, and gets nothing beside it.
+void expect_refused(const std::string &dir, const std::string &f)
+{
+    std::string before = rt_read_file(f);
+    auto entries = std::distance(fs::directory_iterator(dir), {});
+    EXPECT_EQ(qz_db_open(f.c_str()), nullptr);
+    EXPECT_EQ(qz_db_open(f.c_str()), nullptr);
+    EXPECT_EQ(rt_read_file(f), before);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), entries);
 }
 
 TEST_F(Db, RecordsSurviveReopenAndWalkInKeyOrder)
@@ -92,9 +90,9 @@ TEST_F(Db, RecordsSurviveReopenAndWalkInKeyOrder)
 
     db = qz_db_open(f.c_str());
     ASSERT_NE(db, nullptr);
-    decltype(contents(db)) expect = {{key_of(1), std::string(16, 'R')},
-                                     {key_of(5), std::string(16, 'f')},
-                                     {key_of(300), std::string(16, 'o')}};
+    kv_list expect = {{key_of(1), std::string(16, 'R')},
+                      {key_of(5), std::string(16, 'f')},
+                      {key_of(300), std::string(16, 'o')}};
     EXPECT_EQ(contents(db), expect);
     qz_db_close(db);
 }
@@ -120,99 +118,39 @@ TEST_F(Db, LimitsAndBadArguments)
     qz_db_close(db);
 }
 
-TEST_F(Db, ZeroByteFileBecomesAnEmptyStore)
+TEST_F(Db, ForeignAndTruncatedFilesAreRefusedAndLeftUntouched)
 {
-    write_bytes(path("z.db"), "");
-    for (int i = 0; i < 2; i++) { // created, then reopened with its record
-        qz_db_t *db = qz_db_open(path("z.db").c_str());
-        ASSERT_NE(db, nullptr);
-        EXPECT_EQ(contents(db).size(), (size_t)i);
-        EXPECT_EQ(put(db, key_of(3), "x"), 0);
-        qz_db_close(db);
-    }
-}
-
-TEST_F(Db, InstanceStoreDirHoldsTheFile)
-{
-    rt_config c = rt_cfg();
-    std::string asked = dir + "/asked/t.db";
-    for (const char *inst : {"a", "b"}) {
-        c.store_dir = dir + "/inst/" + inst;
-        rt_cfg_set(c);
-        EXPECT_EQ(qz_db_file(asked.c_str()), c.store_dir + "/t.db");
-        qz_db_t *db = qz_db_open(asked.c_str());
-        ASSERT_NE(db, nullptr);
-        EXPECT_TRUE(contents(db).empty()) << "instance " << inst << " sees its own store";
-        EXPECT_EQ(put(db, key_of(1), inst), 0);
-        qz_db_close(db);
-    }
-    struct stat st;
-    EXPECT_EQ(stat((dir + "/inst/a/t.db").c_str(), &st), 0);
-    EXPECT_NE(stat(asked.c_str(), &st), 0);
-}
-
-// A foreign file is refused, stays byte for byte, and gets no lock or temporary
-// file beside it.
-void expect_refused(const std::string &dir, const std::string &f)
-{
-    std::string before = file_bytes(f);
-    size_t entries = std::distance(std::filesystem::directory_iterator(dir), {});
-    EXPECT_EQ(qz_db_open(f.c_str()), nullptr);
-    EXPECT_EQ(qz_db_open(f.c_str()), nullptr) << "still refused the second time";
-    EXPECT_EQ(file_bytes(f), before);
-    EXPECT_EQ((size_t)std::distance(std::filesystem::directory_iterator(dir), {}), entries);
-}
-
-TEST_F(Db, ForeignFilesAreRefusedAndLeftUntouched)
-{
-    std::mt19937 rng(7);
-    std::string garbage(20000, 0);
-    for (auto &b : garbage)
-        b = (char)rng();
-    write_bytes(path("garbage.db"), garbage);
-    expect_refused(dir, path("garbage.db"));
-    write_bytes(path("text.db"), "mac 00:11:22:33:44:55\noui 00:11:22\n");
-    expect_refused(dir, path("text.db"));
-    mkdir(path("dir.db").c_str(), 0755);
+    std::ofstream(path("garbage.db")) << std::string(20000, '\x5a') + "\x01\xde\xc0\xef\xbe";
+    std::ofstream(path("text.db")) << "mac 00:11:22:33:44:55\noui 00:11:22\n";
+    raw_put(path("other.db"), {{"qz_kv", "abc"}}, nullptr); // another program's, our name
+    for (const char *f : {"garbage.db", "text.db", "other.db"})
+        expect_refused(dir, path(f));
+    fs::create_directory(path("dir.db"));
     EXPECT_EQ(qz_db_open(path("dir.db").c_str()), nullptr);
 
-    // An LMDB file of another program, even with a plain record of our name.
-    MDB_env *env;
-    MDB_txn *txn;
-    MDB_dbi dbi;
-    ASSERT_EQ(mdb_env_create(&env), 0);
-    ASSERT_EQ(mdb_env_open(env, path("other.db").c_str(), MDB_NOSUBDIR | MDB_NOLOCK, 0644), 0);
-    ASSERT_EQ(mdb_txn_begin(env, nullptr, 0, &txn), 0);
-    ASSERT_EQ(mdb_dbi_open(txn, nullptr, 0, &dbi), 0);
-    MDB_val k{5, (void *)"qz_kv"}, v{3, (void *)"abc"};
-    ASSERT_EQ(mdb_put(txn, dbi, &k, &v, 0), 0);
-    ASSERT_EQ(mdb_txn_commit(txn), 0);
-    mdb_env_close(env);
-    expect_refused(dir, path("other.db"));
-}
-
-TEST_F(Db, TruncatedStoresAreRefusedAndLeftUntouched)
-{
     std::string f = path("t.db");
     qz_db_close(qz_db_open(f.c_str()));
     kv_map many; // several pages of records
     for (int n = 0; n < 2000; n++)
         many[key_of(n)] = std::string(QZ_DB_VALUE_MAX, 'v');
     raw_put(f, many);
-    std::filesystem::remove(f + "-lock");
-    std::string whole = file_bytes(f);
+    fs::remove(f + "-lock");
+    std::string whole = rt_read_file(f);
     ASSERT_GT(whole.size(), 16u * 4096);
     for (size_t keep : {whole.size() - 4096, whole.size() / 2, (size_t)3 * 4096,
                         (size_t)2 * 4096 - 1, (size_t)4096, (size_t)1}) {
         SCOPED_TRACE("kept " + std::to_string(keep) + " bytes");
-        write_bytes(f, whole.substr(0, keep));
+        std::ofstream(f) << whole.substr(0, keep);
         expect_refused(dir, f);
     }
-    write_bytes(f, whole);
-    qz_db_t *db = qz_db_open(f.c_str());
-    ASSERT_NE(db, nullptr);
-    EXPECT_EQ(contents(db).size(), 2000u);
-    qz_db_close(db);
+    // Zero bytes is not truncation: it becomes an empty store.
+    for (const std::string &bytes : {whole, std::string()}) {
+        std::ofstream(f) << bytes;
+        qz_db_t *db = qz_db_open(f.c_str());
+        ASSERT_NE(db, nullptr);
+        EXPECT_EQ(contents(db).size(), bytes.empty() ? 0u : 2000u);
+        qz_db_close(db);
+    }
 }
 
 } // namespace

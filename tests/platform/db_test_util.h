@@ -2,33 +2,20 @@
 // instance's store_dir unset.
 #pragma once
 #include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <filesystem>
-#include <string>
 
 #include "db_store.h"
-#include "rt.h"
+#include "rt_test_util.h"
 
-class DbDir : public ::testing::Test {
-  public:
-    std::string dir;
-    rt_config saved;
+struct DbDir : ::testing::Test {
+    rt_scratch scratch;
+    std::string dir = scratch.dir;
+    rt_config saved = rt_cfg();
     void SetUp() override
     {
-        saved = rt_cfg();
         rt_config c = saved;
         c.store_dir.clear();
         rt_cfg_set(c);
-        const char *t = getenv("TMPDIR");
-        std::string tmpl = std::string(t && *t ? t : "/tmp") + "/qz_db_test.XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-        dir = tmpl;
     }
-    void TearDown() override
-    {
-        rt_cfg_set(saved);
-        std::filesystem::remove_all(dir);
-    }
+    void TearDown() override { rt_cfg_set(saved); }
     std::string path(const char *name) const { return dir + "/" + name; }
 };

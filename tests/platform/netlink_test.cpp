@@ -47,13 +47,7 @@ void on_event(uint32_t, int len, void *p)
 }
 
 // Child-side checks: report what failed and leave with a non-zero status.
-#define CHILD_CHECK(cond)                                                                   \
-    do {                                                                                    \
-        if (!(cond)) {                                                                      \
-            fprintf(stderr, "check failed at line %d: %s\n", __LINE__, #cond);              \
-            _exit(10);                                                                      \
-        }                                                                                   \
-    } while (0)
+#define CHILD_CHECK(cond) ((cond) ? (void)0 : (fprintf(stderr, "line %d: %s\n", __LINE__, #cond), _exit(10)))
 
 void sh(const std::string &cmd)
 {

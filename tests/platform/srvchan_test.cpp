@@ -43,13 +43,10 @@ struct listener {
 
 bool read_n(int fd, uint8_t *buf, size_t n, int timeout_ms)
 {
-    for (size_t got = 0; got < n;) {
-        pollfd p{fd, POLLIN, 0};
-        ssize_t r = poll(&p, 1, timeout_ms) > 0 ? recv(fd, buf + got, n - got, 0) : 0;
-        if (r <= 0)
+    pollfd p{fd, POLLIN, 0};
+    for (ssize_t r; n; buf += r, n -= size_t(r))
+        if (poll(&p, 1, timeout_ms) <= 0 || (r = recv(fd, buf, n, 0)) <= 0)
             return false;
-        got += size_t(r);
-    }
     return true;
 }
 
@@ -110,17 +107,8 @@ uint64_t counter(const char *n) { return rt_counter(n).load(); }
 
 class SrvChan : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        g_delivered.clear();
-        timing(0, 0);
-        srvchan_set_deliver(capture);
-    }
-    void TearDown() override
-    {
-        srvchan_close();
-        srvchan_set_deliver(nullptr);
-    }
+    void SetUp() override { g_delivered.clear(), timing(0, 0), srvchan_set_deliver(capture); }
+    void TearDown() override { srvchan_close(), srvchan_set_deliver(nullptr); }
     static void timing(uint32_t ping_idle, uint32_t dead)
     {
         srvchan_timing t;
@@ -133,11 +121,8 @@ protected:
     void configure(const std::string &addr, uint32_t queue_limit = 1 << 20)
     {
         rt_config c;
-        c.instance = "ap-test-7";
-        c.server_address = addr;
-        c.server_queue_limit = queue_limit;
-        c.mgt_mac = std::array<uint8_t, 6>{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
-        c.mgt_ip = htonl(0x7f000105);
+        c.instance = "ap-test-7", c.server_address = addr, c.server_queue_limit = queue_limit;
+        c.mgt_mac = std::array<uint8_t, 6>{0x02, 0x11, 0x22, 0x33, 0x44, 0x55}, c.mgt_ip = htonl(0x7f000105);
         rt_cfg_set(c);
     }
     // Accepts the channel's next connection and checks that it opens with HELLO.

@@ -23,7 +23,8 @@ def main(script):
         print("SKIP: this machine does not allow user and network namespaces (unshare -Urn); "
               "system tests need them")
         sys.exit(77)
-    ltrsite.enter_namespaces([os.path.abspath(script), "--build", BUILD] + rest)
+    ltrsite.enter_namespaces([os.path.abspath(script), "--build", BUILD] + rest,
+                             keep=[REPO, BUILD])
     warnings.simplefilter("ignore", ResourceWarning)
     unittest.main(argv=[script] + rest, verbosity=2)
 

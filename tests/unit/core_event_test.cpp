@@ -1,31 +1,9 @@
-// Event dispatch: unknown ids, short deliveries, the interface-change filter, the
-// radio-up handler, the management address and server messages.
+// Event dispatch: short deliveries and the interface-change filter.
 #include "core_util.h"
-#include "ltr_engine.h"
 #include "ltr_event.h"
 #include "ltr_rssi.h"
-#include "ltr_track.h"
 
 namespace {
-
-// An engine that counts what the message handler asks of it.
-struct probe {
-    int validate_result = 0, dispatch_result = 0;
-    int validated = 0, dispatched = 0, last_len = -1;
-} P;
-int p_validate(ltr_mgt *, ltr_srv_msg *, int len)
-{
-    P.validated++;
-    P.last_len = len;
-    return P.validate_result;
-}
-int p_dispatch(ltr_mgt *, ltr_srv_msg *)
-{
-    P.dispatched++;
-    return P.dispatch_result;
-}
-const ltr_engine_ops_t probe_ops = {nullptr, nullptr, p_validate, p_dispatch,
-                                    nullptr, nullptr, nullptr,    nullptr};
 
 fake::bytes ifchange(uint32_t type, int32_t ifindex, uint32_t flags, const char *name)
 {
@@ -45,7 +23,6 @@ class CoreEvent : public LtrTest {
     {
         LtrTest::SetUp();
         mgt.cfg = &cfg;
-        P = probe{};
         fake::set_radios({{"wifi0", 4}, {"wifi1", 6}});
         pthread_t t;
         ASSERT_EQ(ltr_event_init(&t), 0);
@@ -53,22 +30,6 @@ class CoreEvent : public LtrTest {
         fake::clear_calls();
     }
 };
-
-TEST_F(CoreEvent, UnknownIdsAreLogged)
-{
-    EXPECT_TRUE(fake::subscribed(280) && fake::subscribed(157) && fake::subscribed(164));
-    ltr_event_handler(999, 0, nullptr);
-    ltr_kevent_handler(20, 0, nullptr);
-    ltr_kevent_handler(3, 0, nullptr);
-    ltr_kevent_handler(53, 0, nullptr);
-    std::vector<std::string> texts;
-    for (auto &l : fake::logs())
-        texts.push_back(l.text);
-    EXPECT_EQ(texts, (std::vector<std::string>{"receive unknown event 999",
-                                               "receive unknown kevent 20 (RADIO_CHAN_CHANGE)",
-                                               "receive unknown kevent 3 (n/a)",
-                                               "receive unknown kevent 53 (n/a)"}));
-}
 
 TEST_F(CoreEvent, ShortDeliveriesAreDroppedUnread)
 {
@@ -94,24 +55,6 @@ TEST_F(CoreEvent, ShortDeliveriesAreDroppedUnread)
                          "drop short kevent 19 (ifchange): 12 bytes, need 13\n",
                          "drop short kevent 19 (ifchange): 17 bytes, need 18\n"}));
 
-    // The full reply: each record traced before the handler runs.
-    fake::clear_text();
-    reply[0] = 1;
-    fake::deliver_event(LTR_EVT_OWNER_REPLY, reply);
-    ASSERT_GE(fake::dbgs().size(), 2u);
-    EXPECT_EQ(fake::dbgs()[0].text, "receive event (STA_OWNER_REPLY):\n");
-    EXPECT_EQ(fake::dbgs()[1].text, "station 0011.2233.4455, owner 192.168.1.20.\n");
-}
-
-TEST_F(CoreEvent, ManagementAddressUpdatesEvenWhenDisabled)
-{
-    fake::bytes evt(24, 0xee);
-    uint32_t ip = ltr_ip(172, 16, 0, 9);
-    memcpy(evt.data() + 20, &ip, 4);
-    fake::deliver_event(LTR_EVT_MGT_IP, evt);
-    EXPECT_EQ(mgt.my_ip, ip);
-    fake::deliver_event(LTR_EVT_MGT_IP, fake::bytes(40)); // 0: no address again
-    EXPECT_EQ(mgt.my_ip, 0u);
 }
 
 TEST_F(CoreEvent, InterfaceChangeActsOnlyOnUpWithUsableFlags)
@@ -134,68 +77,6 @@ TEST_F(CoreEvent, InterfaceChangeActsOnlyOnUpWithUsableFlags)
         }
     }
     EXPECT_TRUE(fake::dbg_has("receive wifi1 ifchange event, type: IF_GOING_DOWN"));
-}
-
-TEST_F(CoreEvent, RadioUpFollowsTheSettings)
-{
-    ASSERT_EQ(ltr_track_list_init(), 0);
-    fake::clear_calls();
-    cfg.lmatch = 0;
-    ltr_handle_radio_up(4, 1); // disabled: only the switch, from enabled
-    EXPECT_EQ(fake::call_names(), (std::vector<std::string>{"qz_dcd_set_lta_track_enable"}));
-    EXPECT_EQ(fake::radio_state(4).track_enable, 0);
-
-    const uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-    const uint8_t oui[6] = {0xa0, 0xb0, 0xc0, 0, 0, 0};
-    ltr_track_key k1 = ltr_track_key_make(mac, LTR_TRACK_MAC);
-    ltr_track_key k2 = ltr_track_key_make(oui, LTR_TRACK_OUI);
-    ASSERT_EQ(ltr_track_obj_add(&k1) | ltr_track_obj_add(&k2), 0);
-    cfg.enabled = 1;
-    fake::script("qz_dcd_set_lta_trackobj", -1); // one refusal does not stop the rest
-    ltr_handle_radio_up(6, 1);
-    EXPECT_EQ(fake::radio_state(6).track_enable, 1);
-    EXPECT_EQ(fake::radio_state(6).lmatch, 0);
-    EXPECT_EQ(fake::count("qz_dcd_set_lta_trackobj"), 2u);
-    EXPECT_EQ(fake::radio_state(6).trackobjs.size(), 1u);
-
-    fake::clear_calls();
-    ltr_handle_radio_up(6, 0); // no access: off, nothing else
-    EXPECT_EQ(fake::call_names(), (std::vector<std::string>{"qz_dcd_set_lta_track_enable"}));
-    EXPECT_EQ(fake::radio_state(6).track_enable, 0);
-
-    fake::clear_calls();
-    ltr_handle_radio_up(99, 1);
-    EXPECT_TRUE(fake::calls().empty());
-    EXPECT_TRUE(fake::log_has("invalid ifindex 99!\n"));
-}
-
-TEST_F(CoreEvent, ServerMessageOnlyWhileStarted)
-{
-    fake::bytes msg(30, 0);
-    fake::deliver_event(LTR_EVT_SRV_MSG_IN, msg);
-    cfg.enabled = 1; // engine still null: a stop in progress
-    fake::deliver_event(LTR_EVT_SRV_MSG_IN, msg);
-    cfg.enabled = 0;
-    mgt.engine = &probe_ops;
-    fake::deliver_event(LTR_EVT_SRV_MSG_IN, msg);
-    EXPECT_EQ(P.validated, 0);
-
-    cfg.enabled = 1;
-    fake::deliver_event(LTR_EVT_SRV_MSG_IN, msg);
-    EXPECT_EQ(P.last_len, 30);
-    EXPECT_EQ(P.dispatched, 1);
-    P.validate_result = -1;
-    fake::deliver_event(LTR_EVT_SRV_MSG_IN, msg);
-    EXPECT_EQ(P.dispatched, 1);
-
-    ltr_debug_flags = LTR_DBG_ERROR | LTR_DBG_EVENT;
-    P.validate_result = 0;
-    P.dispatch_result = -1;
-    fake::deliver_event(LTR_EVT_SRV_MSG_IN, msg);
-    EXPECT_TRUE(fake::dbg_has("receive event (LOC_SRV_MSG_IN)\n"));
-    EXPECT_TRUE(fake::dbg_has("ae msg not handled"));
-    EXPECT_TRUE(core_lock_free());
-    EXPECT_DEATH(ltr_handle_msg_in(nullptr, 0), "Assertion \\(in_msg != \\(\\(void \\*\\)0\\)\\)");
 }
 
 } // namespace

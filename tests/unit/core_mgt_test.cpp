@@ -1,7 +1,8 @@
-// The manager: the settings segment (fresh, kept across a restart, restoring
-// tracking), initialisation failures, the setters and the life rule of a reading.
+// The manager and start-up: subsystem order, start-up failures with their exit
+// statuses, restoring tracking, initialisation failures and reading life.
 #include "core_util.h"
 #include "ltr_engine.h"
+#include "ltr_event.h"
 
 namespace {
 
@@ -15,24 +16,6 @@ class CoreMgt : public LtrTest {
         ltr_debug_flags = LTR_DBG_ERROR;
     }
 };
-
-TEST_F(CoreMgt, FreshSegmentGetsDefaultsAndRestartKeepsThem)
-{
-    ASSERT_EQ(ltr_mgt_init(), 0);
-    EXPECT_EQ(fake::calls_of("qz_shm_create")[0].args, (std::vector<int64_t>{0x10201, 20}));
-    ltr_cfg want = core_defaults();
-    EXPECT_EQ(fake::shm_bytes(LTR_SHM_KEY), fake::bytes((uint8_t *)&want, (uint8_t *)&want + 20));
-    fake::clear_calls();
-    EXPECT_EQ(ltr_mgt_init(), 0); // a second call does nothing
-    EXPECT_TRUE(fake::calls().empty());
-
-    mgt.cfg->lmatch = 0;
-    mgt.cfg->rpt_interval = 17;
-    auto before = fake::shm_bytes(LTR_SHM_KEY);
-    restart();
-    ASSERT_EQ(ltr_mgt_init(), 0);
-    EXPECT_EQ(fake::shm_bytes(LTR_SHM_KEY), before);
-}
 
 TEST_F(CoreMgt, StoredEnabledRestartsTrackingBeforeAnyThread)
 {
@@ -83,50 +66,60 @@ TEST_F(CoreMgt, InitFailures)
     EXPECT_EQ(mgt.my_ip, 0u); // the address comes later by event
 }
 
-TEST_F(CoreMgt, SettersAndCleanup)
-{
-    ASSERT_EQ(ltr_mgt_init(), 0);
-    EXPECT_EQ(ltr_mgt_set_rssi_threshold(0x0105), 0);
-    EXPECT_EQ(ltr_mgt_set_suppress(0xffff), 0);
-    EXPECT_EQ(ltr_mgt_set_hold_time(0xff), 0);
-    EXPECT_EQ(ltr_mgt_set_valid_period(0), 0);
-    ltr_cfg want = core_defaults();
-    want.rssi_threshold = 5;
-    want.suppress = 0xffff;
-    want.valid_period = 0;
-    want.hold_time = 0xff;
-    EXPECT_EQ(memcmp(mgt.cfg, &want, sizeof(want)), 0);
-    EXPECT_EQ(pthread_mutex_trylock(&mgt.lock), 0); // every setter let go of it
-    pthread_mutex_unlock(&mgt.lock);
+} // namespace
 
-    EXPECT_EQ(ltr_mgt_cleanup(), 0);
-    EXPECT_EQ(fake::count("qz_pmpt_timer_delete"), 2u);
-    EXPECT_EQ(fake::count("qz_shm_destroy"), 1u);
-    EXPECT_EQ(ltr_mgt_inited, 0);
+using ::testing::ExitedWithCode;
+using strs = std::vector<std::string>;
+
+namespace {
+
+class CoreStart : public LtrTest {};
+
+TEST_F(CoreStart, BringsSubsystemsUpAndDownInOrder)
+{
+    fake::set_not_ready_polls(1);
+    fake::script("qz_pm_init", -1); // not examined
+    ASSERT_EQ(ltr_main(0, nullptr), 0);
+    strs init4(4, "qz_add_cli_vector_initializer");
+    strs want = {"qz_daemonize", "qz_pmpt_timer_init", "qz_pthread_create", "qz_dcd_lib_init",
+                 "qz_shm_create", "qz_event_init", "qz_pthread_setschedparam", "qz_pm_init"};
+    want.insert(want.end(), init4.begin(), init4.end());
+    for (auto *s : {"qz_start_cli_agent", "qz_pm_setstate", "qz_sys_ready", "qz_sys_ready",
+                    "qz_pm_cleanup", "qz_dcd_lib_cleanup", "qz_event_cleanup"})
+        want.push_back(s);
+    EXPECT_EQ(core_calls_among(want), want);
+    EXPECT_EQ(fake::calls_of("qz_daemonize")[0].args, (std::vector<int64_t>{0, 1}));
+    EXPECT_EQ(fake::calls_of("qz_pthread_setschedparam")[0].args, (std::vector<int64_t>{2, 5}));
+    EXPECT_EQ(fake::calls_of("qz_start_cli_agent")[0].args, (std::vector<int64_t>{52, 1}));
+    EXPECT_EQ(fake::count("qz_hc_register"), 0u); // not stored as enabled
+    EXPECT_TRUE(fake::logs().empty());
 }
 
-TEST_F(CoreMgt, ReadingLife)
+struct start_failure {
+    const char *fn;
+    const char *text;
+};
+class CoreStartFailure : public LtrTest, public ::testing::WithParamInterface<start_failure> {};
+
+TEST_P(CoreStartFailure, LogsAndExitsWithOne)
 {
-    static ltr_cfg cfg = core_defaults();
-    mgt.cfg = &cfg;
-    ltr_rssi_entry e{};
-    struct {
-        uint32_t my_ip, local;
-        uint16_t interval;
-        uint8_t hold;
-        int want;
-    } cases[] = {{1, 1, 60, 9, 1}, {1, 1, 25, 9, 2}, {1, 1, 120, 9, 1}, {1, 1, 0, 9, 1},
-                 {1, 0, 20, 2, 3}, {0, 1, 20, 2, 3}, {0, 0, 20, 255, 256}};
-    for (auto &c : cases) {
-        mgt.my_ip = c.my_ip;
-        e.ni_local = c.local;
-        cfg.rpt_interval = c.interval;
-        cfg.hold_time = c.hold;
-        EXPECT_EQ(ltr_rssi_life(&mgt, &e), c.want) << c.my_ip << c.local << " " << c.interval;
-    }
-    EXPECT_DEATH(ltr_rssi_life(&mgt, nullptr), "Assertion \\(mgt != \\(\\(void \\*\\)0\\) && "
-                                               "rssi != \\(\\(void \\*\\)0\\)\\) failed at "
-                                               "qz_ltr_common:");
+    fake::script(GetParam().fn, -1);
+    EXPECT_EXIT(
+        {
+            fake::echo_logs(true);
+            ltr_main(0, nullptr);
+        },
+        ExitedWithCode(1), std::string("^") + GetParam().text + "$");
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryStep, CoreStartFailure,
+    ::testing::Values(start_failure{"qz_pmpt_timer_init", ""},
+                      start_failure{"qz_dcd_lib_init", "dcd lib init failed!\n"},
+                      start_failure{"qz_dcd_get_mac_byname", "init ltd failed!\n"},
+                      start_failure{"qz_event_init", "init event lib failed!\n"},
+                      start_failure{"qz_pthread_setschedparam",
+                                    "adjust ltd event thread priority failed!\n"},
+                      start_failure{"qz_start_cli_agent", "start CLI agent failed!\n"}));
 
 } // namespace

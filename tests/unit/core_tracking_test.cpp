@@ -21,30 +21,6 @@ class CoreTracking : public LtrTest {
     }
 };
 
-TEST_F(CoreTracking, StartRegistersEngineRadiosAndTimers)
-{
-    mgt.cfg->rpt_interval = 45;
-    ASSERT_EQ(ltr_set_enabled(1), 0);
-    const qz_hc_reg &reg = fake::hc_last_reg();
-    EXPECT_TRUE(fake::hc_registered());
-    EXPECT_EQ(reg.module_id, 52u);
-    EXPECT_EQ(reg.caps, 6u);
-    EXPECT_EQ(reg.version, 1u);
-    EXPECT_EQ(reg.recv, &ltr_lta_msg_recv);
-    EXPECT_EQ(reg.priv, nullptr);
-    EXPECT_EQ(mgt.engine, &ltr_engine_ops);
-    EXPECT_NE(mgt.omsg, nullptr);
-    EXPECT_EQ(mgt.cfg->enabled, 1u);
-    EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_track_enable"), (std::vector<int64_t>{4, 9}));
-    EXPECT_EQ(fake::timer_state(mgt.owner_flush_timer).period, 300u);
-    EXPECT_EQ(fake::timer_state(mgt.rssi_fetch_timer).period, 45u);
-    EXPECT_TRUE(core_lock_free());
-
-    fake::clear_calls();
-    EXPECT_EQ(ltr_set_enabled(1), 0); // already started: nothing happens
-    EXPECT_TRUE(fake::calls().empty());
-}
-
 TEST_F(CoreTracking, FailedStartsLeaveTrackingStopped)
 {
     fake::script("qz_hc_register", -1);
@@ -93,19 +69,6 @@ TEST_F(CoreTracking, StopUndoesStartAndUnregistersWithoutTheLock)
     EXPECT_TRUE(core_lock_free());
     ASSERT_EQ(ltr_set_enabled(1), 0);
     EXPECT_EQ(ltr_tl.obj_cnt, 0); // the list did not come back
-}
-
-TEST_F(CoreTracking, DisableWhileStoppedClearsButKeepsEnabled)
-{
-    ltr_track_key key = ltr_track_key_make(kMac, LTR_TRACK_MAC);
-    ASSERT_EQ(ltr_track_obj_add(&key), 0);
-    mgt.cfg->enabled = 1; // as after a restored start that failed
-    EXPECT_EQ(ltr_set_enabled(0), 0);
-    EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_track_enable"), (std::vector<int64_t>{4, 9}));
-    EXPECT_EQ(fake::count("qz_hc_unregister") + fake::count("qz_pmpt_timer_stop"), 0u);
-    EXPECT_EQ(mgt.cfg->enabled, 1u);
-    EXPECT_EQ(ltr_tl.obj_cnt, 0);
-    EXPECT_TRUE(fake::db().empty());
 }
 
 } // namespace

@@ -18,15 +18,6 @@ inline ltr_cfg core_defaults()
     return c;
 }
 
-// The interface index (first argument) of every call of fn, in order.
-inline std::vector<int64_t> core_ifindexes(const std::string &fn)
-{
-    std::vector<int64_t> out;
-    for (auto &c : fake::calls_of(fn))
-        out.push_back(c.args.at(0));
-    return out;
-}
-
 // The calls named in `of`, in the order they were made.
 inline std::vector<std::string> core_calls_among(const std::vector<std::string> &of)
 {

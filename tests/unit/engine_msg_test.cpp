@@ -1,5 +1,6 @@
-// Validation of received server messages, and the packet dump.
+// Validation of received server messages, and the outgoing buffer's growth.
 #include "engine_test.h"
+#include "ltr_alloc.h"
 
 using namespace eng;
 
@@ -111,34 +112,58 @@ TEST_F(EngineMsg, NothingPastTheDeliveredBytesIsRead)
     EXPECT_TRUE(fake::dbg_has("tlv crosses the end of the msg: type 9, len 20.\n"));
 }
 
-TEST_F(EngineMsg, PacketDumpShowsTheValuesAsTheyTravel)
-{
-    bytes m = msg(LTR_OP_START, {tlv(1, u16v(300)), tlv(2, {0xfe}), tlv(3, u16v(90)), mac_list({sta1, sta2}), mac_all(),
-                                 oui_list({{0x00, 0x0a, 0xbc}, {0xff, 0x01, 0x02}}),
-                                 tlv(6, {0xa0, 0xb0, 0xc0, 0xd0, 0xe0, 0xf0, 0x09, 0x6c, 0xc4}), tlv(7, {4}),
-                                 tlv(12, {1})});
-    const std::vector<std::string> dump = {
-        "report interval 300", "rssi change update threshold -2", "rssi valid period 90", "number of sta mac 2",
-        "sta mac addr is 0011.2233.4466", "sta mac addr is 0011.2233.4455", "number of mac 0xff", "number of oui 2",
-        "OUI 0x00:0x0a:0xbc", "OUI 0xff:0x01:0x02", "ap_mac a0b0.c0d0.e0f0, chan_freq 2412, power -60", "ack code 4",
-    };
-    ltr_debug_flags = LTR_DBG_PACKET;
-    ASSERT_EQ(validate(m), 0);
-    auto hex = fake::calls_of("qz_hexdump");
-    ASSERT_EQ(hex.size(), 1u);
-    EXPECT_EQ(hex[0].args[0], (int64_t)m.size() - 11);
-    std::vector<std::string> got;
-    for (auto &l : fake::dbgs())
-        if (l.tag == LTR_TAG_PACKET)
-            got.push_back(l.text);
-    EXPECT_EQ(got, dump);
+namespace {
 
-    // The same bytes in wire order, as sent, give the same lines; with the flag off, none.
-    fake::clear_text();
-    ltr_msg_dump((const ltr_msg_body *)(m.data() + 11), (int)m.size() - 11, false);
-    EXPECT_EQ(dbg_lines(), dump);
-    fake::clear_text();
-    ltr_debug_flags = LTR_DBG_ALL & ~LTR_DBG_PACKET;
-    ltr_msg_dump((const ltr_msg_body *)(m.data() + 11), (int)m.size() - 11, false);
-    EXPECT_TRUE(fake::dbgs().empty());
+class EngineOmsg : public LtrTest {
+  protected:
+    void SetUp() override
+    {
+        LtrTest::SetUp();
+        ltr_debug_flags = LTR_DBG_ERROR;
+        ASSERT_EQ(ltr_engine_ops.init(&mgt), 0);
+        ASSERT_EQ(ltr_engine_ops.reset(&mgt), 0);
+    }
+    int add(int size, uint8_t fill = 0xab)
+    {
+        bytes b((size_t)size, fill);
+        return ltr_engine_ops.add_tlvs(&mgt, 1, b.data(), size);
+    }
+    // cur_size, space_left, offset, then the header's len and tlv_num.
+    std::vector<int> state()
+    {
+        const ltr_omsg *o = mgt.omsg;
+        const ltr_srv_out *h = (const ltr_srv_out *)o->buf;
+        EXPECT_EQ(o->max_size, LTR_OMSG_MAX);
+        return {o->cur_size, o->space_left, o->offset, h->len, h->tlv_num};
+    }
+};
+
+} // namespace
+
+TEST_F(EngineOmsg, GrowsInWholeStepsUpToTheLimitAndNeverShrinks)
+{
+    ASSERT_EQ(add(11, 0x11), 0);
+    EXPECT_EQ(state(), (std::vector<int>{1024, 1013, 11, 17, 1}));
+    ASSERT_EQ(ltr_engine_ops.reset(&mgt), 0);
+    ASSERT_EQ(add(1500, 0x11), 0);
+    EXPECT_EQ(state(), (std::vector<int>{2048, 548, 1500, 1506, 1}));
+    ASSERT_EQ(add(548 + 1024), 0); // a shortfall of exactly one step
+    EXPECT_EQ(state()[0], 3072);
+    ASSERT_EQ(add(1025), 0); // one byte more takes two
+    EXPECT_EQ(state()[0], 5120);
+    EXPECT_EQ(mgt.omsg->buf[16 + 1499], 0x11); // contents survive the moves
+
+    ltr_alloc_fail_at = 1;
+    EXPECT_EQ(add(2000), -1);
+    EXPECT_TRUE(fake::dbg_has("realloc osg buffer failed.\n"));
+    EXPECT_EQ(state(), (std::vector<int>{5120, 1023, 4097, 4103, 3}));
+
+    ASSERT_EQ(ltr_engine_ops.reset(&mgt), 0);
+    EXPECT_EQ(state(), (std::vector<int>{5120, 5120, 0, 6, 0}));
+    ASSERT_EQ(add(LTR_OMSG_MAX - 5), 0);
+    EXPECT_EQ(add(13), -1);
+    EXPECT_TRUE(fake::dbg_has("new requested size exceeds limit.\n"));
+    EXPECT_EQ(state(), (std::vector<int>{16384, 5, 16379, 16385, 1}));
+    ASSERT_EQ(add(5), 0);
+    EXPECT_EQ(state(), (std::vector<int>{16384, 0, 16384, 16390, 2}));
 }

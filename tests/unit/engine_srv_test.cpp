@@ -53,39 +53,6 @@ std::array<uint8_t, 3> nth_oui(int i) { return {0x0e, (uint8_t)(i >> 8), (uint8_
 
 } // namespace
 
-TEST_F(EngineSrv, UnknownOpcodesAndTheDispatchLog)
-{
-    ltr_debug_flags = LTR_DBG_ERROR | LTR_DBG_INFO;
-    const std::pair<uint16_t, const char *> unknown[] = {
-        {LTR_OP_RSSI_REPORT, "rssi report"}, {LTR_OP_ACK, "ack"}, {0, ""}, {0xffff, ""}};
-    for (auto &[op, name] : unknown) {
-        handle(msg(op, {mac_all()}));
-        EXPECT_TRUE(fake::dbg_has(std::string("unknown opcode: ") + name + ".\n")) << op;
-        expect_plain_ack(LTR_ACK_UNKNOWN_OPCODE);
-    }
-    EXPECT_TRUE(fake::radio_state(4).trackobjs.empty());
-
-    handle(msg(LTR_OP_MODIF, {}));
-    EXPECT_TRUE(fake::dbg_has("server msg (opcode: modif, len 6) handled.\n"));
-    fake::clear_text();
-    fake::script("qz_capwap_send_event", -1);
-    handle(msg(LTR_OP_STOP, {}));
-    EXPECT_EQ(dbg_lines(), (std::vector<std::string>{"get an msg from server: opcode: stop, len 6",
-                                                     "send msg to server: opcode: ack, numbers of tlv 1, total len 11",
-                                                     "the msg (opcode: stop) can't be handled.\n", "ae msg not handled"}));
-}
-
-TEST_F(EngineSrv, ModifySetsParametersOnly)
-{
-    handle(msg(LTR_OP_MODIF, {tlv(2, {7}), mac_list({sta1}), tlv(3, u16v(0x0102)), tlv(1, u16v(45))}));
-    EXPECT_EQ(cfg->rssi_threshold, 7);
-    EXPECT_EQ(cfg->valid_period, 0x0102);
-    EXPECT_EQ(cfg->rpt_interval, 45);
-    EXPECT_TRUE(fake::dbg_has("unhandled tlv type 4, len 11.\n"));
-    EXPECT_FALSE(tracked(sta1.data(), LTR_TRACK_MAC));
-    expect_plain_ack(LTR_ACK_OK);
-}
-
 TEST_F(EngineSrv, StartAcksCodeZeroOrListsWhatWasRefused)
 {
     handle(msg(LTR_OP_START, {tlv(1, u16v(30)), tlv(2, {9}), mac_list({sta1}), oui_list({oui1}), tlv(6, bytes(9))}));
@@ -142,30 +109,6 @@ TEST_F(EngineSrv, StartSplitsMoreRefusalsThanOneListHolds)
                               {LTR_TLV_MAC_LIST, list_value(mid(m, 254, 400))},
                               {LTR_TLV_OUI_LIST, list_value(mid(o, 0, 255))},
                               {LTR_TLV_OUI_LIST, list_value(mid(o, 255, 300))}}));
-}
-
-TEST_F(EngineSrv, StopRemovesTrackingAndAlwaysAcksWithCodeZero)
-{
-    handle(msg(LTR_OP_START, {mac_list({sta1, sta2}), oui_list({oui1})}));
-    ltr_sta_add(&mgt.sta_tbl, sta1.data());
-    // The radio refuses the first deletion and the OUI's; the station goes all the same.
-    for (int res : {-1, 0, -1})
-        fake::script("qz_dcd_set_lta_trackobj", res);
-    handle(msg(LTR_OP_STOP, {mac_list({sta1, sta3}), oui_list({oui1}), tlv(1, u16v(5))}));
-    EXPECT_TRUE(fake::dbg_has("stop track mac 0011.2233.4455 failed.\n"));
-    EXPECT_TRUE(fake::dbg_has("stop track oui 0011.2200.0000 failed.\n"));
-    EXPECT_TRUE(fake::dbg_has("unhandled tlv type 1, len 6.\n"));
-    EXPECT_EQ(ltr_sta_find(&mgt.sta_tbl, sta1.data()), nullptr);
-    EXPECT_FALSE(tracked(sta1.data(), LTR_TRACK_MAC));
-    EXPECT_TRUE(tracked(sta2.data(), LTR_TRACK_MAC));
-    EXPECT_EQ(cfg->rpt_interval, 60);
-    expect_plain_ack(LTR_ACK_OK);
-
-    ltr_sta_add(&mgt.sta_tbl, sta2.data());
-    handle(msg(LTR_OP_STOP, {mac_all()}));
-    EXPECT_EQ(ltr_tl.obj_cnt, 0);
-    EXPECT_EQ(mgt.sta_tbl.sta_cnt, 0);
-    expect_plain_ack(LTR_ACK_OK);
 }
 
 TEST_F(EngineSrv, QueryReportsOwnedStationsUnderTheRequestsId)

@@ -1,5 +1,4 @@
-// Station table: link integrity under add/find/delete/flush orders, limits, and
-// allocation failures.
+// Station table: link integrity against a random model, limits, allocation failures.
 #include <stdlib.h>
 
 #include <random>
@@ -75,46 +74,6 @@ class NodeSta : public LtrTest {
     void del(unsigned n) { ltr_sta_del_bymac(t, mac_of(n).data()); }
 };
 
-TEST_F(NodeSta, TailDeletesAndDeletesWhileWalkingKeepOrder)
-{
-    for (unsigned n = 1; n <= 3; n++)
-        add(n);
-    del(3); // the tail link must move back
-    add(4);
-    expect_consistent(t, {mac_of(1), mac_of(2), mac_of(4)});
-    del(4), del(2), del(1);
-    add(5);
-    expect_consistent(t, {mac_of(5)});
-
-    std::vector<mac_t> keep{mac_of(5)};
-    for (unsigned n = 10; n < 40; n++)
-        if (add(n) && n % 3 == 1)
-            keep.push_back(mac_of(n));
-    for (ltr_sta *s = t->sta_list.first, *next; s; s = next) {
-        next = s->list.next; // taken before the delete
-        if (s->macaddr[5] % 3 != 1 && s->macaddr[5] != 5)
-            ltr_sta_del(s);
-    }
-    expect_consistent(t, keep);
-}
-
-TEST_F(NodeSta, BucketCollisionsAndUnlinkFromAnyChainPosition)
-{
-    std::vector<mac_t> all; // all in bucket 5
-    for (unsigned n : {0x105u, 0x225u, 0x345u, 0x465u}) {
-        add(n);
-        all.push_back(mac_of(n));
-    }
-    EXPECT_EQ(t->hash[5]->macaddr[5], 0x65) << "new members go to the chain's front";
-    del(0x41); // absent, same bucket as others: no change
-    expect_consistent(t, all);
-    for (unsigned n : {0x345u, 0x465u, 0x105u}) { // middle, front, back
-        del(n);
-        std::erase(all, mac_of(n));
-        expect_consistent(t, all);
-    }
-}
-
 TEST_F(NodeSta, RandomOrdersAgainstAModel)
 {
     const char *env = getenv("LTR_SEED"); // replay a failed run
@@ -171,61 +130,6 @@ TEST_F(NodeSta, AllocationFailureLinksNothing)
     EXPECT_EQ(ltr_rssi_add(s, &d), nullptr);
     EXPECT_EQ(readings_of(s), std::vector<uint8_t>{});
     EXPECT_EQ(fake::log_text(), "no free memory!\nno free memory!\n");
-}
-
-TEST_F(NodeSta, ReadingsNewestFirstAndUnlinkAnywhere)
-{
-    ltr_sta *s = add(1);
-    for (uint8_t ap = 1; ap <= 5; ap++) {
-        ltr_rssi_data d = reading(ap);
-        ASSERT_NE(ltr_rssi_add(s, &d), nullptr);
-    }
-    EXPECT_EQ(readings_of(s), (std::vector<uint8_t>{5, 4, 3, 2, 1}));
-    for (uint8_t ap : {3, 5, 1}) { // middle, front, back
-        ltr_rssi_data d = reading(ap);
-        ltr_rssi_del(ltr_rssi_find(s, d.ap_mac));
-        EXPECT_EQ(ltr_rssi_find(s, d.ap_mac), nullptr);
-    }
-    ltr_rssi_data d = reading(6);
-    ltr_rssi_add(s, &d);
-    EXPECT_EQ(readings_of(s), (std::vector<uint8_t>{6, 4, 2}));
-    add(2);
-    ltr_sta_del(s); // frees its readings (the sanitizer build reports leaks)
-    expect_consistent(t, {mac_of(2)});
-}
-
-TEST_F(NodeSta, ReadingLimitNamesStationAndReporter)
-{
-    ltr_sta *s = add(0xabcdef);
-    for (uint8_t ap = 0; ap < 64; ap++) {
-        ltr_rssi_data d = reading(ap);
-        ASSERT_NE(ltr_rssi_add(s, &d), nullptr);
-    }
-    ltr_rssi_data d = reading(0x99);
-    EXPECT_EQ(ltr_rssi_add(s, &d), nullptr);
-    EXPECT_EQ(s->rssi_cnt, 64);
-    EXPECT_EQ(fake::log_text(), "staion 0200.abcd.00ef (max rssi cnt 64): no more node "
-                                "available for the rssi from ap 0a00.0000.0099!\n");
-}
-
-TEST_F(NodeSta, NullArgumentsStopWithTheExpression)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const uint8_t m[6] = {};
-    ltr_sta *s = add(1);
-#define NUL "\\(\\(void \\*\\)0\\)"
-    EXPECT_DEATH(ltr_sta_tbl_init(nullptr, 1),
-                 "### Assertion \\(sta_tbl != " NUL "\\) failed at qz_ltr_node:[0-9]+");
-    EXPECT_DEATH(ltr_sta_tbl_flush(nullptr), "\\(sta_tbl != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_sta_find(t, nullptr), "\\(sta_tbl != " NUL " && macaddr != " NUL "\\)");
-    EXPECT_DEATH(ltr_sta_add(nullptr, m), "\\(sta_tbl != " NUL " && macaddr != " NUL "\\)");
-    EXPECT_DEATH(ltr_sta_del_bymac(t, nullptr), "\\(sta_tbl != " NUL " && macaddr != ");
-    EXPECT_DEATH(ltr_sta_del(nullptr), "\\(sta != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_rssi_flush(nullptr), "\\(sta != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_rssi_find(s, nullptr), "\\(sta != " NUL " && macaddr != " NUL "\\)");
-    EXPECT_DEATH(ltr_rssi_add(s, nullptr), "\\(sta != " NUL " && rssi_data != " NUL "\\)");
-    EXPECT_DEATH(ltr_rssi_del(nullptr), "\\(rssi_entry != " NUL "\\) failed");
-#undef NUL
 }
 
 } // namespace

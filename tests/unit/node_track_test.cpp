@@ -1,5 +1,4 @@
-// Tracking list on the fake store: write-through, duplicates, the limit, reload,
-// clean-up and matching.
+// Tracking list on the fake store: write-through, duplicates, reload and matching.
 #include "ltr_alloc.h"
 #include "ltr_test.h"
 
@@ -61,18 +60,6 @@ class NodeTrack : public LtrTest {
     }
 };
 
-TEST_F(NodeTrack, KeysAndInit)
-{
-    ltr_track_key o = oui_key(0x00, 0x11, 0x22);
-    EXPECT_EQ(kb(o), (bytes{0x00, 0x11, 0x22, 0, 0, 0, 0, 0, 1, 0, 0, 0}));
-    EXPECT_STREQ(ltr_track_type_name(ltr_track_key_type(&o)), "oui");
-    EXPECT_STREQ(ltr_track_type_name(2), "n/a");
-    EXPECT_EQ(fake::calls_of("qz_db_open").at(0).text, "/tmp/db/ltr_track_list.db");
-    fake::script("qz_db_open", -1);
-    EXPECT_EQ(ltr_track_list_init(), -1);
-    EXPECT_EQ(fake::log_text(), "open database failed: /tmp/db/ltr_track_list.db\n");
-}
-
 TEST_F(NodeTrack, AddWritesThroughOnceAndDuplicatesChangeNothing)
 {
     ltr_track_key m = ltr_track_key_make(oui_key(0, 0x11, 0x22).addr, LTR_TRACK_MAC);
@@ -99,45 +86,6 @@ TEST_F(NodeTrack, AddWritesThroughOnceAndDuplicatesChangeNothing)
     EXPECT_EQ(ltr_track_obj_add(&p), -1);
     EXPECT_TRUE(fake::log_has("no enough memory.\n"));
     EXPECT_EQ(listed().size(), 3u);
-}
-
-TEST_F(NodeTrack, LimitRefusesEvenAListedObject)
-{
-    for (unsigned n = 0; n < 512; n++) {
-        ltr_track_key k = mac_key(n);
-        ASSERT_EQ(ltr_track_obj_add(&k), 0);
-    }
-    ltr_track_key listed0 = mac_key(0), fresh = mac_key(600);
-    EXPECT_EQ(ltr_track_obj_add(&listed0), -1);
-    EXPECT_EQ(ltr_track_obj_add(&fresh), -1);
-    EXPECT_EQ(fake::log_text(), "The track objects reach max size\n"
-                                "The track objects reach max size\n");
-    EXPECT_EQ(fake::count("qz_db_store"), 512u);
-    ltr_track_key k = mac_key(100);
-    ltr_track_obj_del(&k);
-    EXPECT_EQ(ltr_track_obj_add(&fresh), 0);
-}
-
-TEST_F(NodeTrack, DeleteRemovesFromListAndStore)
-{
-    ltr_track_key k[3] = {mac_key(1), mac_key(2), mac_key(3)};
-    for (auto &x : k)
-        ltr_track_obj_add(&x);
-    ltr_track_key absent = oui_key(0x02, 0, 0);
-    EXPECT_EQ(ltr_track_obj_del(&absent), 0);
-    EXPECT_EQ(fake::count("qz_db_delete"), 0u);
-
-    EXPECT_EQ(ltr_track_obj_del(&k[2]), 0); // the tail, then append behind it
-    ltr_track_key d = mac_key(4);
-    ltr_track_obj_add(&d);
-    EXPECT_EQ(listed(), (std::vector<bytes>{kb(k[0]), kb(k[1]), kb(d)}));
-    EXPECT_EQ(fake::db().count(kb(k[2])), 0u);
-
-    fake::script("qz_db_delete", -1); // logged; memory goes ahead anyway
-    EXPECT_EQ(ltr_track_obj_del(&k[0]), 0);
-    EXPECT_EQ(fake::log_text(), "del ltr track obj (0200.0000.0001, mac) failed.\n");
-    EXPECT_EQ(listed(), (std::vector<bytes>{kb(k[1]), kb(d)}));
-    EXPECT_EQ(fake::db().count(kb(k[0])), 1u);
 }
 
 TEST_F(NodeTrack, ReloadTakesTheStoreAsItIsInWalkOrder)
@@ -171,27 +119,6 @@ TEST_F(NodeTrack, ReloadTakesTheStoreAsItIsInWalkOrder)
     EXPECT_EQ(ltr_tl.obj_cnt, (int32_t)fake::db().size() - 2);
 }
 
-TEST_F(NodeTrack, CleanupEmptiesListAndStore)
-{
-    for (unsigned n = 0; n < 5; n++) {
-        ltr_track_key k = mac_key(n);
-        ltr_track_obj_add(&k);
-    }
-    fake::script("qz_db_delete", -1); // one failure does not stop the rest
-    ltr_track_list_cleanup();
-    EXPECT_EQ(listed(), std::vector<bytes>{});
-    EXPECT_EQ(fake::count("qz_db_delete"), 5u);
-    EXPECT_EQ(fake::db().size(), 1u);
-
-    fake::clear_text();
-    ltr_tl.obj_cnt = 3; // a counter out of step is repaired
-    ltr_track_list_cleanup();
-    EXPECT_EQ(fake::log_text(), "node table element counter check failed.\n");
-    ltr_track_key k = mac_key(7);
-    EXPECT_EQ(ltr_track_obj_add(&k), 0);
-    EXPECT_EQ(listed().size(), 1u);
-}
-
 TEST_F(NodeTrack, MatchByMacAndByOui)
 {
     const uint8_t sta[6] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
@@ -208,34 +135,6 @@ TEST_F(NodeTrack, MatchByMacAndByOui)
     ltr_track_key odd = ltr_track_key_make(sta, 7); // an unknown type never matches
     ltr_track_obj_add(&odd);
     EXPECT_EQ(ltr_track_list_match(sta), 0);
-}
-
-TEST_F(NodeTrack, SafeWalkMayDeleteTheObjectItIsGiven)
-{
-    ltr_track_key k[4] = {mac_key(1), oui_key(1, 2, 3), mac_key(2), oui_key(4, 5, 6)};
-    for (auto &x : k)
-        ltr_track_obj_add(&x);
-    ltr_track_list_foreach_safe(
-        [](void *, ltr_track_obj *o) {
-            ltr_track_key key = o->key;
-            if (ltr_track_key_type(&key) == LTR_TRACK_MAC)
-                ltr_track_obj_del(&key);
-        },
-        nullptr);
-    EXPECT_EQ(listed(), (std::vector<bytes>{kb(k[1]), kb(k[3])}));
-}
-
-TEST_F(NodeTrack, NullArgumentsStopWithTheExpression)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-#define NUL "\\(\\(void \\*\\)0\\)"
-    EXPECT_DEATH(ltr_track_obj_add(nullptr), "### Assertion \\(key != " NUL "\\) failed at qz_ltr_node:");
-    EXPECT_DEATH(ltr_track_obj_del(nullptr), "\\(key != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_track_obj_unstore(nullptr), "\\(key != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_track_list_foreach(nullptr, nullptr), "\\(f != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_track_list_foreach_safe(nullptr, nullptr), "\\(f != " NUL "\\) failed");
-    EXPECT_DEATH(ltr_track_list_match(nullptr), "\\(macaddr != " NUL "\\) failed");
-#undef NUL
 }
 
 } // namespace

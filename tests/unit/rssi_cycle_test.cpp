@@ -1,5 +1,4 @@
-// The RSSI cycle over several rounds: collection, due rules, band correction, ageing,
-// removal, engine calls and re-arm; the interval change; the immediate report.
+// The RSSI cycle over several rounds: collection, due rules, ageing and the lock.
 #include "rssi_fixture.h"
 
 using namespace rssi_test;
@@ -35,21 +34,6 @@ TEST_F(RssiCycle, NewStationIsQueriedAndConsumedUntilItsOwnerIsKnown)
     EXPECT_TRUE(fake::calls().empty());
 }
 
-TEST_F(RssiCycle, RadiosAreWalkedAndFailuresSkipOnlyTheirRadio)
-{
-    fake::set_radios({{"wifi0", if0}, {"down0", 0}, {"wifi1", if1}});
-    fake::script("qz_dcd_get_lta_rpt_tbl", -1);
-    hear(if0, {rec(1, -50)});
-    hear(if1, {rec(2, -60, 2412), rec(2, -70, 5180)});
-    cycle();
-    EXPECT_EQ(fake::count("qz_dcd_get_lta_rpt_tbl"), 2u);
-    EXPECT_TRUE(fake::dbg_has("get radio wifi0 rssi readings failed.\n"));
-    EXPECT_EQ(sta(1), nullptr);
-    ASSERT_EQ(sta(2)->rssi_cnt, 1); // heard twice: one local reading, the later record's
-    EXPECT_EQ(entry(2)->rssi_data.rssi, -70);
-    EXPECT_EQ(entry(2)->rssi_data.chan_freq, 5180);
-}
-
 TEST_F(RssiCycle, DueRulesSuppressionValidPeriodThresholdAndInactive)
 {
     auto first = [&](int8_t rssi) { // creates the station, consumed at once
@@ -80,26 +64,6 @@ TEST_F(RssiCycle, DueRulesSuppressionValidPeriodThresholdAndInactive)
     EXPECT_EQ(due(1000, 60000, {rec(1, 28)}), ".");
     first(-100);
     EXPECT_EQ(due(1000, 60000, {rec(1, 29)}), "R");
-}
-
-TEST_F(RssiCycle, OwnedStationTakesTheBandOfItsAssociation)
-{
-    hear(if0, {rec(1, -50), rec(2, -50), rec(3, -50), rec(4, -50)});
-    cycle();
-    own(1), own(2), own(3);
-    auto &assoc = fake::radio_state(if1).assoc;
-    assoc[sta_mac(1)] = assoc[sta_mac(2)] = 2437;
-    assoc[sta_mac(3)] = assoc[sta_mac(4)] = 5180;
-    hear(if0, {rec(1, -50, 5180, 0), rec(2, -50, 2412), rec(3, -50, 4000), rec(4, -50, 2412, 0)});
-    fake::clear_calls();
-    cycle();
-    EXPECT_EQ(entry(1)->rssi_data.chan_freq, 2437);
-    EXPECT_EQ(entry(2)->rssi_data.chan_freq, 2412);
-    EXPECT_EQ(entry(3)->rssi_data.chan_freq, 5180); // 4000 is still the lower band
-    EXPECT_EQ(entry(4)->rssi_data.chan_freq, 2412); // not ours: not looked up
-    EXPECT_EQ(entry(1)->rssi_data.active, 1);       // forced for owned stations
-    EXPECT_EQ(entry(4)->rssi_data.active, 0);
-    EXPECT_EQ(fake::count("qz_dcd_get_radio_one_sta"), 6u);
 }
 
 TEST_F(RssiCycle, ReadingsAgeByIntervalAndHoldTime)
@@ -137,116 +101,6 @@ TEST_F(RssiCycle, ReadingsAgeByIntervalAndHoldTime)
     EXPECT_EQ(entry(1)->life_cnt, 1);
 }
 
-TEST_F(RssiCycle, WithoutAnAddressNothingLeavesAndCountersStop)
-{
-    mgt.my_ip = 0;
-    cfg.rpt_interval = 10;
-    hear(if0, {rec(1, -50)});
-    cycle();
-    own(1, peer_ip);
-    cycle();
-    EXPECT_TRUE(eng.tlvs.empty());
-    EXPECT_TRUE(fake::hc_sent().empty());
-    EXPECT_EQ(sta(1)->need_report, 1u);
-    EXPECT_EQ(sta(1)->rpt_age + sta(1)->sup_cnt, 0);
-    hear(if0, {});
-    cycle(); // every reading lives hold_time + 1 cycles here, not a minute
-    EXPECT_EQ(sta(1), nullptr);
-}
-
-TEST_F(RssiCycle, ForeignStationRelaysOnlyLocalReadingsToItsOwner)
-{
-    hear(if0, {rec(1, -50, 5180)});
-    cycle();
-    own(1, peer_ip);
-    recv(relay_msg(1, peer_mac, -60, 2437));
-    cycle();
-    EXPECT_TRUE(eng.tlvs.empty());
-    ASSERT_EQ(fake::hc_sent().size(), 1u);
-    EXPECT_EQ(fake::hc_sent()[0].id, peer_ip);
-    EXPECT_EQ(fake::hc_sent()[0].data[25], (uint8_t)-50);
-}
-
-TEST_F(RssiCycle, RefusedStationsAndReadings)
-{
-    ltr_sta_tbl_init(&mgt.sta_tbl, 1);
-    hear(if0, {rec(1, -50), rec(2, -50), rec(3, -50), rec(1, -40)});
-    hear(if1, {rec(4, -50)});
-    cycle(); // a full table is reported once per radio; known stations still update
-    EXPECT_EQ(dbg_count("add 0200.0000.0002 to client table failed.\n"), 1);
-    EXPECT_EQ(dbg_count("add 0200.0000.0003 to client table failed.\n"), 0);
-    EXPECT_EQ(dbg_count("add 0200.0000.0004 to client table failed.\n"), 1);
-    EXPECT_EQ(entry(1)->rssi_data.rssi, -40);
-
-    ltr_sta_tbl_flush(&mgt.sta_tbl);
-    hear(if0, {rec(1, -50)});
-    hear(if1, {});
-    ltr_alloc_fail_at = 3; // station, owner query, reading
-    cycle();
-    EXPECT_TRUE(fake::dbg_has("add rssi (sta 0200.0000.0001, ap " + me + ") failed.\n"));
-    EXPECT_EQ(sta(1), nullptr); // gone at the end of the cycle that made it
-    fake::script("qz_event_send", -1);
-    cycle();
-    EXPECT_TRUE(fake::dbg_has("query station 0200.0000.0001 mac failed.\n"));
-    EXPECT_NE(sta(1), nullptr);
-}
-
-TEST_F(RssiCycle, EngineFailures)
-{
-    hear(if0, {rec(1, -50)});
-    cycle();
-    own(1);
-    eng.reset_result = -1;
-    cfg.rpt_interval = 30; // ageing with this would remove the reading
-    hear(if0, {});
-    cycle();
-    EXPECT_EQ(eng.ops, (strs{"reset"}));
-    ASSERT_NE(entry(1), nullptr);
-    EXPECT_EQ(fake::timer_state(mgt.rssi_fetch_timer).period, 30u);
-
-    eng.reset_result = 0, eng.flush_result = -1;
-    hear(if0, {rec(1, -60)});
-    cycle();
-    EXPECT_TRUE(fake::dbg_has("send aggreated rssi readings failed.\n"));
-    EXPECT_EQ(entry(1)->last_pwr_rpt, -60); // consumed all the same
-}
-
-TEST_F(RssiCycle, LongerIntervalRestartsTheTimerShorterWaits)
-{
-    ltr_set_rpt_interval(&mgt, 30);
-    EXPECT_EQ(fake::count("qz_pmpt_timer_start"), 0u);
-    ltr_set_rpt_interval(&mgt, 90);
-    EXPECT_EQ(fake::timer_state(mgt.rssi_fetch_timer).period, 90u);
-    EXPECT_TRUE(fake::dbg_has("restart rssi report timer.\n"));
-    cfg.enabled = 0;
-    ltr_set_rpt_interval(&mgt, 120);
-    EXPECT_EQ(cfg.rpt_interval, 120);
-    EXPECT_EQ(fake::count("qz_pmpt_timer_start"), 1u);
-}
-
-TEST_F(RssiCycle, ImmediateReportTakesOwnedStationsWithoutTouchingCounters)
-{
-    hear(if0, {rec(1, -50), rec(2, -50), rec(3, -50)});
-    cycle();
-    own(1), own(3), own(2, peer_ip);
-    recv(relay_msg(3, peer_mac, -70, 2412));
-    entry(1)->rssi_data.rssi = -45;
-    sta(1)->sup_cnt = 7;
-    eng.tlvs.clear();
-    EXPECT_EQ(ltr_report_all(&mgt), 0);
-    EXPECT_EQ(eng.tlvs, (strs{"sta 0200.0000.0001", "rd " + me + " 2437 -45", "sta 0200.0000.0003",
-                              "rd 0066.7788.99aa 2412 -70", "rd " + me + " 2437 -50"}));
-    EXPECT_EQ(entry(1)->last_pwr_rpt, -45);
-    EXPECT_EQ(sta(1)->sup_cnt, 7);
-    EXPECT_EQ(sta(3)->need_report, 1u);
-
-    eng.tlvs.clear();
-    uint8_t list[18] = {2, 0, 0, 0, 0, 2, 2, 0, 0, 0, 0, 9, 2, 0, 0, 0, 0, 1};
-    EXPECT_EQ(ltr_report_stations(&mgt, list, 3), 0); // foreign and unknown skipped
-    EXPECT_EQ(ltr_report_stations(&mgt, list, 0), 0);
-    EXPECT_EQ(eng.tlvs, (strs{"sta 0200.0000.0001", "rd " + me + " 2437 -45"}));
-}
-
 TEST_F(RssiCycle, EntryPointsHoldTheLockAcrossPlatformCalls)
 {
     int seen = 0, unlocked = 0;
@@ -269,25 +123,6 @@ TEST_F(RssiCycle, EntryPointsHoldTheLockAcrossPlatformCalls)
     EXPECT_GE(seen, 10);
     EXPECT_EQ(unlocked, 0);
     EXPECT_EQ(pthread_mutex_trylock(&mgt.lock), 0);
-}
-
-TEST_F(RssiCycle, RealEngineSendsTheReportBytes)
-{
-    ASSERT_EQ(ltr_engine_ops.init(&mgt), 0);
-    mgt.engine = &ltr_engine_ops;
-    hear(if0, {rec(1, -50)});
-    cycle();
-    EXPECT_TRUE(fake::capwap_sent().empty()); // owner unknown: nothing to send
-    own(1);
-    cycle();
-    cycle();
-    ASSERT_EQ(fake::capwap_sent().size(), 2u);
-    fake::bytes expect{0, 2, 0, 0, 0, 0, 0, 0, 0, 30, 0, 5, 0, 30, 0, 2, // header
-                       0, 4, 0, 11, 1, 2, 0, 0, 0, 0, 1,                 // the station
-                       0, 6, 0, 13, 0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x09, 0x85, 0xce};
-    EXPECT_EQ(fake::capwap_sent()[0].id, 165u);
-    EXPECT_EQ(fake::capwap_sent()[0].data, expect);
-    EXPECT_EQ(fake::capwap_sent()[1].data, expect); // each cycle starts from an empty buffer
 }
 
 } // namespace

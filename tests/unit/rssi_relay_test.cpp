@@ -1,5 +1,5 @@
-// AP-to-AP relay: the 28-byte message as sent, validation of what arrives, and how
-// relayed readings are stored.
+// AP-to-AP exchange: validation of relayed readings and how they are stored, and
+// station-owner replies with the hand-over of the newest reading.
 #include "rssi_fixture.h"
 
 using namespace rssi_test;
@@ -15,28 +15,6 @@ class RssiRelay : public RssiTest {
         cycle(); // station 1 is known here
     }
 };
-
-TEST_F(RssiRelay, SenderNamesThisApAndNeedsBothAddresses)
-{
-    ltr_rssi_data rd{{0x0a, 0, 0, 0, 0, 9}, 0x1234, -77, 0};
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, peer_ip), 0);
-    ASSERT_EQ(fake::hc_sent().size(), 1u);
-    fake::bytes expect{0, 0, 0, 0, 10, 0, 0, 1, 0, 16, 0, 0, 2, 0, 0, 0, 0, 7};
-    expect.insert(expect.end(), my_mac.begin(), my_mac.end()); // not the reading's reporter
-    expect.insert(expect.end(), {0, (uint8_t)-77, 0x12, 0x34});
-    EXPECT_EQ(fake::hc_sent()[0].data, expect);
-
-    fake::script("qz_hc3u_send", -3);
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, peer_ip), -3);
-    ltr_alloc_fail_at = 1;
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, peer_ip), -1);
-    EXPECT_TRUE(fake::dbg_has("no memory!\n"));
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, 0), 0);
-    mgt.my_ip = 0;
-    EXPECT_EQ(ltr_relay_rssi(sta_mac(7).data(), &rd, peer_ip), 0);
-    EXPECT_EQ(dbg_count("exchange ltd message with src or dst ip 0!\n"), 2);
-    EXPECT_EQ(fake::count("qz_hc3u_send"), 2u);
-}
 
 TEST_F(RssiRelay, ReceiverDropsMalformedMessages)
 {
@@ -101,6 +79,56 @@ TEST_F(RssiRelay, RelayedReadingIsStoredOnlyForKnownStations)
     ltr_alloc_fail_at = 1;
     recv(relay_msg(1, {0, 0, 0, 0, 0, 0x0b}, -60, 5180));
     EXPECT_TRUE(fake::dbg_has("add rssi (sta 0200.0000.0001, ap 0000.0000.000b) failed.\n"));
+}
+
+class RssiOwner : public RssiTest {
+  protected:
+    // Applies a reply as the event dispatcher would hand it over.
+    static void reply(std::vector<std::pair<uint8_t, uint32_t>> recs)
+    {
+        fake::bytes p{(uint8_t)recs.size(), (uint8_t)(recs.size() >> 8)};
+        for (auto &[n, ip] : recs) {
+            auto m = sta_mac(n);
+            p.insert(p.end(), m.begin(), m.end());
+            const uint8_t *b = (const uint8_t *)&ip;
+            p.insert(p.end(), b, b + 4);
+        }
+        EXPECT_EQ(ltr_handle_owner_reply((const ltr_owner_reply_evt *)p.data()), 0);
+    }
+};
+
+TEST_F(RssiOwner, ReplySetsOwnersAndHandsTheNewestReadingToANewOwner)
+{
+    hear(if0, {rec(1, -50), rec(2, -50), rec(3, -50)});
+    cycle();
+    recv(relay_msg(1, peer_mac, -61, 5180)); // station 1's newest reading is relayed
+    sta(1)->sup_cnt = sta(1)->rpt_age = 5;
+    ltr_rssi_flush(sta(3));
+    sta(3)->sup_cnt = 5;
+
+    reply({{1, peer_ip}, {2, my_ip}, {3, peer_ip}, {9, peer_ip}});
+    ASSERT_EQ(fake::hc_sent().size(), 1u); // only station 1 has a reading to hand over
+    EXPECT_EQ(fake::hc_sent()[0].id, peer_ip);
+    const auto &m = fake::hc_sent()[0].data;
+    EXPECT_EQ(fake::bytes(m.begin() + 18, m.begin() + 24), fake::bytes(my_mac.begin(), my_mac.end()));
+    EXPECT_EQ((int8_t)m[25], -61);
+    EXPECT_EQ(entry(1, peer_mac)->last_pwr_rpt, -61);
+    EXPECT_EQ(sta(1)->need_report, 0u);
+    EXPECT_EQ(sta(1)->sup_cnt + sta(1)->rpt_age, 0);
+    EXPECT_EQ(sta(2)->ni_owner_ip, my_ip);
+    EXPECT_EQ(sta(3)->ni_owner_ip, peer_ip);
+    EXPECT_EQ(sta(3)->sup_cnt, 5); // nothing handed over, nothing reset
+
+    // The same owner again, count 0, or tracking stopped: nothing more happens.
+    reply({{1, peer_ip}});
+    reply({});
+    cfg.enabled = 0;
+    reply({{1, 0}});
+    EXPECT_EQ(sta(1)->ni_owner_ip, peer_ip);
+    cfg.enabled = 1;
+    reply({{1, 0}});
+    EXPECT_EQ(sta(1)->ni_owner_ip, 0u);
+    EXPECT_EQ(fake::hc_sent().size(), 1u);
 }
 
 } // namespace

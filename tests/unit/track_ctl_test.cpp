@@ -1,5 +1,4 @@
-// Driver tracking control: radio walks, store-first apply, bulk deletes, list match
-// with its purge, and stopping all tracking.
+// Driver tracking control: store-first apply, and list match with its purge.
 #include "core_util.h"
 #include "ltr_alloc.h"
 #include "ltr_track.h"
@@ -35,26 +34,6 @@ class TrackCtl : public LtrTest {
     }
 };
 
-TEST_F(TrackCtl, WalkSkipsRadiosWithoutIndexAndStopsAtFailure)
-{
-    EXPECT_EQ(ltr_set_track_enable(1), 0);
-    EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_track_enable"), (idxs{4, 6, 8}));
-    fake::clear_calls();
-    fake::script("qz_dcd_set_lta_track_enable", 0);
-    fake::script("qz_dcd_set_lta_track_enable", -1);
-    EXPECT_EQ(ltr_set_track_enable(0), -1);
-    EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_track_enable"), (idxs{4, 6}));
-    EXPECT_EQ(fake::radio_state(4).track_enable, 0); // no rollback
-    EXPECT_EQ(fake::radio_state(8).track_enable, 1);
-    EXPECT_TRUE(fake::dbg_has("disable track to interface wifi1 failed.\n"));
-
-    fake::set_radios({}); // no radios: success, no driver call
-    fake::clear_calls();
-    EXPECT_EQ(ltr_set_track_enable(1) | ltr_set_lmatch(0), 0);
-    EXPECT_TRUE(fake::calls().empty());
-    EXPECT_EQ(mgt.cfg->lmatch, 0u);
-}
-
 TEST_F(TrackCtl, ApplyStoresFirstThenEveryRadio)
 {
     ASSERT_EQ(ltr_apply_trackobj(kOui, LTR_TRACK_OUI, 1), 0);
@@ -78,44 +57,6 @@ TEST_F(TrackCtl, ApplyStoresFirstThenEveryRadio)
     ASSERT_EQ(ltr_apply_trackobj(kOui, LTR_TRACK_OUI, 0), 0);
     EXPECT_EQ(fake::calls_of("qz_dcd_set_lta_trackobj")[0].args, (idxs{4, 1, 1}));
     EXPECT_FALSE(listed(kOui, LTR_TRACK_OUI));
-    EXPECT_TRUE(fake::db().empty());
-}
-
-TEST_F(TrackCtl, ApplyDriverFailureKeepsTheStoredObject)
-{
-    fake::script("qz_dcd_set_lta_trackobj", 0);
-    fake::script("qz_dcd_set_lta_trackobj", -1);
-    EXPECT_EQ(ltr_apply_trackobj(kMac, LTR_TRACK_MAC, 1), -1);
-    EXPECT_EQ(core_ifindexes("qz_dcd_set_lta_trackobj"), (idxs{4, 6}));
-    EXPECT_TRUE(listed(kMac, LTR_TRACK_MAC));
-    EXPECT_TRUE(fake::dbg_has("aplly mac 0011.2233.4455 to interface wifi1 failed.\n"));
-    EXPECT_TRUE(fake::dbg_has("add mac 0011.2233.4455 fail.\n"));
-
-    ltr_track_obj obj{}; // an unknown type goes to the driver as an OUI
-    obj.key = ltr_track_key_make(kOui, 7);
-    fake::script("qz_dcd_set_lta_trackobj", -1);
-    EXPECT_EQ(ltr_set_trackobj_radio(6, &obj), -1);
-    EXPECT_EQ(fake::calls_of("qz_dcd_set_lta_trackobj").back().args, (idxs{6, 1, 0}));
-    EXPECT_TRUE(fake::dbg_has("set track (n/a a0b0.c000.0000) to radio 6 failed.\n"));
-}
-
-TEST_F(TrackCtl, BulkDeletesTakeOnlyTheirType)
-{
-    for (auto *m : {kMac, kOther})
-        ASSERT_EQ(ltr_apply_trackobj(m, LTR_TRACK_MAC, 1), 0);
-    ASSERT_EQ(ltr_apply_trackobj(kOui, LTR_TRACK_OUI, 1), 0);
-    add_stas({kMac, kInOui});
-
-    fake::script("qz_dcd_set_lta_trackobj", -1); // the walk goes on; the station still goes
-    ltr_track_list_foreach_safe(ltr_del_mac_cb, &mgt);
-    EXPECT_TRUE(fake::dbg_has("del mac 0011.2233.4455 failed.\n"));
-    EXPECT_FALSE(listed(kMac, LTR_TRACK_MAC) || listed(kOther, LTR_TRACK_MAC));
-    EXPECT_TRUE(listed(kOui, LTR_TRACK_OUI));
-    EXPECT_FALSE(has_sta(kMac));
-    EXPECT_TRUE(has_sta(kInOui));
-
-    ltr_track_list_foreach_safe(ltr_del_oui_cb, nullptr);
-    EXPECT_EQ(ltr_tl.obj_cnt, 0);
     EXPECT_TRUE(fake::db().empty());
 }
 
@@ -143,25 +84,6 @@ TEST_F(TrackCtl, ListMatchPurgesOnlyWhenAllRadiosTakeIt)
     ltr_track_list_cleanup(); // an empty list matches nothing
     ltr_purge_unmatched(&mgt);
     EXPECT_EQ(mgt.sta_tbl.sta_cnt, 0);
-}
-
-TEST_F(TrackCtl, TrackAll)
-{
-    ASSERT_EQ(ltr_apply_trackobj(kMac, LTR_TRACK_MAC, 1), 0);
-    add_stas({kMac, kOther});
-    mgt.cfg->lmatch = 0;
-    mgt.cfg->enabled = 1;
-    EXPECT_EQ(ltr_set_track_all(1), 0);
-    EXPECT_EQ(mgt.cfg->lmatch, 1u);
-    EXPECT_FALSE(has_sta(kOther));
-
-    fake::script("qz_dcd_set_lta_track_enable", -1); // ignored
-    EXPECT_EQ(ltr_set_track_all(0), 0);
-    EXPECT_EQ(mgt.sta_tbl.sta_cnt, 0);
-    EXPECT_EQ(ltr_tl.obj_cnt, 0);
-    EXPECT_TRUE(fake::db().empty());
-    EXPECT_EQ(mgt.cfg->enabled, 1u);
-    EXPECT_DEATH(ltr_apply_trackobj(nullptr, 0, 1), "Assertion \\(mac != \\(\\(void \\*\\)0\\)\\)");
 }
 
 } // namespace

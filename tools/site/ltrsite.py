@@ -38,14 +38,25 @@ def namespaces_available():
         return False
 
 
-def enter_namespaces(argv):
+def enter_namespaces(argv, keep=()):
     """Runs argv (a Python script and its arguments) again inside the namespaces, unless
-    already there; inside, gives it a private /tmp and a loopback interface."""
+    already there; inside, gives it a private /tmp and a loopback interface. Paths in
+    keep that lie under /tmp (a checkout or build tree) stay visible there."""
     if os.environ.get(NS_ENV) != "1":
         env = dict(os.environ, **{NS_ENV: "1"})
         os.execvpe("unshare", ["unshare", "-Urnimp", "--fork", "--kill-child", "--mount-proc",
                                "--", sys.executable] + argv, env)
+    old_tmp = os.open("/tmp", os.O_RDONLY | os.O_DIRECTORY)
     subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp"], check=True)
+    kept = []
+    for path in sorted(os.path.realpath(p) for p in keep):
+        if not path.startswith("/tmp/") or any(path.startswith(k + "/") for k in kept):
+            continue
+        kept.append(path)
+        os.makedirs(path, exist_ok=True)
+        src = f"/proc/{os.getpid()}/fd/{old_tmp}/{os.path.relpath(path, '/tmp')}"
+        subprocess.run(["mount", "--no-canonicalize", "--rbind", src, path], check=True)
+    os.close(old_tmp)
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
 

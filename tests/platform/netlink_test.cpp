@@ -119,14 +119,23 @@ void netns_child()
     sh("ip link set m0 up");
     sh("ip addr add 10.9.8.7/24 dev m0");
     CHILD_CHECK(addrs_reach(1));
+    // The event thread may still append: read the records under the lock.
+    auto addr = [](size_t i) {
+        std::lock_guard g(g_mu);
+        return g_addrs.at(i);
+    };
+    rt_mgt_addr_evt first = addr(0);
     uint32_t ip;
-    memcpy(&ip, (const uint8_t *)&g_addrs[0] + 20, 4); // the word the daemon reads
-    CHILD_CHECK(ip == inet_addr("10.9.8.7") && strcmp(g_addrs[0].ifname, "m0") == 0);
+    memcpy(&ip, (const uint8_t *)&first + 20, 4); // the word the daemon reads
+    CHILD_CHECK(ip == inet_addr("10.9.8.7") && strcmp(first.ifname, "m0") == 0);
     sh("ip addr add 10.9.9.9/24 dev other"); // not the management interface
     sh("ip addr del 10.9.8.7/24 dev m0");
-    CHILD_CHECK(addrs_reach(2) && g_addrs[1].ip == 0);
+    CHILD_CHECK(addrs_reach(2) && addr(1).ip == 0);
     CHILD_CHECK(!next_link(none, 200));
-    CHILD_CHECK(g_addrs.size() == 2 && g_short == 0);
+    {
+        std::lock_guard g(g_mu);
+        CHILD_CHECK(g_addrs.size() == 2 && g_short == 0);
+    }
     qz_event_cleanup();
     pthread_join(t, nullptr);
     _exit(0);

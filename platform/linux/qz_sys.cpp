@@ -1,6 +1,8 @@
 // System readiness: the runtime's own services are up. Ready means the driver
 // library has opened every configured radio and the event thread is serving; both
-// happen during the daemon's own start-up, so no outside program is needed.
+// happen during the daemon's own start-up, so no outside program is needed. Once a
+// stop is requested the wait is over too: the event thread has left its loop and
+// would never serve again, and the caller must go on to its shutdown.
 #include "qz_sys.h"
 
 #include <syslog.h>
@@ -19,5 +21,7 @@ int qz_sys_ready(void)
         rt_log(LOG_NOTICE, "system ready");
         rt_daemon_ready();
     }
+    if (!now && rt_stopping())
+        return 1;
     return now ? 1 : 0;
 }

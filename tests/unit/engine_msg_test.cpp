@@ -73,6 +73,14 @@ TEST_F(EngineMsg, LengthAndCountRules)
         {msg(4, {tlv(9, {1, 2, 3, 4}), t}), {"unknown tlv type 9.\n"}},
         // A zero-length TLV does not move the walk; the count still ends it.
         {msg(4, {tlv(0, {}, 0), t}, 12, 2), {"unknown tlv type 0.\n", "unknown tlv type 0.\n", count_failed}},
+        // Read twice, a head is judged twice as received.
+        {msg(4, {tlv(256, {}, 0), t}, 12, 2), {"unknown tlv type 256.\n", "unknown tlv type 256.\n", count_failed}},
+        // Overlapping heads: each is read as received, not as an earlier head left it.
+        {msg(4, {overlap_len2, tlv(2, {7})}, -1, 2), {"unknown tlv type 9.\n"}},
+        {msg(4, {overlap_len1, tlv(0xc00, bytes(252)), t}, -1, 3),
+         {"unknown tlv type 12.\n", "unknown tlv type 3072.\n"}},
+        {msg(4, {overlap_len3, tlv(0x309, bytes(4))}, -1, 2), {"unknown tlv type 11.\n", "unknown tlv type 777.\n"}},
+        {msg(4, {bytes{0, 0}, tlv(2, {7}, 4)}, -1, 2), {"unknown tlv type 0.\n", bad_len(2, 4), count_failed}},
     };
     for (auto &c : cases) {
         bool ok = c.errors.empty() || c.errors.back() != count_failed;
@@ -110,6 +118,39 @@ TEST_F(EngineMsg, NothingPastTheDeliveredBytesIsRead)
     EXPECT_EQ(validate(head), 0);
     EXPECT_EQ(validate(msg(LTR_OP_START, {tlv(9, {1, 2}, 20)})), -1);
     EXPECT_TRUE(fake::dbg_has("tlv crosses the end of the msg: type 9, len 20.\n"));
+}
+
+TEST_F(EngineMsg, ReceivedMessagesDumpAsTheyTravel)
+{
+    // The dump that validation writes shows the same lines as the dump of the message
+    // in wire order, overlapping heads included.
+    ltr_debug_flags = LTR_DBG_PACKET;
+    const bytes msgs[] = {
+        msg(LTR_OP_START, {tlv(1, u16v(30)), tlv(2, {0xc4}), mac_list({sta1, sta2}), oui_list({{1, 2, 3}}),
+                           tlv(6, {2, 0, 0, 0, 0, 1, 0x09, 0x6c, 0xc4}), tlv(7, {4}), mac_all()}),
+        msg(LTR_OP_MODIF, {overlap_len2, tlv(2, {7}), overlap_len1, tlv(0xc00, bytes(252)), tlv(3, u16v(90))}, -1, 5),
+        msg(LTR_OP_START, {overlap_len3, tlv(0x309, bytes(4)), mac_list({sta1})}, -1, 3),
+    };
+    for (auto &m : msgs) {
+        ASSERT_EQ(validate(m), 0);
+        std::vector<std::string> received;
+        for (auto &d : fake::dbgs())
+            if (d.tag == LTR_TAG_PACKET)
+                received.push_back(d.text);
+        fake::clear_text();
+        bytes wire = m;
+        ltr_msg_dump((const ltr_msg_body *)(wire.data() + offsetof(ltr_srv_msg, opcode)),
+                     (int)(wire.size() - offsetof(ltr_srv_msg, opcode)));
+        EXPECT_EQ(received, dbg_lines());
+        EXPECT_GE(received.size(), 2u);
+    }
+
+    // Heads that do not overlap are left in host order for the handlers.
+    delivery d(msg(LTR_OP_QUERY, {mac_all()}));
+    ASSERT_EQ(ltr_msg_validate(&mgt, (ltr_srv_msg *)d.p.get(), d.len), 0);
+    const ltr_tlv *head = (const ltr_tlv *)(d.p.get() + sizeof(ltr_srv_msg));
+    EXPECT_EQ(head->type, LTR_TLV_MAC_LIST);
+    EXPECT_EQ(head->len, 5);
 }
 
 namespace {

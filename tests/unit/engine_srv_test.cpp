@@ -141,3 +141,60 @@ TEST_F(EngineSrv, QueryReportsOwnedStationsUnderTheRequestsId)
     handle(msg(LTR_OP_QUERY, {mac_all()}));
     expect_plain_ack(LTR_ACK_NO_BUFFER);
 }
+
+TEST_F(EngineSrv, OverlappingHeadsAreHandledAsValidationWalkedThem)
+{
+    const bytes after_len1 = tlv(0xc00, bytes(252, 0xee)), after_len3 = tlv(0x309, bytes(4, 0xee));
+    auto unhandled = [](int type, int len) {
+        return fake::dbg_has("unhandled tlv type " + std::to_string(type) + ", len " + std::to_string(len) + ".\n");
+    };
+    handle(msg(LTR_OP_MODIF, {overlap_len2, tlv(2, {7}), overlap_len1, after_len1, tlv(1, u16v(45))}, -1, 5));
+    expect_plain_ack(LTR_ACK_OK);
+    EXPECT_EQ(cfg->rssi_threshold, 7);
+    EXPECT_EQ(cfg->rpt_interval, 45);
+    EXPECT_TRUE(unhandled(9, 2) && unhandled(12, 1) && unhandled(3072, 256));
+
+    handle(msg(LTR_OP_START, {overlap_len3, after_len3, mac_list({sta1, sta2}), overlap_len2, tlv(2, {4})}, -1, 5));
+    EXPECT_EQ(only_reply().tlvs, (tlvs_t{{LTR_TLV_ACK_CODE, {LTR_ACK_OK}}}));
+    EXPECT_TRUE(tracked(sta1.data(), LTR_TRACK_MAC) && tracked(sta2.data(), LTR_TRACK_MAC));
+    EXPECT_EQ(cfg->rssi_threshold, 4);
+    EXPECT_TRUE(unhandled(11, 3) && unhandled(777, 8));
+
+    handle(msg(LTR_OP_STOP, {overlap_len1, after_len1, mac_list({sta1})}, -1, 3));
+    expect_plain_ack(LTR_ACK_OK);
+    EXPECT_FALSE(tracked(sta1.data(), LTR_TRACK_MAC));
+    EXPECT_TRUE(tracked(sta2.data(), LTR_TRACK_MAC));
+
+    ltr_rssi_data rd{{0x02, 0, 0, 0, 0, 1}, 2412, -60, 1};
+    ltr_sta *s = ltr_sta_add(&mgt.sta_tbl, sta2.data());
+    ASSERT_TRUE(s && ltr_rssi_add(s, &rd));
+    s->ni_owner_ip = mgt.my_ip;
+    handle(msg(LTR_OP_QUERY, {overlap_len3, after_len3, mac_all()}, -1, 3));
+    reply r = only_reply();
+    EXPECT_EQ(r.opcode, LTR_OP_RSSI_REPORT);
+    EXPECT_EQ(r.tlvs.size(), 2u);
+
+    // An unknown TLV of len 2 whose len is read as the type of a threshold of len 4: the
+    // message is refused, and nothing is walked past its 23 bytes.
+    fake::clear_text();
+    handle(bytes{0x00, 0x02, 0, 0, 0, 1, 0, 0, 0, 0, 0x0c, 0, 3, 0, 0x0c, 0, 2, 0, 0, 0, 2, 0, 4});
+    EXPECT_EQ(dbg_lines(), (std::vector<std::string>{"unknown tlv type 0.\n", "tlv validate failed: type 2, len 4\n",
+                                                     "tlv number validate failed.\n"}));
+    reply ack = only_reply();
+    EXPECT_EQ(ack.id, (bytes{0, 0, 0, 1}));
+    EXPECT_EQ(ack.tlvs, (tlvs_t{{LTR_TLV_ACK_CODE, {LTR_ACK_BAD_MSG}}}));
+    EXPECT_EQ(cfg->rssi_threshold, 4);
+}
+
+TEST_F(EngineSrv, AHandlerGivenAMessageValidationDidNotAcceptWalksOnlyItsLen)
+{
+    delivery a(msg(LTR_OP_MODIF, {tlv(2, {8})})), b(msg(LTR_OP_MODIF, {}));
+    auto *in = (ltr_srv_msg *)a.p.get();
+    ASSERT_EQ(ltr_msg_validate(&mgt, in, a.len), 0);
+    ASSERT_EQ(ltr_msg_validate(&mgt, (ltr_srv_msg *)b.p.get(), b.len), 0);
+    in->tlv_num = 3; // more TLVs than its 22 bytes hold
+    fake::clear_calls();
+    ltr_srv_modif(&mgt, in);
+    expect_plain_ack(LTR_ACK_OK);
+    EXPECT_EQ(cfg->rssi_threshold, 8);
+}

@@ -39,6 +39,15 @@ inline bytes mac_all() { return tlv(LTR_TLV_MAC_LIST, {LTR_MAC_LIST_ALL}); }
 
 const bytes msg_id = {0xde, 0xad, 0xbe, 0xef};
 
+// Unknown TLVs whose len is below 4, so that their head overlaps the head of the TLV
+// after them; each must be followed by the TLV named:
+// - len 2 (type 9): its len is the next TLV's type, so a threshold, tlv(2, {v});
+// - len 1 (type 12): tlv(0xc00, bytes(252)), an unknown TLV of len 256;
+// - len 3 (type 11): tlv(0x309, bytes(4)), an unknown TLV of len 8.
+const bytes overlap_len2 = {0x00, 0x09};
+const bytes overlap_len1 = {0x00};
+const bytes overlap_len3 = {0x00, 0x0b, 0x00};
+
 // A received message; len and tlv_num < 0: their true values.
 inline bytes msg(uint16_t opcode, const std::vector<bytes> &tlvs, int len = -1, int tlv_num = -1,
                  uint16_t msg_type = LTR_MSG_TYPE, uint32_t datalen = 100)

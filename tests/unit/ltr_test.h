@@ -3,12 +3,9 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include "core_reset.h"
 #include "fake_platform.h"
 #include "ltr_mgt.h"
-
-// Puts the core's globals back to their state at process start, freeing what a
-// previous test left behind.
-void ltr_test_reset_core();
 
 // IPv4 address in network order from four octets.
 inline uint32_t ltr_ip(uint8_t a, uint8_t b, uint8_t c, uint8_t d)

@@ -111,14 +111,42 @@ struct ltr_engine_ops_t {
 };
 extern const ltr_engine_ops_t ltr_engine_ops;
 
-// Validation and dump. len is the number of bytes delivered with the event: nothing
-// beyond it is read, whatever the fields claim.
+// A walk over TLVs that never reads past the bytes it was given, whatever the heads
+// claim. Every TLV walker goes through it: validation, the dump and the handlers.
+struct ltr_tlv_cursor {
+    const uint8_t *p; // next head
+    int avail;        // bytes that may be read from p on
+    int remaining;    // TLV bytes still claimed by the message's len
+    int count;        // TLVs still claimed by its tlv_num
+    bool wire;        // heads in wire order; else in host order (converted by validation)
+};
+// One TLV under the cursor. A len below 4 overlaps the next head: its value is empty.
+struct ltr_tlv_ref {
+    uint16_t type;
+    uint16_t len;
+    const uint8_t *v; // value
+    int vlen;         // value bytes that may be read: len - 4, cut at the delivered end
+};
+inline bool ltr_tlv_more(const ltr_tlv_cursor *c) { return c->remaining > 0 && c->count > 0; }
+// Reads the head at the cursor; false when its 4 bytes are not all there.
+bool ltr_tlv_head(const ltr_tlv_cursor *c, ltr_tlv_ref *t);
+// Moves past t; false, and no move, when t reaches past the bytes there are.
+bool ltr_tlv_skip(ltr_tlv_cursor *c, const ltr_tlv_ref *t);
+// The next whole TLV of the walk; false once the counts are spent or a TLV does not fit.
+bool ltr_tlv_next(ltr_tlv_cursor *c, ltr_tlv_ref *t);
+
+// Validation. len is the number of bytes delivered with the event: nothing beyond it is
+// read, whatever the fields claim.
 int ltr_msg_validate(ltr_mgt *m, ltr_srv_msg *in, int len);
-// Packet dump of the part from opcode on; size is how many bytes from body on may be
-// read. host_order: header and TLV heads already converted by validation (a received
-// message); otherwise all in wire order (a message being sent). Either way the lines
-// show the values as they travel.
-void ltr_msg_dump(const ltr_msg_body *body, int size, bool host_order);
+// The handlers' walk over in: exactly the TLVs validation accepted, within the bytes it
+// was given. A message that validation did not accept last is walked as far as its len
+// (host order) claims.
+ltr_tlv_cursor ltr_msg_tlvs(const ltr_srv_msg *in);
+// The handlers are done with in: what validation learned of it is forgotten.
+void ltr_msg_done(const ltr_srv_msg *in);
+// Packet dump of a message in wire order (one being sent, or as received), from its
+// opcode on; size is how many bytes from body on may be read.
+void ltr_msg_dump(const ltr_msg_body *body, int size);
 const char *ltr_opcode_name(uint16_t opcode);
 
 // TLV builders; each writes one whole TLV in wire order and returns its length.

@@ -28,16 +28,15 @@ uint8_t *put_head(uint8_t *tlv, uint16_t type, uint16_t len)
     return tlv + tlv_head;
 }
 
-// Length rule of a known TLV type. have: bytes delivered from the TLV's head on. A list
-// whose count byte lies beyond them is not judged here: its length crosses the end
-// and the caller refuses it for that.
-bool tlv_len_ok(const ltr_tlv *t, const uint8_t *tlv, int have)
+// Length rule of a known TLV type. A list whose count byte lies beyond the delivered
+// bytes is not judged here: its length crosses the end and the caller refuses it for that.
+bool tlv_len_ok(const ltr_tlv_ref *t)
 {
     int count = -1;
     if ((t->type == LTR_TLV_MAC_LIST || t->type == LTR_TLV_OUI_LIST) && t->len > tlv_head) {
-        if (have <= tlv_head)
+        if (t->vlen < 1)
             return true;
-        count = tlv[tlv_head];
+        count = t->v[0];
     }
     switch (t->type) {
     case LTR_TLV_REPORT_INTERVAL:
@@ -59,6 +58,27 @@ bool tlv_len_ok(const ltr_tlv *t, const uint8_t *tlv, int have)
     }
     return true;
 }
+
+// Turns the first n heads of a walk into host order, in place. Only for heads that do
+// not overlap: each is then still as received when it is read.
+void heads_to_host(uint8_t *p, int n)
+{
+    for (int i = 0; i < n; i++) {
+        ltr_tlv *t = (ltr_tlv *)p;
+        t->type = ntohs(t->type);
+        t->len = ntohs(t->len);
+        p += t->len;
+    }
+}
+
+// The message validation accepted last, for its handlers (the manager lock is held from
+// validation to the end of dispatch).
+struct accepted_msg {
+    const ltr_srv_msg *msg; // null: none
+    int size;               // bytes delivered with it
+    bool wire_heads;        // its TLV heads overlap, so they were left as received
+};
+accepted_msg accepted;
 
 // One TLV of the dump. v: its value; vavail: bytes that may be read from v on.
 void dump_tlv(uint16_t type, const uint8_t *v, int vavail)
@@ -112,6 +132,13 @@ void dump_tlv(uint16_t type, const uint8_t *v, int vavail)
     }
 }
 
+void dump_walk(ltr_tlv_cursor c)
+{
+    ltr_tlv_ref t;
+    while (ltr_tlv_next(&c, &t))
+        dump_tlv(t.type, t.v, t.vlen);
+}
+
 } // namespace
 
 const char *ltr_opcode_name(uint16_t opcode)
@@ -131,11 +158,15 @@ const char *ltr_opcode_name(uint16_t opcode)
 // - a known TLV type with the wrong length, or TLVs that do not fill exactly len - 6
 //   bytes under tlv_num: error lines, the plain ack with code 5, -1;
 // - unknown TLV types: an error line each, skipped by their len.
-// Header fields and every TLV head walked are left in host order for the handlers;
+// Every head is judged by its bytes as received. A TLV whose len is below 4 overlaps
+// the next head, and converting both in place would garble one of them; so the heads
+// walked are turned into host order only when none overlaps, and otherwise stay as
+// received, which the handlers learn from ltr_msg_tlvs. The header is always converted;
 // TLV values stay as received.
 int ltr_msg_validate(ltr_mgt *mgt, ltr_srv_msg *in, int len)
 {
     LTR_CHECK(mgt != LTR_NULL && in != LTR_NULL);
+    accepted.msg = nullptr;
     if (len < hdr_len) {
         LTR_DBG(ERROR, "short msg: %d bytes, dropped.\n", len);
         return -1;
@@ -150,81 +181,78 @@ int ltr_msg_validate(ltr_mgt *mgt, ltr_srv_msg *in, int len)
     in->len = ntohs(in->len);
     in->tlv_num = ntohs(in->tlv_num);
 
-    int remaining = (int)in->len - body_head;
-    int count = in->tlv_num;
     uint8_t *tlvs = (uint8_t *)in + hdr_len;
-    int avail = len - hdr_len;
-    int pos = 0;
-    if (remaining > avail) {
+    ltr_tlv_cursor c{tlvs, len - hdr_len, (int)in->len - body_head, (int)in->tlv_num, true};
+    int walked = 0, last_len = 0;
+    bool overlap = false;
+    if (c.remaining > c.avail) {
         LTR_DBG(ERROR, "msg len %d exceeds the %d bytes delivered.\n", (int)in->len, len);
     } else {
-        while (remaining > 0 && count > 0) {
-            int have = avail - pos;
-            if (have < tlv_head) {
-                LTR_DBG(ERROR, "tlv at offset %d crosses the end of the msg.\n", hdr_len + pos);
+        ltr_tlv_ref t;
+        while (ltr_tlv_more(&c)) {
+            if (!ltr_tlv_head(&c, &t)) {
+                LTR_DBG(ERROR, "tlv at offset %d crosses the end of the msg.\n", hdr_len + (int)(c.p - tlvs));
                 break;
             }
-            ltr_tlv *t = (ltr_tlv *)(tlvs + pos);
-            t->type = ntohs(t->type);
-            t->len = ntohs(t->len);
-            if (t->type >= LTR_TLV_REPORT_INTERVAL && t->type <= LTR_TLV_ACK_CODE) {
-                if (!tlv_len_ok(t, tlvs + pos, have)) {
-                    LTR_DBG(ERROR, "tlv validate failed: type %d, len %d\n", (int)t->type, (int)t->len);
+            overlap = overlap || (walked > 0 && last_len < tlv_head);
+            walked++;
+            last_len = t.len;
+            if (t.type >= LTR_TLV_REPORT_INTERVAL && t.type <= LTR_TLV_ACK_CODE) {
+                if (!tlv_len_ok(&t)) {
+                    LTR_DBG(ERROR, "tlv validate failed: type %d, len %d\n", (int)t.type, (int)t.len);
                     break;
                 }
             } else {
-                LTR_DBG(ERROR, "unknown tlv type %d.\n", (int)t->type);
+                LTR_DBG(ERROR, "unknown tlv type %d.\n", (int)t.type);
             }
-            if (t->len > have) {
-                LTR_DBG(ERROR, "tlv crosses the end of the msg: type %d, len %d.\n", (int)t->type,
-                        (int)t->len);
+            if (!ltr_tlv_skip(&c, &t)) {
+                LTR_DBG(ERROR, "tlv crosses the end of the msg: type %d, len %d.\n", (int)t.type, (int)t.len);
                 break;
             }
-            remaining -= t->len;
-            count--;
-            pos += t->len;
         }
     }
-    if (remaining != 0 || count != 0) {
+    if (!overlap)
+        heads_to_host(tlvs, walked);
+    if (c.remaining != 0 || c.count != 0) {
         LTR_DBG(ERROR, "tlv number validate failed.\n");
         ltr_send_ack(mgt, in, LTR_ACK_BAD_MSG);
         return -1;
     }
 
+    accepted = {in, len, overlap};
     LTR_DBG(INFO, "get an msg from server: opcode: %s, len %d", ltr_opcode_name(in->opcode), (int)in->len);
     if (LTR_DBG_ON(PACKET)) {
         // Accepted TLVs lie inside the delivered bytes and fill len - 6 of them.
         qz_hexdump(&in->opcode, in->len);
-        ltr_msg_dump((const ltr_msg_body *)&in->opcode, len - (hdr_len - body_head), true);
+        dump_walk(ltr_msg_tlvs(in));
     }
     return 0;
 }
 
-void ltr_msg_dump(const ltr_msg_body *body, int size, bool host_order)
+ltr_tlv_cursor ltr_msg_tlvs(const ltr_srv_msg *in)
+{
+    ltr_tlv_cursor c{(const uint8_t *)in + hdr_len, 0, (int)in->len - body_head, (int)in->tlv_num, false};
+    if (accepted.msg == in) {
+        c.avail = accepted.size - hdr_len;
+        c.wire = accepted.wire_heads;
+    } else {
+        c.avail = c.remaining > 0 ? c.remaining : 0; // never validated: trusted up to its len
+    }
+    return c;
+}
+
+void ltr_msg_done(const ltr_srv_msg *in)
+{
+    if (accepted.msg == in)
+        accepted.msg = nullptr;
+}
+
+void ltr_msg_dump(const ltr_msg_body *body, int size)
 {
     if (!body || size < body_head)
         return;
     const uint8_t *b = (const uint8_t *)body;
-    auto field = [host_order](const uint8_t *p) {
-        uint16_t v;
-        memcpy(&v, p, 2);
-        return host_order ? v : ntohs(v);
-    };
-    int remaining = (int)field(b + 2) - body_head;
-    int count = field(b + 4);
-    int avail = size - body_head;
-    int pos = 0;
-    while (remaining > 0 && count > 0) {
-        int have = avail - pos;
-        if (have < tlv_head)
-            return;
-        const uint8_t *tlv = b + body_head + pos;
-        uint16_t type = field(tlv), tlen = field(tlv + 2);
-        dump_tlv(type, tlv + tlv_head, have - tlv_head);
-        remaining -= tlen;
-        count--;
-        pos += tlen;
-    }
+    dump_walk({b + body_head, size - body_head, (int)get_be16(b + 2) - body_head, (int)get_be16(b + 4), true});
 }
 
 int ltr_tlv_build_mac_list(uint8_t *tlv, const uint8_t *mlist, uint8_t n)

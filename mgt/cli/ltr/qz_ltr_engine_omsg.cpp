@@ -131,7 +131,7 @@ int ltr_send_msg(ltr_mgt *mgt, ltr_srv_out *out, uint16_t opcode, const uint8_t 
             (int)tlv_num, (int)len);
     if (LTR_DBG_ON(PACKET)) {
         qz_hexdump(&out->opcode, len);
-        ltr_msg_dump((const ltr_msg_body *)&out->opcode, len, false);
+        ltr_msg_dump((const ltr_msg_body *)&out->opcode, len);
     }
     return qz_capwap_send_event(LTR_EVT_SRV_MSG_OUT, len + 10, out);
 }

@@ -1,5 +1,6 @@
 // The server's requests: dispatch by opcode and the start, stop, modify and query
-// handlers with their replies. Messages arrive validated; the lock is held.
+// handlers with their replies. Messages arrive validated and are walked as validation
+// walked them (ltr_msg_tlvs); the lock is held.
 #include <string.h>
 
 #include "ltr_alloc.h"
@@ -18,37 +19,45 @@ constexpr int oui_per_tlv = 255;
 
 uint16_t get_be16(const uint8_t *p) { return (uint16_t)(p[0] << 8 | p[1]); }
 
-// Calls f(type, len, value) for each of the tlv_num TLVs of a validated message.
-template <class F> void tlv_walk(const ltr_srv_msg *in, F f)
+void unhandled(const ltr_tlv_ref *t)
 {
-    const uint8_t *p = (const uint8_t *)in + sizeof(ltr_srv_msg);
-    for (int i = 0; i < in->tlv_num; i++) {
-        const ltr_tlv *t = (const ltr_tlv *)p;
-        f(t->type, t->len, p + sizeof(ltr_tlv));
-        p += t->len;
-    }
-}
-
-void unhandled(uint16_t type, uint16_t len)
-{
-    LTR_DBG(ERROR, "unhandled tlv type %d, len %d.\n", (int)type, (int)len);
+    LTR_DBG(ERROR, "unhandled tlv type %d, len %d.\n", (int)t->type, (int)t->len);
 }
 
 // The reporting parameters shared by start and modify; false for any other type.
-bool set_param(ltr_mgt *mgt, uint16_t type, const uint8_t *v)
+bool set_param(ltr_mgt *mgt, const ltr_tlv_ref *t)
 {
-    switch (type) {
+    const uint8_t *v = t->v;
+    switch (t->type) {
     case LTR_TLV_REPORT_INTERVAL:
+        if (t->vlen < 2)
+            return false;
         ltr_set_rpt_interval(mgt, get_be16(v));
         return true;
     case LTR_TLV_RSSI_THRESHOLD:
+        if (t->vlen < 1)
+            return false;
         mgt->cfg->rssi_threshold = v[0];
         return true;
     case LTR_TLV_RSSI_VALID_PERIOD:
+        if (t->vlen < 2)
+            return false;
         mgt->cfg->valid_period = get_be16(v);
         return true;
     }
     return false;
+}
+
+// A MAC list of count 255: every station.
+bool list_all(const ltr_tlv_ref *t) { return t->vlen >= 1 && t->v[0] == LTR_MAC_LIST_ALL; }
+
+// Entries of a list TLV: its count byte, cut to the entries its bytes hold.
+int list_count(const ltr_tlv_ref *t, int entry)
+{
+    if (t->vlen < 1)
+        return 0;
+    int fit = (t->vlen - 1) / entry;
+    return t->v[0] < fit ? t->v[0] : fit;
 }
 
 void oui_key(uint8_t key[6], const uint8_t *oui)
@@ -137,9 +146,11 @@ int ltr_srv_dispatch(ltr_mgt *mgt, ltr_srv_msg *in)
     const char *name = ltr_opcode_name(op);
     if (op < 1 || op > handler_cnt) {
         LTR_DBG(ERROR, "unknown opcode: %s.\n", name);
+        ltr_msg_done(in);
         return ltr_send_ack(mgt, in, LTR_ACK_UNKNOWN_OPCODE);
     }
     int r = ltr_srv_handlers[op - 1].fn(mgt, in);
+    ltr_msg_done(in);
     if (r < 0)
         LTR_DBG(ERROR, "the msg (opcode: %s) can't be handled.\n", name);
     else if (r == 0)
@@ -155,29 +166,29 @@ int ltr_srv_start(ltr_mgt *mgt, ltr_srv_msg *in)
         return -1;
 
     refused macs{.alen = 6}, ouis{.alen = 3};
-    tlv_walk(in, [&](uint16_t type, uint16_t len, const uint8_t *v) {
-        if (set_param(mgt, type, v))
-            return;
-        if (type == LTR_TLV_MAC_LIST) {
-            if (v[0] == LTR_MAC_LIST_ALL) {
-                if (ltr_set_track_all(1) < 0)
-                    LTR_DBG(ERROR, "enable track all failed.\n");
-                return;
-            }
-            for (int i = 0; i < v[0]; i++)
+    ltr_tlv_cursor c = ltr_msg_tlvs(in);
+    for (ltr_tlv_ref t; ltr_tlv_next(&c, &t);) {
+        if (set_param(mgt, &t))
+            continue;
+        const uint8_t *v = t.v;
+        if (t.type == LTR_TLV_MAC_LIST && list_all(&t)) {
+            if (ltr_set_track_all(1) < 0)
+                LTR_DBG(ERROR, "enable track all failed.\n");
+        } else if (t.type == LTR_TLV_MAC_LIST) {
+            for (int i = 0, n = list_count(&t, 6); i < n; i++)
                 if (ltr_apply_trackobj(v + 1 + 6 * i, LTR_TRACK_MAC, 1) < 0)
                     refused_add(&macs, v + 1 + 6 * i);
-        } else if (type == LTR_TLV_OUI_LIST) {
-            for (int i = 0; i < v[0]; i++) {
+        } else if (t.type == LTR_TLV_OUI_LIST) {
+            for (int i = 0, n = list_count(&t, 3); i < n; i++) {
                 uint8_t key[6];
                 oui_key(key, v + 1 + 3 * i);
                 if (ltr_apply_trackobj(key, LTR_TRACK_OUI, 1) < 0)
                     refused_add(&ouis, v + 1 + 3 * i);
             }
         } else {
-            unhandled(type, len);
+            unhandled(&t);
         }
-    });
+    }
 
     bool partial = macs.cnt || ouis.cnt || macs.lost || ouis.lost;
     uint8_t ack[LTR_TLV_ACK_LEN];
@@ -194,20 +205,20 @@ int ltr_srv_start(ltr_mgt *mgt, ltr_srv_msg *in)
 int ltr_srv_stop(ltr_mgt *mgt, ltr_srv_msg *in)
 {
     LTR_CHECK(mgt != LTR_NULL && in != LTR_NULL);
-    tlv_walk(in, [&](uint16_t type, uint16_t len, const uint8_t *v) {
-        if (type == LTR_TLV_MAC_LIST) {
-            if (v[0] == LTR_MAC_LIST_ALL) {
-                ltr_set_track_all(0);
-                return;
-            }
-            for (int i = 0; i < v[0]; i++) {
+    ltr_tlv_cursor c = ltr_msg_tlvs(in);
+    for (ltr_tlv_ref t; ltr_tlv_next(&c, &t);) {
+        const uint8_t *v = t.v;
+        if (t.type == LTR_TLV_MAC_LIST && list_all(&t)) {
+            ltr_set_track_all(0);
+        } else if (t.type == LTR_TLV_MAC_LIST) {
+            for (int i = 0, n = list_count(&t, 6); i < n; i++) {
                 const uint8_t *mac = v + 1 + 6 * i;
                 if (ltr_apply_trackobj(mac, LTR_TRACK_MAC, 0) < 0)
                     LTR_DBG(ERROR, "stop track mac %m failed.\n", mac);
                 ltr_sta_del_bymac(&mgt->sta_tbl, mac);
             }
-        } else if (type == LTR_TLV_OUI_LIST) {
-            for (int i = 0; i < v[0]; i++) {
+        } else if (t.type == LTR_TLV_OUI_LIST) {
+            for (int i = 0, n = list_count(&t, 3); i < n; i++) {
                 uint8_t key[6];
                 oui_key(key, v + 1 + 3 * i);
                 if (ltr_apply_trackobj(key, LTR_TRACK_OUI, 0) < 0)
@@ -215,9 +226,9 @@ int ltr_srv_stop(ltr_mgt *mgt, ltr_srv_msg *in)
                 ltr_purge_unmatched(mgt);
             }
         } else {
-            unhandled(type, len);
+            unhandled(&t);
         }
-    });
+    }
     ltr_purge_unmatched(mgt);
     return ltr_send_ack(mgt, in, LTR_ACK_OK);
 }
@@ -225,10 +236,10 @@ int ltr_srv_stop(ltr_mgt *mgt, ltr_srv_msg *in)
 int ltr_srv_modif(ltr_mgt *mgt, ltr_srv_msg *in)
 {
     LTR_CHECK(mgt != LTR_NULL && in != LTR_NULL);
-    tlv_walk(in, [&](uint16_t type, uint16_t len, const uint8_t *v) {
-        if (!set_param(mgt, type, v))
-            unhandled(type, len);
-    });
+    ltr_tlv_cursor c = ltr_msg_tlvs(in);
+    for (ltr_tlv_ref t; ltr_tlv_next(&c, &t);)
+        if (!set_param(mgt, &t))
+            unhandled(&t);
     return ltr_send_ack(mgt, in, LTR_ACK_OK);
 }
 
@@ -238,14 +249,15 @@ int ltr_srv_query(ltr_mgt *mgt, ltr_srv_msg *in)
     const ltr_engine_ops_t *e = mgt->engine;
     if (e->reset(mgt) < 0)
         return ltr_send_ack(mgt, in, LTR_ACK_NO_BUFFER);
-    tlv_walk(in, [&](uint16_t type, uint16_t len, const uint8_t *v) {
-        if (type != LTR_TLV_MAC_LIST)
-            unhandled(type, len);
-        else if (v[0] == LTR_MAC_LIST_ALL)
+    ltr_tlv_cursor c = ltr_msg_tlvs(in);
+    for (ltr_tlv_ref t; ltr_tlv_next(&c, &t);) {
+        if (t.type != LTR_TLV_MAC_LIST)
+            unhandled(&t);
+        else if (list_all(&t))
             ltr_report_all(mgt);
         else
-            ltr_report_stations(mgt, v + 1, v[0]);
-    });
+            ltr_report_stations(mgt, t.v + 1, (uint8_t)list_count(&t, 6));
+    }
     e->finish(mgt);
     return ltr_send_msg(mgt, omsg_out(mgt), LTR_OP_RSSI_REPORT, in->msg_id);
 }

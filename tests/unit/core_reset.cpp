@@ -1,5 +1,7 @@
 // Reset of the core's globals between tests.
-#include "ltr_test.h"
+#include "core_reset.h"
+
+#include <string.h>
 
 #include "ltr_alloc.h"
 #include "ltr_engine.h"

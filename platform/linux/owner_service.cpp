@@ -233,6 +233,9 @@ static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int 
             if (k != s->known.end() && std::find(k->second.begin(), k->second.end(), src) != k->second.end())
                 continue;
             if (owner_pend_locked(s, m)) {
+                // Counted at once: answers that keep coming late must not make two
+                // access points trigger each other for ever.
+                s->known[m].push_back(src);
                 rt_counter("owner.reelect")++;
                 more = true;
             }

@@ -222,7 +222,7 @@ void rt_radio_index_refresh()
     for (const rt_radio_cfg &rc : rt_cfg().radios)
         fresh.emplace_back(rc.name, kernel_index(rc.name.c_str()));
     std::unique_lock g(g_index_mu);
-    if (fresh != g_index)
+    if (!g_index.empty() && fresh != g_index)
         rt_counter("radio.index_changes")++;
     g_index = std::move(fresh);
 }

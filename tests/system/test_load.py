@@ -15,12 +15,12 @@ def sta_mac(i, group=0):
     return f"02:aa:00:{group:02x}:{i >> 8:02x}:{i & 0xff:02x}"
 
 
-def world_file(root, aps, groups=1, assoc=None, assoc_radio=0):
-    """Access points 200 m apart, each with STATIONS standing within a few metres of it
-    for the first `groups` of them: a group is heard by its own access point only. With
-    assoc, the stations are associated with that access point."""
+def use_world(site, users, groups=1, assoc=None, assoc_radio=0):
+    """A world for the site's access points, used by those in users: access points
+    200 m apart, each of the first `groups` with STATIONS standing within a few metres,
+    heard by it only; with assoc, associated with that access point."""
     lines = []
-    for i, ap in enumerate(aps):
+    for i, ap in enumerate(site.aps):
         lines += ["[[ap]]", f'name = "{ap.name}"', f"position = [{200.0 * i}, 0.0]",
                   "radios = [" + ", ".join(["2412"] * len(ap.radios)) + "]"]
     for g in range(groups):
@@ -29,26 +29,20 @@ def world_file(root, aps, groups=1, assoc=None, assoc_radio=0):
                       f"position = [{200.0 * g + 1 + (i % 32) * 0.125}, {1.0 + (i // 32) * 0.25}]"]
             if assoc:
                 lines += [f'assoc = "{assoc}"', f"assoc_radio = {assoc_radio}"]
-    path = f"{root}/site.world.toml"
+    path = f"{site.root}/site.world.toml"
     with open(path, "w") as f:
         f.write("\n".join(lines) + "\n")
-    return path
-
-
-def use_world(ap, world):
-    with open(ap.config) as f:
-        text = f.read()
-    with open(ap.config, "w") as f:
-        f.write(text.replace("[sim]\n", f'[sim]\nworld = "{world}"\n', 1))
+    for ap in users:
+        with open(ap.config) as f:
+            text = f.read()
+        with open(ap.config, "w") as f:
+            f.write(text.replace("[sim]\n", f'[sim]\nworld = "{path}"\n', 1))
 
 
 def owners(ap):
     """Station MAC (aa:bb:...) -> owner text, as the access point shows them."""
     show = ap.ctl("show", "location-tracking", "rssi").stdout
-    out = {}
-    for mac, owner in re.findall(r"Station: (\S+), Owner: (\S+),", show):
-        out[mac] = owner
-    return out
+    return dict(re.findall(r"Station: (\S+), Owner: (\S+),", show))
 
 
 def counters(ap):
@@ -60,9 +54,7 @@ class Load(SiteTest):
     def test_every_station_gets_an_owner_that_hears_it_and_reaches_the_server(self):
         # 3 x 512 stations, each heard by one access point only, 1 s interval.
         site = self.make_site(aps=3)
-        world = world_file(site.root, site.aps, groups=3)
-        for ap in site.aps:
-            use_world(ap, world)
+        use_world(site, site.aps, groups=3)
         site.start(interval=1)
         srv = site.server
         mark = srv.mark()
@@ -89,9 +81,7 @@ class Load(SiteTest):
     def test_relays_are_not_lost_while_the_heaviest_cycles_run(self):
         site = self.make_site(aps=2, radios=4)
         ap1, ap2 = site.aps
-        world = world_file(site.root, site.aps, assoc="ap1", assoc_radio=3)
-
-        use_world(ap1, world)
+        use_world(site, [ap1], assoc="ap1", assoc_radio=3)
         srv = site.start_server()
         ap1.start()
         srv.wait_for(lambda m: m.get("event") == "hello" and m.get("ap") == "ap1", 10)
@@ -100,8 +90,8 @@ class Load(SiteTest):
         srv.send("start all interval=1 oui=02:aa:00")
         # Every station heard on four radios, owned here: the association lookup walks
         # all radios for each of 2,048 records.
-        systest.ltrsite.wait_until(lambda: len(owners(ap1)) == STATIONS, 10,
-                                   "ap1 to hold every station")
+        systest.ltrsite.wait_until(lambda: list(owners(ap1).values()) == [ap1.ip] * STATIONS,
+                                   10, "ap1 to own every station")
 
         # Relays as ap2 would send them, 5,000 a second for 3 seconds.
         src = socket.inet_aton(ap2.ip)
@@ -129,6 +119,7 @@ class Load(SiteTest):
         systest.ltrsite.wait_until(lambda: rx_lost()[0] >= sent or rx_lost()[1], 10,
                                    "every relay to be delivered, or one lost")
         self.assertEqual(rx_lost(), (sent, 0))
+
 
 if __name__ == "__main__":
     systest.main(__file__)

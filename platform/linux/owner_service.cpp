@@ -1,5 +1,6 @@
 // Owner resolution: associated here, else associated at a live peer (asked over
-// neighbour messaging within a bound), else rendezvous hashing over the live APs.
+// neighbour messaging within a bound), else rendezvous hashing over the access points
+// that hear the station, so that no station is owned where its relays would be dropped.
 #include "owner_service.h"
 
 #include <arpa/inet.h>
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <set>
@@ -20,14 +20,18 @@ using owner_mac = std::array<uint8_t, 6>;
 
 namespace {
 
-constexpr size_t k_max_backlog = 64;     // queued queries; older ones are dropped
+// Pending stations: the daemon asks for at most its table (512) at a time, peers add
+// only stations heard here; past this something is wrong, and it is said so.
+constexpr size_t k_max_pending = 4096;
+constexpr size_t k_max_known = 4096;     // hearer sets remembered
 constexpr size_t k_ask_chunk = 1000;     // MACs per ask datagram
 constexpr size_t k_max_learned = 256;    // access points greeted without being configured
 
 struct owner_ask {
     uint32_t seq = 0;
-    std::set<uint32_t> waiting;              // peers yet to answer
-    std::map<owner_mac, uint32_t> claims;    // station -> claiming peer (lowest address)
+    std::set<uint32_t> waiting;                          // peers yet to answer
+    std::map<owner_mac, uint32_t> claims;                // station -> claiming peer (lowest address)
+    std::map<owner_mac, std::vector<uint32_t>> hearers;  // station -> peers that hear it
 };
 
 } // namespace
@@ -37,7 +41,12 @@ struct owner_service {
     nbr_endpoint *ep = nullptr;
     std::mutex mu;
     std::condition_variable cv;
-    std::deque<std::vector<owner_mac>> queue;
+    std::set<owner_mac> pending;                       // answered together next turn
+    bool reply_due = false;                            // a query came, even an empty one
+    // The hearers each station was last elected among: a peer that asks about a station
+    // heard here without being one of them has just started hearing it, and the
+    // station is elected again so that both sides agree.
+    std::map<owner_mac, std::vector<uint32_t>> known;
     std::map<uint32_t, owner_clock::time_point> heard; // peer -> last heard
     std::set<uint32_t> targets;                        // greeted every hello period
     std::set<uint32_t> configured;                     // never forgotten
@@ -89,25 +98,45 @@ static uint32_t get_be32(const uint8_t *b)
     return uint32_t(b[0]) << 24 | uint32_t(b[1]) << 16 | uint32_t(b[2]) << 8 | b[3];
 }
 
+// Sends a header and count records of rec_len bytes each (6: MACs; 7: answers).
 static void owner_send(owner_service *s, uint32_t dst, uint8_t type, uint32_t seq,
-                       const owner_mac *macs, size_t n)
+                       const void *recs, size_t n, size_t rec_len = 6)
 {
     if (!s->ep)
         return;
-    std::vector<uint8_t> b(sizeof(owner_msg_hdr) + 6 * n);
+    std::vector<uint8_t> b(sizeof(owner_msg_hdr) + rec_len * n);
     owner_msg_hdr h{};
     h.type = type;
     put_be16(h.count, static_cast<uint16_t>(n));
     put_be32(h.seq, seq);
     memcpy(b.data(), &h, sizeof h);
-    for (size_t i = 0; i < n; i++)
-        memcpy(b.data() + sizeof h + 6 * i, macs[i].data(), 6);
+    if (n)
+        memcpy(b.data() + sizeof h, recs, rec_len * n);
     nbr_endpoint_send(s->ep, dst, NBR_MODULE_OWNER, b.data(), b.size());
 }
 
 static bool owner_associated_here(owner_service *s, const owner_mac &mac)
 {
     return s->p.associated && s->p.associated(mac.data());
+}
+
+static bool owner_hears_here(owner_service *s, const owner_mac &mac)
+{
+    return !s->p.hears || s->p.hears(mac.data());
+}
+
+// Adds stations to the next batch; s->mu held. False (counted, logged) when full.
+static bool owner_pend_locked(owner_service *s, const owner_mac &m)
+{
+    if (s->pending.size() >= k_max_pending && !s->pending.count(m)) {
+        rt_counter("owner.drop.backlog")++;
+        rt_log_ratelimited("owner.drop.backlog", 10, LOG_WARNING,
+                           "owner query for %m dropped: %d stations already pending", m.data(),
+                           static_cast<int>(s->pending.size()));
+        return false;
+    }
+    s->pending.insert(m);
+    return true;
 }
 
 static std::vector<uint32_t> owner_live_locked(owner_service *s)
@@ -136,19 +165,40 @@ static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int 
         return;
     }
     memcpy(&h, data, sizeof h);
-    size_t count = static_cast<size_t>(h.count[0] << 8 | h.count[1]);
-    if (static_cast<size_t>(len) != sizeof h + 6 * count) {
-        owner_drop("count does not match the length", src, len);
-        return;
-    }
     if (h.type < OWNER_MSG_HELLO || h.type > OWNER_MSG_ANSWER) {
         owner_drop("unknown type", src, len);
         return;
     }
+    size_t count = static_cast<size_t>(h.count[0] << 8 | h.count[1]);
+    size_t rec_len = h.type == OWNER_MSG_ANSWER ? sizeof(owner_answer_rec) : 6;
+    if (static_cast<size_t>(len) != sizeof h + rec_len * count) {
+        owner_drop("count does not match the length", src, len);
+        return;
+    }
     std::vector<owner_mac> macs(count);
-    for (size_t i = 0; i < count; i++)
-        memcpy(macs[i].data(), data + sizeof h + 6 * i, 6);
+    std::vector<uint8_t> flags(count);
+    for (size_t i = 0; i < count; i++) {
+        memcpy(macs[i].data(), data + sizeof h + rec_len * i, 6);
+        if (h.type == OWNER_MSG_ANSWER)
+            flags[i] = data[sizeof h + rec_len * i + 6];
+    }
     uint32_t seq = get_be32(h.seq);
+
+    // Answer an ask before taking the lock: the driver is asked per station.
+    std::vector<owner_answer_rec> answer;
+    std::vector<owner_mac> newly_heard;
+    if (h.type == OWNER_MSG_ASK) {
+        for (const auto &m : macs) {
+            owner_answer_rec rec{};
+            memcpy(rec.mac, m.data(), 6);
+            bool assoc = owner_associated_here(s, m);
+            rec.flags = (assoc ? OWNER_ANS_ASSOC : 0) | (owner_hears_here(s, m) ? OWNER_ANS_HEARS : 0);
+            if (rec.flags)
+                answer.push_back(rec);
+            if (!assoc && (rec.flags & OWNER_ANS_HEARS))
+                newly_heard.push_back(m);
+        }
+    }
 
     bool greet = false;
     {
@@ -163,30 +213,52 @@ static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int 
             s->targets.insert(src);
         if (h.type == OWNER_MSG_ANSWER && s->ask && s->ask->seq == seq &&
             s->ask->waiting.erase(src)) {
-            for (const auto &m : macs) {
+            for (size_t i = 0; i < count; i++) {
+                const owner_mac &m = macs[i];
+                if (flags[i] & OWNER_ANS_HEARS)
+                    s->ask->hearers[m].push_back(src);
+                if (!(flags[i] & OWNER_ANS_ASSOC))
+                    continue;
                 auto c = s->ask->claims.find(m);
                 if (c == s->ask->claims.end() || ntohl(src) < ntohl(c->second))
                     s->ask->claims[m] = src;
             }
             s->cv.notify_all();
         }
+        // The asker hears these too (it asks only about its own stations): where it was
+        // not among their hearers here, elect again and tell the daemon unasked.
+        bool more = false;
+        for (const auto &m : newly_heard) {
+            auto k = s->known.find(m);
+            if (k != s->known.end() && std::find(k->second.begin(), k->second.end(), src) != k->second.end())
+                continue;
+            if (owner_pend_locked(s, m)) {
+                // Counted at once: answers that keep coming late must not make two
+                // access points trigger each other for ever.
+                s->known[m].push_back(src);
+                rt_counter("owner.reelect")++;
+                more = true;
+            }
+        }
+        if (more)
+            s->cv.notify_all();
     }
     if (greet)
         owner_send(s, src, OWNER_MSG_HELLO, 0, nullptr, 0);
-    if (h.type == OWNER_MSG_ASK) {
-        std::vector<owner_mac> mine;
-        for (const auto &m : macs)
-            if (owner_associated_here(s, m))
-                mine.push_back(m);
-        owner_send(s, src, OWNER_MSG_ANSWER, seq, mine.data(), mine.size());
-    }
+    if (h.type == OWNER_MSG_ASK)
+        owner_send(s, src, OWNER_MSG_ANSWER, seq, answer.data(), answer.size(), sizeof(owner_answer_rec));
 }
 
-// Asks the live peers about macs; returns the claims received within the bound.
-static std::map<owner_mac, uint32_t> owner_ask_peers(owner_service *s, const std::vector<owner_mac> &macs,
-                                                     const std::vector<uint32_t> &live)
+struct owner_views {
+    std::map<owner_mac, uint32_t> claims;                // associated at that peer
+    std::map<owner_mac, std::vector<uint32_t>> hearers;  // peers that hear the station
+};
+
+// Asks the live peers about macs; returns what they answered within the bound.
+static owner_views owner_ask_peers(owner_service *s, const std::vector<owner_mac> &macs,
+                                   const std::vector<uint32_t> &live)
 {
-    std::map<owner_mac, uint32_t> claims;
+    owner_views v;
     for (size_t off = 0; off < macs.size(); off += k_ask_chunk) {
         size_t n = std::min(k_ask_chunk, macs.size() - off);
         owner_ask ask;
@@ -205,9 +277,11 @@ static std::map<owner_mac, uint32_t> owner_ask_peers(owner_service *s, const std
         if (!ask.waiting.empty())
             rt_counter("owner.peer_timeout")++;
         for (const auto &[m, ip] : ask.claims)
-            claims[m] = ip;
+            v.claims[m] = ip;
+        for (auto &[m, ips] : ask.hearers)
+            v.hearers[m] = std::move(ips);
     }
-    return claims;
+    return v;
 }
 
 static void owner_answer(owner_service *s, const std::vector<owner_mac> &macs)
@@ -225,16 +299,31 @@ static void owner_answer(owner_service *s, const std::vector<owner_mac> &macs)
         std::lock_guard l(s->mu);
         live = owner_live_locked(s);
     }
-    std::map<owner_mac, uint32_t> claims;
+    owner_views v;
     if (!rest.empty() && !live.empty())
-        claims = owner_ask_peers(s, rest, live);
-    std::vector<uint32_t> candidates = live;
-    candidates.push_back(s->p.self_ip);
+        v = owner_ask_peers(s, rest, live);
+    {
+        std::lock_guard l(s->mu);
+        if (s->known.size() + rest.size() > k_max_known)
+            s->known.clear(); // only costs elections again when peers ask
+    }
     for (size_t i = 0; i < macs.size(); i++) {
         if (owners[i])
             continue;
-        auto c = claims.find(macs[i]);
-        owners[i] = c != claims.end() ? c->second : owner_rendezvous(macs[i].data(), candidates);
+        auto c = v.claims.find(macs[i]);
+        if (c != v.claims.end()) {
+            owners[i] = c->second;
+            continue;
+        }
+        std::vector<uint32_t> hearers = v.hearers[macs[i]];
+        if (owner_hears_here(s, macs[i]))
+            hearers.push_back(s->p.self_ip);
+        std::sort(hearers.begin(), hearers.end());
+        owners[i] = owner_rendezvous(macs[i].data(), hearers);
+        if (!owners[i])
+            rt_counter("owner.unheard")++;
+        std::lock_guard l(s->mu);
+        s->known[macs[i]] = std::move(hearers);
     }
 
     std::vector<uint8_t> reply(2 + sizeof(owner_reply_rec) * macs.size());
@@ -273,9 +362,11 @@ static void owner_worker(owner_service *s)
             l.lock();
             next_hello = owner_clock::now() + std::chrono::milliseconds(s->p.hello_ms);
         }
-        if (!s->queue.empty()) {
-            std::vector<owner_mac> macs = std::move(s->queue.front());
-            s->queue.pop_front();
+        if (!s->pending.empty() || s->reply_due) {
+            // One batch per turn: everything asked for since the last one.
+            std::vector<owner_mac> macs(s->pending.begin(), s->pending.end());
+            s->pending.clear();
+            s->reply_due = false;
             l.unlock();
             owner_answer(s, macs);
             l.lock();
@@ -331,15 +422,13 @@ void owner_service_query(owner_service *s, const void *payload, int len)
                            "owner query dropped: %d bytes, code %d, count %d", len, code, count);
         return;
     }
-    std::vector<owner_mac> macs(count);
-    for (size_t i = 0; i < count; i++)
-        memcpy(macs[i].data(), b + 4 + 6 * i, 6);
     std::lock_guard l(s->mu);
-    if (s->queue.size() >= k_max_backlog) {
-        s->queue.pop_front();
-        rt_counter("owner.drop.backlog")++;
+    for (size_t i = 0; i < count; i++) {
+        owner_mac m;
+        memcpy(m.data(), b + 4 + 6 * i, 6);
+        owner_pend_locked(s, m);
     }
-    s->queue.push_back(std::move(macs));
+    s->reply_due = true;
     s->cv.notify_all();
 }
 

@@ -35,8 +35,20 @@ static_assert(offsetof(owner_msg_hdr, seq) == 4);
 
 enum : uint8_t {
     OWNER_MSG_HELLO = 1,  // "I am alive"; count 0
-    OWNER_MSG_ASK = 2,    // which of these stations are associated with you?
-    OWNER_MSG_ANSWER = 3, // these ones (possibly none)
+    OWNER_MSG_ASK = 2,    // which of these stations do you have associated or hear?
+    OWNER_MSG_ANSWER = 3, // these ones (possibly none), count owner_answer_rec
+};
+
+// One station of an answer: count of these follow the header (an ask has bare MACs).
+struct owner_answer_rec {
+    uint8_t mac[6];
+    uint8_t flags; // OWNER_ANS_*
+};
+static_assert(sizeof(owner_answer_rec) == 7);
+
+enum : uint8_t {
+    OWNER_ANS_ASSOC = 0x1, // associated on one of the answering access point's radios
+    OWNER_ANS_HEARS = 0x2, // in one of its radios' recent report tables
 };
 
 struct owner_params {
@@ -48,6 +60,8 @@ struct owner_params {
     // Whether one of this access point's radios has the station associated.
     std::function<bool(const uint8_t *mac)> associated;
     std::function<void(uint32_t id, const void *payload, int len)> post;
+    // Whether this access point's radios hear the station; null: every station.
+    std::function<bool(const uint8_t *mac)> hears;
 };
 
 struct owner_service;
@@ -58,8 +72,9 @@ using owner_service_ptr = std::unique_ptr<owner_service, owner_service_deleter>;
 
 // Starts the worker thread; ep may be null (a lone access point). ep must outlive it.
 owner_service_ptr owner_service_open(const owner_params &p, nbr_endpoint *ep);
-// Queues one owner query payload (event 156, host order) for an asynchronous answer;
-// a malformed payload is logged, counted and dropped. Never blocks on the answer.
+// Adds the stations of one owner query payload (event 156, host order) to the pending
+// batch that the worker answers in one reply per turn; a malformed payload is logged,
+// counted and dropped. Never blocks on the answer, never calls post itself.
 void owner_service_query(owner_service *s, const void *payload, int len);
 // The peers heard from within live_ms, network order.
 std::vector<uint32_t> owner_service_live(owner_service *s);

@@ -1,5 +1,6 @@
 // Driver library: each configured radio is served by the driver its entry names;
-// calls by interface index go to that radio's driver operations.
+// calls by interface index go to that radio's driver operations. Radio names resolve
+// to indexes from a table kept here, not by asking the kernel on every call.
 #include <errno.h>
 #include <net/if.h>
 #include <netinet/in.h>
@@ -9,6 +10,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -25,11 +28,54 @@ const driver_entry drivers[] = {
     {"sim", &rt_driver_sim},
 };
 
+using mac6 = std::array<uint8_t, 6>;
+
 // The open radios. Calls take it shared; opening and closing take it alone, so a
 // timer expiry can never reach a radio that the shutdown is closing.
 std::shared_mutex g_mu;
 std::vector<std::unique_ptr<rt_radio>> g_radios;
 bool g_opened;
+
+// Interface index of every configured radio by position, 0 while it has none.
+// Written only by rt_radio_index_refresh; readers never ask the kernel.
+std::shared_mutex g_index_mu;
+std::vector<std::pair<std::string, unsigned>> g_index;
+
+// Stations in each radio's last two report tables (sorted), by radio position: what
+// this access point hears, as its peers may ask.
+std::mutex g_heard_mu;
+std::vector<std::array<std::vector<mac6>, 2>> g_heard;
+
+// A socket kept for SIOCGIFINDEX, so looking up an interface that is no radio costs
+// one ioctl instead of glibc's socket, ioctl and close.
+int g_ioctl_fd = -1;
+std::once_flag g_ioctl_once;
+
+unsigned kernel_index(const char *name)
+{
+    std::call_once(g_ioctl_once, [] { g_ioctl_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
+    if (g_ioctl_fd < 0 || !name || strlen(name) >= IFNAMSIZ)
+        return 0;
+    ifreq ifr{};
+    memcpy(ifr.ifr_name, name, strlen(name));
+    if (ioctl(g_ioctl_fd, SIOCGIFINDEX, &ifr) < 0)
+        return 0;
+    return ifr.ifr_ifindex > 0 ? static_cast<unsigned>(ifr.ifr_ifindex) : 0;
+}
+
+bool kernel_name(unsigned ifindex, char *buf)
+{
+    std::call_once(g_ioctl_once, [] { g_ioctl_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
+    if (g_ioctl_fd < 0 || ifindex == 0 || ifindex > INT32_MAX)
+        return false;
+    ifreq ifr{};
+    ifr.ifr_ifindex = static_cast<int>(ifindex);
+    if (ioctl(g_ioctl_fd, SIOCGIFNAME, &ifr) < 0)
+        return false;
+    memcpy(buf, ifr.ifr_name, IFNAMSIZ);
+    buf[IFNAMSIZ - 1] = 0;
+    return true;
+}
 
 void close_all_locked()
 {
@@ -38,16 +84,46 @@ void close_all_locked()
             (*it)->ops->close(it->get());
     g_radios.clear();
     g_opened = false;
+    std::lock_guard h(g_heard_mu);
+    g_heard.clear();
+}
+
+// Position of the radio with ifindex in the configuration, -1 when none.
+int position_of(int ifindex)
+{
+    if (ifindex <= 0)
+        return -1;
+    std::shared_lock g(g_index_mu);
+    for (size_t i = 0; i < g_index.size(); i++)
+        if (g_index[i].second == static_cast<unsigned>(ifindex))
+            return static_cast<int>(i);
+    return -1;
 }
 
 rt_radio *find_locked(int ifindex)
 {
-    if (ifindex <= 0)
-        return nullptr;
+    int pos = position_of(ifindex);
     for (auto &r : g_radios)
-        if ((int)if_nametoindex(r->cfg.name.c_str()) == ifindex)
+        if (r->id == pos)
             return r.get();
     return nullptr;
+}
+
+void note_heard(int ifindex, const lta_rpt_entry *buf, int count)
+{
+    int pos = position_of(ifindex);
+    if (pos < 0)
+        return;
+    std::vector<mac6> now(static_cast<size_t>(std::max(count, 0)));
+    for (size_t i = 0; i < now.size(); i++)
+        memcpy(now[i].data(), buf[i].mac, 6);
+    std::sort(now.begin(), now.end());
+    std::lock_guard h(g_heard_mu);
+    if (g_heard.size() <= static_cast<size_t>(pos))
+        g_heard.resize(static_cast<size_t>(pos) + 1);
+    auto &slot = g_heard[static_cast<size_t>(pos)];
+    slot[1] = std::move(slot[0]);
+    slot[0] = std::move(now);
 }
 
 // Runs op on the radio of ifindex; -1 when there is none or its driver lacks op.
@@ -129,19 +205,80 @@ int qz_dcd_lib_init(void)
             close_all_locked();
             return -1;
         }
-        if (if_nametoindex(rc.name.c_str()) == 0)
+        if (kernel_index(rc.name.c_str()) == 0)
             rt_log(LOG_WARNING, "radio %s: no such interface yet; it is skipped until it exists",
                    rc.name.c_str());
         g_radios.push_back(std::move(r));
     }
     g_opened = true;
+    g.unlock();
+    rt_radio_index_refresh();
     return 0;
+}
+
+void rt_radio_index_refresh()
+{
+    std::vector<std::pair<std::string, unsigned>> fresh;
+    for (const rt_radio_cfg &rc : rt_cfg().radios)
+        fresh.emplace_back(rc.name, kernel_index(rc.name.c_str()));
+    std::unique_lock g(g_index_mu);
+    if (!g_index.empty() && fresh != g_index)
+        rt_counter("radio.index_changes")++;
+    g_index = std::move(fresh);
+}
+
+bool rt_radio_hears(const uint8_t mac[6])
+{
+    mac6 m;
+    memcpy(m.data(), mac, 6);
+    std::lock_guard h(g_heard_mu);
+    for (const auto &slot : g_heard)
+        for (const auto &tbl : slot)
+            if (std::binary_search(tbl.begin(), tbl.end(), m))
+                return true;
+    return false;
+}
+
+// The daemon resolves radio names on every driver call: served from the table, and
+// for other interfaces by one ioctl; never the kernel's socket round trip per call.
+extern "C" unsigned int if_nametoindex(const char *name) __THROW
+{
+    if (!name)
+        return 0;
+    {
+        std::shared_lock g(g_index_mu);
+        for (const auto &[n, idx] : g_index)
+            if (n == name)
+                return idx;
+    }
+    return kernel_index(name);
+}
+
+extern "C" char *if_indextoname(unsigned int ifindex, char *buf) __THROW
+{
+    if (!buf)
+        return nullptr;
+    {
+        std::shared_lock g(g_index_mu);
+        for (const auto &[n, idx] : g_index)
+            if (idx && idx == ifindex && n.size() < IF_NAMESIZE) {
+                memcpy(buf, n.c_str(), n.size() + 1);
+                return buf;
+            }
+    }
+    if (!kernel_name(ifindex, buf)) {
+        errno = ENXIO;
+        return nullptr;
+    }
+    return buf;
 }
 
 int qz_dcd_lib_cleanup(void)
 {
     std::unique_lock g(g_mu);
     close_all_locked();
+    std::unique_lock i(g_index_mu);
+    g_index.clear();
     return 0;
 }
 
@@ -153,7 +290,10 @@ bool rt_dcd_opened()
 
 int qz_dcd_set_lta_track_enable(int ifindex, int enable)
 {
-    return call(ifindex, &rt_driver_ops::set_track_enable, enable);
+    int rc = call(ifindex, &rt_driver_ops::set_track_enable, enable);
+    if (rc == 0 && !enable)
+        note_heard(ifindex, nullptr, 0), note_heard(ifindex, nullptr, 0); // hears nothing now
+    return rc;
 }
 
 int qz_dcd_set_lta_lmatch_enable(int ifindex, int value)
@@ -172,7 +312,11 @@ int qz_dcd_get_lta_rpt_tbl(int ifindex, lta_rpt_entry *buf, int *count)
 {
     if (!buf || !count || *count < 0)
         return -1;
-    return call(ifindex, &rt_driver_ops::get_rpt_tbl, buf, count);
+    int cap = *count;
+    int rc = call(ifindex, &rt_driver_ops::get_rpt_tbl, buf, count);
+    if (rc == 0)
+        note_heard(ifindex, buf, std::min(*count, cap));
+    return rc;
 }
 
 int qz_dcd_get_radio_one_sta(int ifindex, const uint8_t *mac, void *buf, int buflen, int *len)

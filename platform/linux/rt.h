@@ -144,6 +144,11 @@ const rt_driver_ops *rt_driver_find(const std::string &name);
 std::vector<rt_radio *> rt_radios();
 rt_radio *rt_radio_by_ifindex(int ifindex);
 rt_radio *rt_radio_by_name(const std::string &name);
+// Resolves every radio's interface index afresh (driver library open, link events);
+// if_nametoindex and if_indextoname answer radios from this table.
+void rt_radio_index_refresh();
+// Whether a radio's last two report tables held the station (tracking on).
+bool rt_radio_hears(const uint8_t mac[6]);
 
 // The management interface's addresses (configured values win).
 int rt_mgt_mac(uint8_t mac[6]);

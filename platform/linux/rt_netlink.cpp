@@ -70,6 +70,7 @@ void on_link(const nlmsghdr *h, bool emit)
         return;
     const ifinfomsg *ifi = (const ifinfomsg *)NLMSG_DATA(h);
     int idx = ifi->ifi_index;
+    rt_radio_index_refresh(); // before the daemon hears of it, so it resolves the new index
     auto it = g_links.find(idx);
     bool known = it != g_links.end();
     link_info prev = known ? it->second : link_info{};

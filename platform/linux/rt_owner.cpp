@@ -31,7 +31,7 @@ static bool owner_associated_here(const uint8_t *mac)
     uint8_t rec[QZ_DCD_STA_BUF_LEN];
     for (const rt_radio_cfg &rc : rt_cfg().radios) {
         int len = 0;
-        unsigned ifindex = if_nametoindex(rc.name.c_str());
+        unsigned ifindex = if_nametoindex(rc.name.c_str()); // the radio table, no kernel call
         if (ifindex && qz_dcd_get_radio_one_sta(static_cast<int>(ifindex), mac, rec, sizeof rec, &len) == 0)
             return true;
     }
@@ -61,7 +61,8 @@ void rt_owner_start()
             p.peers.push_back(ip);
     }
     p.associated = owner_associated_here;
-    p.post = rt_event_post;
+    p.post = rt_event_post; // queued for the event thread, never run on the poster's
+    p.hears = rt_radio_hears;
     owner_slot() = owner_service_open(p, ep);
     rt_event_add_send_tap(owner_tap);
 }

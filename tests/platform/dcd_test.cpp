@@ -6,6 +6,7 @@
 
 #include "qz_dcd.h"
 #include "qz_hw.h"
+#include "sim_radio.h"
 #include "rt_test_util.h"
 
 namespace {
@@ -82,4 +83,43 @@ TEST_F(Dcd, Mgt0MapsToTheConfiguredInterfaceOrFixedValues)
     // Other names are read from the interface itself.
     ASSERT_EQ(qz_dcd_get_addr_byname("lo", &ip, nullptr), 0);
     EXPECT_EQ(ip, inet_addr("127.0.0.1"));
+}
+
+// What the owner service may claim to hear: stations of a radio's last two report
+// tables, nothing once tracking is off; radio names resolve from the table.
+TEST_F(Dcd, RadiosHearWhatTheirLastTwoTablesHeldAndResolveFromTheTable)
+{
+    c.radios = {{"lo", "sim", true, "", 0}, {"qznone0", "sim", true, "", 0}};
+    rt_cfg_set(c);
+    ASSERT_EQ(qz_dcd_lib_init(), 0);
+    int lo = (int)if_nametoindex("lo");
+    char name[IF_NAMESIZE];
+    ASSERT_GT(lo, 0);
+    EXPECT_STREQ(if_indextoname((unsigned)lo, name), "lo");
+    EXPECT_EQ(if_nametoindex("qznone0"), 0u);
+
+    auto radio = sim_radio_find("lo");
+    ASSERT_TRUE(radio);
+    sim_heard h{{2, 0, 0, 0, 0, 1}, -50, 1, 2412};
+    sim_hear(radio.get(), h);
+    lta_rpt_entry tbl[4];
+    auto fetch = [&] {
+        int count = 4;
+        return qz_dcd_get_lta_rpt_tbl(lo, tbl, &count);
+    };
+    ASSERT_EQ(fetch(), 0);
+    EXPECT_FALSE(rt_radio_hears(h.mac.data())) << "tracking off: the table is empty";
+    ASSERT_EQ(qz_dcd_set_lta_track_enable(lo, 1), 0);
+    ASSERT_EQ(fetch(), 0);
+    EXPECT_TRUE(rt_radio_hears(h.mac.data()));
+    sim_forget(radio.get(), h.mac);
+    ASSERT_EQ(fetch(), 0);
+    EXPECT_TRUE(rt_radio_hears(h.mac.data())) << "one table without it is not enough";
+    ASSERT_EQ(fetch(), 0);
+    EXPECT_FALSE(rt_radio_hears(h.mac.data()));
+
+    sim_hear(radio.get(), h);
+    ASSERT_EQ(fetch(), 0);
+    ASSERT_EQ(qz_dcd_set_lta_track_enable(lo, 0), 0);
+    EXPECT_FALSE(rt_radio_hears(h.mac.data()));
 }

@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <stdio.h>
 
+#include "qz_dcd.h"
 #include "qz_event.h"
 #include "rt_event.h"
 #include "rt_test_util.h"
@@ -88,11 +89,12 @@ void netns_child()
         _exit(20);
     rt_scratch s;
     rt_config c = rt_test_config(s);
-    c.radios = {{"wl0", "sim", true, "", 0}, {"wl1", "sim", false, "", 0}};
+    c.radios = {{"wl0", "sim", true, "", 0}, {"wl1", "sim", false, "", 0}, {"wl2", "sim", true, "", 0}};
     c.mgt_interface = "m0";
     rt_cfg_set(c);
     for (const char *i : {"wl0", "wl1", "m0", "other"})
         sh(std::string("ip link add ") + i + " type ifb");
+    CHILD_CHECK(qz_dcd_lib_init() == 0); // radio indexes resolved here, then on link changes
     pthread_t t;
     CHILD_CHECK(qz_event_init(52, &t) == 0);
     qz_kevent_subscribe(RT_KEVT_IF_CHANGE, on_kevent);
@@ -109,8 +111,14 @@ void netns_child()
     sh("ip link set wl0 down");
     CHILD_CHECK(link_is(RT_IF_DOWN, "wl0", 0));
     // (ifb cannot change its MAC, so the "new MAC" change is not exercised here.)
+    int wl0 = (int)if_nametoindex("wl0");
     sh("ip link set wl0 name wl0x"); // renamed away: reported once under its new name
     CHILD_CHECK(link_is(RT_IF_NAME, "wl0x", 0));
+    CHILD_CHECK(if_nametoindex("wl0") == 0 && qz_dcd_set_lta_track_enable(wl0, 1) < 0);
+    sh("ip link add wl2 type ifb"); // a radio that appears later is reached by its index
+    sh("ip link set wl2 up");
+    CHILD_CHECK(link_is(RT_IF_UP, "wl2", RT_IFF_UP));
+    CHILD_CHECK(qz_dcd_set_lta_track_enable((int)if_nametoindex("wl2"), 1) == 0);
     sh("ip link set wl0x up");
     CHILD_CHECK(!next_link(none, 500));
     sh("ip link del wl1"); // an up radio vanishing goes down
@@ -138,6 +146,7 @@ void netns_child()
     }
     qz_event_cleanup();
     pthread_join(t, nullptr);
+    qz_dcd_lib_cleanup();
     _exit(0);
 }
 

@@ -1,4 +1,5 @@
-// The owner service: associated here, associated at a live peer, rendezvous agreement.
+// The owner service: associated here, associated at a live peer, rendezvous agreement
+// among the access points that hear a station, batching of queries.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -50,13 +51,13 @@ nbr_endpoint_ptr open_at(uint32_t ip, uint16_t port, const std::vector<uint32_t>
     return ep;
 }
 
-// One access point: its associated stations, endpoint (port -1: none), service, replies.
+// One access point: its associated and heard stations (none listed: hears all),
+// endpoint (port -1: none), service, replies.
 struct ap {
-    std::set<mac_t> assoc;
+    std::set<mac_t> assoc, heard;
     std::mutex mu;
     std::vector<reply> got;
     bool on_caller = false;
-    size_t asked = 0;
     nbr_endpoint_ptr ep;
     owner_service_ptr svc;
     uint32_t ip;
@@ -82,18 +83,48 @@ struct ap {
                                r[to_mac(rec.mac)] = rec.owner;
                            }
                            on_caller |= std::this_thread::get_id() == caller;
+                       },
+                       [this](const uint8_t *m) {
+                           std::lock_guard g(mu);
+                           return heard.empty() || heard.count(to_mac(m)) > 0;
                        }};
         svc = owner_service_open(p, ep.get());
         return ep ? nbr_endpoint_port(ep.get()) : 0;
     }
-    reply ask(const std::vector<mac_t> &macs) // replies come in the order asked
+    // The first reply after the query that names all of macs (peers asking about the
+    // same stations may bring unasked replies in between).
+    reply ask(const std::vector<mac_t> &macs)
     {
+        size_t base = (std::lock_guard(mu), got.size());
         auto q = query(macs);
         owner_service_query(svc.get(), q.data(), (int)q.size());
-        size_t n = ++asked;
-        EXPECT_TRUE(wait_for([&] { return std::lock_guard(mu), got.size() >= n; }));
+        reply out;
+        auto names_all = [&] {
+            std::lock_guard g(mu);
+            for (size_t i = base; i < got.size(); i++)
+                if (std::all_of(macs.begin(), macs.end(), [&](const mac_t &m) { return got[i].count(m); }))
+                {
+                    out = got[i];
+                    return true;
+                }
+            return false;
+        };
+        EXPECT_TRUE(wait_for(names_all));
+        return out;
+    }
+    // The owner of m in the newest reply that names it, 0 when none does.
+    uint32_t latest(const mac_t &m)
+    {
         std::lock_guard g(mu);
-        return got.size() >= n ? got[n - 1] : reply{};
+        for (auto it = got.rbegin(); it != got.rend(); ++it)
+            if (auto f = it->find(m); f != it->end())
+                return f->second;
+        return 0;
+    }
+    void hear(std::set<mac_t> macs)
+    {
+        std::lock_guard g(mu);
+        heard = std::move(macs);
     }
 };
 
@@ -177,11 +208,72 @@ TEST(OwnerService, SilentPeerCostsOnlyTheBoundAndBadMessagesAreDropped)
     uint64_t timeouts = rt_counter("owner.peer_timeout");
     auto r = a.ask({mac(7), mac(8)});
     ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(r[mac(7)], owner_rendezvous(mac(7).data(), {a.ip, ic}));
+    EXPECT_EQ(r, (reply{{mac(7), a.ip}, {mac(8), a.ip}})) << "a silent peer hears nothing";
     EXPECT_EQ(rt_counter("owner.peer_timeout"), timeouts + 1);
+
+    // A cycle's worth of new stations, one query each, while every turn waits for the
+    // silent peer: none is dropped, they are answered in a few batches.
+    uint64_t backlog = rt_counter("owner.drop.backlog");
+    size_t before = (std::lock_guard(a.mu), a.got.size());
+    for (int i = 0; i < 512; i++) {
+        auto q = query({mac(i, 1)});
+        owner_service_query(a.svc.get(), q.data(), (int)q.size());
+    }
+    EXPECT_TRUE(wait_for([&] {
+        for (int i = 0; i < 512; i++)
+            if (a.latest(mac(i, 1)) != a.ip)
+                return false;
+        return true;
+    }));
+    EXPECT_EQ(rt_counter("owner.drop.backlog"), backlog);
+    EXPECT_LE((std::lock_guard(a.mu), a.got.size()) - before, 4u);
 
     uint64_t bad = rt_counter("owner.drop.malformed");
     owner_msg_hdr lying{OWNER_MSG_ANSWER, 0, {0, 5}, {0, 0, 0, 1}}; // 5 MACs announced, none sent
     ASSERT_EQ(nbr_endpoint_send(c.get(), a.ip, NBR_MODULE_OWNER, &lying, sizeof lying), 0);
     EXPECT_TRUE(wait_for([&] { return rt_counter("owner.drop.malformed") == bad + 1; }));
+}
+
+// Stations heard by a and b only: c, though live, never owns them (its relays would be
+// dropped); a station heard by a alone is a's, and moves when b starts hearing it.
+TEST(OwnerService, OwnerIsElectedAmongTheApsThatHearTheStation)
+{
+    ap a, b, c;
+    uint32_t ia = ip4("127.0.0.2"), ib = ip4("127.0.0.3"), ic = ip4("127.0.0.4");
+    uint16_t port = a.start("127.0.0.2", 0, {ib, ic}, 3000);
+    b.start("127.0.0.3", port, {ia, ic}, 3000);
+    c.start("127.0.0.4", port, {ia, ib}, 3000);
+    ASSERT_TRUE(wait_for([&] {
+        return owner_service_live(a.svc.get()).size() == 2 && owner_service_live(b.svc.get()).size() == 2 &&
+               owner_service_live(c.svc.get()).size() == 2;
+    }));
+    // Stations that hashing over all three would give to c; and one that a and b
+    // would give to b.
+    std::vector<mac_t> both;
+    mac_t moving{};
+    for (int i = 0; both.size() < 8 || moving == mac_t{}; i++) {
+        mac_t m = mac(i, 2);
+        if (owner_rendezvous(m.data(), {ia, ib, ic}) == ic && both.size() < 8)
+            both.push_back(m);
+        else if (owner_rendezvous(m.data(), {ia, ib}) == ib && moving == mac_t{})
+            moving = m;
+    }
+    std::set<mac_t> heard(both.begin(), both.end());
+    c.hear({mac(0, 9)});
+    b.hear(heard);
+    heard.insert(moving);
+    a.hear(heard);
+
+    auto ra = a.ask(both), rb = b.ask(both);
+    for (const mac_t &m : both) {
+        EXPECT_EQ(ra[m], owner_rendezvous(m.data(), {ia, ib}));
+        EXPECT_EQ(rb[m], ra[m]);
+    }
+    EXPECT_EQ(a.ask({moving})[moving], ia);
+
+    b.hear({moving});
+    EXPECT_EQ(b.ask({moving})[moving], ib);
+    EXPECT_TRUE(wait_for([&] { return a.latest(moving) == ib; })) << "a learns b hears it too";
+    EXPECT_EQ(c.ask({mac(1, 9)})[mac(1, 9)], 0u) << "heard by nobody: no owner";
+    EXPECT_FALSE(a.on_caller || b.on_caller || c.on_caller);
 }

@@ -135,6 +135,13 @@ void rt_events_sock_readable()
         uint32_t id;
         memcpy(&id, &buf[1], 4);
         id = ntohl(id);
+        if (rt_event_queue_full()) {
+            // A datagram may be lost anyway; holding back here would stall the event thread.
+            rt_counter("events_sock_dropped")++;
+            rt_log_ratelimited("events.sock-queue", 10, LOG_WARNING,
+                               "events.sock: event queue full, delivery %u dropped", id);
+            continue;
+        }
         rt_counter("events_sock_injected")++;
         if (buf[0] == KIND_EVENT)
             rt_event_post(id, &buf[5], (int)len - 5);

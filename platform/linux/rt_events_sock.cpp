@@ -64,8 +64,9 @@ void subscribe(const subscriber &s, bool on)
         return;
     }
     g_subs.push_back(s);
-    rt_log(LOG_INFO, "events.sock: subscriber %s added", s.addr.sun_path[0] ? s.addr.sun_path
-                                                                            : "(abstract)");
+    // Rate-limited: a client toggling its subscription must not flood the log.
+    rt_log_ratelimited("events.sock-subscriber", 10, LOG_INFO, "events.sock: subscriber %s added",
+                       s.addr.sun_path[0] ? s.addr.sun_path : "(abstract)");
 }
 
 } // namespace
@@ -173,8 +174,8 @@ void rt_events_sock_tap(uint32_t id, const void *payload, int len)
             continue;
         }
         // The subscriber went away.
-        rt_log(LOG_INFO, "events.sock: subscriber %s gone (%s)", it->addr.sun_path,
-               strerror(errno));
+        rt_log_ratelimited("events.sock-gone", 10, LOG_INFO, "events.sock: subscriber %s gone (%s)",
+                           it->addr.sun_path, strerror(errno));
         it = g_subs.erase(it);
     }
 }

@@ -23,7 +23,6 @@
 namespace {
 
 constexpr uint32_t SRV_EVT_MSG_IN = 164;
-constexpr int STOP_POLL_MS = 100;      // how often a blocked loop looks at rt_stopping()
 constexpr size_t OUT_HIGH_WATER = 1 << 16; // frames moved from the queue per round
 constexpr int HOLD_POLL_MS = 20;       // how often a full event queue is looked at again
 
@@ -109,8 +108,8 @@ void pause_ms(int ms)
         int64_t left = end - now_ms();
         if (left <= 0)
             return;
-        pollfd p{st().wake_fd.load(), POLLIN, 0};
-        if (::poll(&p, 1, int(std::min<int64_t>(left, STOP_POLL_MS))) > 0)
+        pollfd p[2] = {{st().wake_fd.load(), POLLIN, 0}, {rt_stop_fd(), POLLIN, 0}};
+        if (::poll(p, 2, int(left)) > 0 && (p[0].revents & POLLIN))
             drain_wake(); // a new message does not shorten the back-off
     }
 }
@@ -152,9 +151,16 @@ unique_fd connect_to(const std::string &addr, int timeout_ms)
         }
         int64_t end = now_ms() + timeout_ms;
         int ready = 0;
-        while (!should_stop() && now_ms() < end) {
-            pollfd p{s.fd, POLLOUT, 0};
-            ready = ::poll(&p, 1, STOP_POLL_MS);
+        for (int64_t left; !should_stop() && (left = end - now_ms()) > 0;) {
+            pollfd p[3] = {{s.fd, POLLOUT, 0}, {st().wake_fd.load(), POLLIN, 0},
+                           {rt_stop_fd(), POLLIN, 0}};
+            ready = ::poll(p, 3, int(left));
+            if (ready > 0 && !p[0].revents) {
+                if (p[1].revents & POLLIN)
+                    drain_wake(); // a queued message, or srvchan_close: looked at above
+                ready = 0;
+                continue;
+            }
             if (ready != 0)
                 break;
         }

@@ -139,7 +139,10 @@ void accept_one()
 {
     int fd = rt_accept(g_srv.lst, "cli", g_srv.limits.accept_backoff_ms);
     if (fd == RT_ACCEPT_NO_FDS) {
-        evict_idle(); // frees a descriptor for the next try
+        // An idle client's descriptor lets the backlog move on at once; with none to
+        // free, the listener rests.
+        if (evict_idle())
+            g_srv.lst.rest_until = 0;
         return;
     }
     if (fd < 0)

@@ -216,8 +216,8 @@ bool evict_idle(std::vector<rclient> &clients)
 void accept_one(rt_listener &l, std::vector<rclient> &clients, const rt_sock_limits &lim)
 {
     int fd = rt_accept(l, "radio_sock", lim.accept_backoff_ms);
-    if (fd == RT_ACCEPT_NO_FDS)
-        evict_idle(clients);
+    if (fd == RT_ACCEPT_NO_FDS && evict_idle(clients))
+        l.rest_until = 0; // the freed descriptor lets the backlog move on at once
     if (fd < 0)
         return;
     if (clients.size() >= lim.max_clients && !evict_idle(clients)) {

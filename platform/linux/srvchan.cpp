@@ -228,6 +228,7 @@ bool session(unique_fd &sock, const std::string &addr)
     std::string hello = srv_hello_payload(mac, ip, rt_cfg().instance);
     srv_frame_put(out, SRV_FRAME_HELLO, hello.data(), hello.size());
     auto pending = [&] { return out.size() - out_off; };
+    std::atomic<uint64_t> &out_gauge = rt_counter("srvchan.out_bytes"); // set every round
 
     std::vector<uint8_t> in; // received bytes not yet taken as frames
     int64_t last_rx = now_ms(), last_ping = last_rx, last_tx = last_rx;
@@ -356,7 +357,7 @@ bool session(unique_fd &sock, const std::string &addr)
 
         bool reading = !out_full && !in_full;
         short want = short((reading ? POLLIN : 0) | (pending() ? POLLOUT : 0));
-        rt_counter("srvchan.out_bytes") = pending();
+        out_gauge = pending();
         pollfd p[3] = {{want ? sock.fd : -1, want, 0},
                        {s.wake_fd.load(), POLLIN, 0},
                        {rt_stop_fd(), POLLIN, 0}};
@@ -414,7 +415,7 @@ bool session(unique_fd &sock, const std::string &addr)
     }
     s.connected = false;
     rt_counter("srvchan.connected") = 0;
-    rt_counter("srvchan.out_bytes") = 0;
+    out_gauge = 0;
     requeue(fl);
     return healthy;
 }

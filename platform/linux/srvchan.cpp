@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <climits>
 #include <deque>
 #include <memory>
 #include <mutex>

@@ -226,10 +226,8 @@ void *serve(void *)
     g_srv.clients.clear();
     close(g_srv.lst.fd);
     g_srv.lst = {};
-    close(g_srv.wake_fd);
-    g_srv.wake_fd = -1;
     unlink(g_srv.path.c_str());
-    return nullptr;
+    return nullptr; // the wake fd stays for cli_server_stop, which may be writing to it
 }
 
 // Creates the runtime directory (and its parents) owner-only when it is missing.
@@ -312,5 +310,7 @@ void cli_server_stop()
     g_srv.stop = true;
     eventfd_write(g_srv.wake_fd, 1);
     pthread_join(g_srv.thread, nullptr);
+    close(g_srv.wake_fd);
+    g_srv.wake_fd = -1;
     g_srv.running = false;
 }

@@ -22,6 +22,10 @@ std::vector<uint8_t> cli_handle_request(std::span<const uint8_t> body);
 // or cli_server_stop(). Negative when the socket cannot be set up.
 int cli_server_start(const std::string &path, pthread_t *thread);
 void cli_server_stop(); // tests: asks the server thread to end and joins it
+// Tests: other limits than the default (32 clients, idle 30 s, stall 5 s, rest 250 ms);
+// before cli_server_start.
+struct rt_sock_limits;
+void cli_server_set_limits(const rt_sock_limits &l);
 
 // Tests: forget every registration and initialiser.
 void cli_registry_reset();

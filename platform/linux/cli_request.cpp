@@ -17,10 +17,11 @@ static std::vector<uint8_t> reply(int32_t result, const std::string &text = {})
     return b;
 }
 
-// Logged, counted, and answered with the reason.
+// Counted, answered with the reason, and logged at most once per 10 s per counter (a
+// client looping on bad requests must not flood the log).
 static std::vector<uint8_t> refuse(int32_t code, const char *counter, const std::string &why)
 {
-    rt_log(4, "cli: %s\n", why.c_str());
+    rt_log_ratelimited(counter, 10, 4, "cli: %s\n", why.c_str());
     rt_counter(counter)++;
     return reply(code, "error: " + why + "\n");
 }

@@ -1,29 +1,29 @@
 // The CLI agent's socket server: one thread polls cli.sock and its clients, reads
 // whole frames and handles them one at a time; replies are written without blocking.
+// Idle clients time out or make room for new ones, so none can lock the others out.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <vector>
 
 #include "cli_agent.h"
 #include "cli_proto.h"
 #include "rt.h"
+#include "rt_local_sock.h"
 
 using namespace cli_proto;
 
 namespace {
-
-constexpr size_t MAX_CLIENTS = 32;
-constexpr int PARTIAL_IDLE_MS = 5000; // a client that stops halfway through a frame
 
 struct client {
     int fd;
@@ -31,12 +31,16 @@ struct client {
     std::vector<uint8_t> out;
     size_t out_off = 0;
     int64_t last_ms;
+    // In the middle of a request or a reply: the stall limit applies, not the idle one.
+    bool busy() const { return !in.empty() || !out.empty(); }
 };
 
 struct server {
-    int lfd = -1;
+    rt_listener lst;
+    int wake_fd = -1; // eventfd: cli_server_stop
     std::string path;
     std::vector<client> clients;
+    rt_sock_limits limits{32, 30000, 5000, 250};
     pthread_t thread{};
     bool running = false;
     std::atomic<bool> stop{false};
@@ -44,17 +48,10 @@ struct server {
 
 server g_srv;
 
-int64_t now_ms()
-{
-    timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
-
 void drop(client &c, const char *why)
 {
     if (why) {
-        rt_log(4, "cli: closing client: %s\n", why);
+        rt_log_ratelimited("cli.closed_bad", 10, 4, "cli: closing client: %s\n", why);
         rt_counter("cli.closed_bad")++;
     }
     close(c.fd);
@@ -62,7 +59,7 @@ void drop(client &c, const char *why)
 }
 
 // Handles every whole frame in the buffer while no reply is pending (keeps order and
-// bounds what one client can queue).
+// bounds what one client can queue: one reply, and input is not read meanwhile).
 void process(client &c)
 {
     while (c.fd >= 0 && c.out.empty() && c.in.size() >= 4) {
@@ -87,7 +84,9 @@ void on_readable(client &c)
     ssize_t n = read(c.fd, buf, sizeof(buf));
     if (n == 0) {
         if (!c.in.empty()) {
-            rt_log(4, "cli: client closed in the middle of a frame (%d bytes)\n", (int)c.in.size());
+            rt_log_ratelimited("cli.truncated", 10, 4,
+                               "cli: client closed in the middle of a frame (%d bytes)\n",
+                               (int)c.in.size());
             rt_counter("cli.truncated")++;
         }
         drop(c, nullptr);
@@ -99,7 +98,7 @@ void on_readable(client &c)
         return;
     }
     c.in.insert(c.in.end(), buf, buf + n);
-    c.last_ms = now_ms();
+    c.last_ms = rt_now_ms();
     process(c);
 }
 
@@ -112,7 +111,7 @@ void on_writable(client &c)
         return;
     }
     c.out_off += (size_t)n;
-    c.last_ms = now_ms();
+    c.last_ms = rt_now_ms();
     if (c.out_off == c.out.size()) {
         c.out.clear();
         c.out_off = 0;
@@ -120,44 +119,103 @@ void on_writable(client &c)
     }
 }
 
+// Closes the client that has been idle longest, so that idle connections can never
+// lock a new one out. False when every client is in the middle of something.
+bool evict_idle()
+{
+    client *victim = nullptr;
+    for (auto &c : g_srv.clients)
+        if (c.fd >= 0 && !c.busy() && (!victim || c.last_ms < victim->last_ms))
+            victim = &c;
+    if (!victim)
+        return false;
+    rt_counter("cli.evicted")++;
+    rt_log_ratelimited("cli.evicted", 10, 4, "cli: no room for a new client, closing the longest idle one\n");
+    drop(*victim, nullptr);
+    return true;
+}
+
 void accept_one()
 {
-    int fd = accept4(g_srv.lfd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    int fd = rt_accept(g_srv.lst, "cli", g_srv.limits.accept_backoff_ms);
+    if (fd == RT_ACCEPT_NO_FDS) {
+        // An idle client's descriptor lets the backlog move on at once; with none to
+        // free, the listener rests.
+        if (evict_idle())
+            g_srv.lst.rest_until = 0;
+        return;
+    }
     if (fd < 0)
         return;
-    if (g_srv.clients.size() >= MAX_CLIENTS) {
-        rt_log_ratelimited("cli.too_many", 10, 4, "cli: too many clients, refusing one\n");
+    size_t live = 0;
+    for (auto &c : g_srv.clients)
+        live += c.fd >= 0;
+    if (live >= g_srv.limits.max_clients && !evict_idle()) {
+        rt_log_ratelimited("cli.too_many", 10, 4, "cli: %d clients busy, refusing one more\n",
+                           (int)live);
         rt_counter("cli.refused")++;
         close(fd);
         return;
     }
-    g_srv.clients.push_back(client{fd, {}, {}, 0, now_ms()});
+    g_srv.clients.push_back(client{fd, {}, {}, 0, rt_now_ms()});
+}
+
+// Closes the clients past their idle or stall limit; returns the next deadline
+// (-1: none).
+int64_t expire(int64_t now)
+{
+    int64_t next = -1;
+    for (auto &c : g_srv.clients) {
+        if (c.fd < 0)
+            continue;
+        int64_t due = c.last_ms + (c.busy() ? g_srv.limits.stall_ms : g_srv.limits.idle_ms);
+        if (now >= due) {
+            if (c.busy()) {
+                drop(c, c.out.empty() ? "stalled in the middle of a frame"
+                                      : "does not read its reply");
+            } else {
+                rt_counter("cli.idle_closed")++;
+                drop(c, nullptr);
+            }
+            continue;
+        }
+        next = next < 0 ? due : std::min(next, due);
+    }
+    return next;
 }
 
 void *serve(void *)
 {
     std::vector<pollfd> pfds;
+    constexpr size_t FIXED = 3; // listener, wake, stop
     while (!rt_stopping() && !g_srv.stop) {
+        int64_t now = rt_now_ms();
+        int64_t next = expire(now);
+        std::erase_if(g_srv.clients, [](const client &c) { return c.fd < 0; });
+        int lfd = rt_listener_poll_fd(g_srv.lst, now);
+        if (lfd < 0)
+            next = next < 0 ? g_srv.lst.rest_until : std::min(next, g_srv.lst.rest_until);
         pfds.clear();
-        pfds.push_back({g_srv.lfd, POLLIN, 0});
+        pfds.push_back({lfd, POLLIN, 0});
+        pfds.push_back({g_srv.wake_fd, POLLIN, 0});
+        pfds.push_back({rt_stop_fd(), POLLIN, 0});
         for (auto &c : g_srv.clients)
             pfds.push_back({c.fd, (short)(c.out.empty() ? POLLIN : POLLOUT), 0});
-        int n = poll(pfds.data(), pfds.size(), 200);
+        int timeout = next < 0 ? -1 : (int)std::clamp<int64_t>(next - now, 0, INT32_MAX);
+        int n = poll(pfds.data(), pfds.size(), timeout);
         if (n < 0 && errno != EINTR) {
             rt_log(3, "cli: poll: %s\n", strerror(errno));
             break;
         }
-        int64_t now = now_ms();
+        if (n <= 0)
+            continue;
         for (size_t i = 0; i < g_srv.clients.size(); i++) {
             client &c = g_srv.clients[i];
-            short re = pfds[i + 1].revents;
+            short re = pfds[i + FIXED].revents;
             if (re & POLLOUT)
                 on_writable(c);
             else if (re & (POLLIN | POLLHUP | POLLERR))
                 on_readable(c);
-            else if (c.fd >= 0 && (!c.in.empty() || !c.out.empty()) &&
-                     now - c.last_ms > PARTIAL_IDLE_MS)
-                drop(c, "stalled in the middle of a frame");
         }
         std::erase_if(g_srv.clients, [](const client &c) { return c.fd < 0; });
         if (pfds[0].revents & POLLIN)
@@ -166,10 +224,10 @@ void *serve(void *)
     for (auto &c : g_srv.clients)
         close(c.fd);
     g_srv.clients.clear();
-    close(g_srv.lfd);
-    g_srv.lfd = -1;
+    close(g_srv.lst.fd);
+    g_srv.lst = {};
     unlink(g_srv.path.c_str());
-    return nullptr;
+    return nullptr; // the wake fd stays for cli_server_stop, which may be writing to it
 }
 
 // Creates the runtime directory (and its parents) owner-only when it is missing.
@@ -216,14 +274,23 @@ int cli_server_start(const std::string &path, pthread_t *thread)
         close(fd);
         return -1;
     }
-    g_srv.lfd = fd;
+    int wake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (wake < 0) {
+        rt_log(3, "cli: eventfd: %s\n", strerror(errno));
+        close(fd);
+        return -1;
+    }
+    g_srv.lst = {fd, 0};
+    g_srv.wake_fd = wake;
     g_srv.path = path;
     g_srv.stop = false;
     pthread_t t;
     if (pthread_create(&t, nullptr, serve, nullptr) != 0) {
         rt_log(3, "cli: cannot start the agent thread\n");
         close(fd);
-        g_srv.lfd = -1;
+        close(wake);
+        g_srv.lst = {};
+        g_srv.wake_fd = -1;
         unlink(path.c_str());
         return -1;
     }
@@ -234,11 +301,16 @@ int cli_server_start(const std::string &path, pthread_t *thread)
     return 0;
 }
 
+void cli_server_set_limits(const rt_sock_limits &l) { g_srv.limits = l; }
+
 void cli_server_stop()
 {
     if (!g_srv.running)
         return;
     g_srv.stop = true;
+    eventfd_write(g_srv.wake_fd, 1);
     pthread_join(g_srv.thread, nullptr);
+    close(g_srv.wake_fd);
+    g_srv.wake_fd = -1;
     g_srv.running = false;
 }

@@ -27,10 +27,17 @@ struct delivery {
     std::vector<uint8_t> data; // exactly the payload's bytes
 };
 
+// Bytes the queue may hold before outside sources hold back; each delivery also
+// costs its bookkeeping, so a flood of empty payloads is bounded too.
+constexpr size_t QUEUE_LIMIT = 1 << 20;
+constexpr size_t DELIVERY_COST = 64;
+size_t cost(const delivery &d) { return d.data.size() + DELIVERY_COST; }
+
 struct event_lib {
     std::mutex mu;
     std::condition_variable cv;
     std::deque<delivery> queue;
+    size_t queue_bytes = 0; // sum of cost() over the queue
     std::map<uint32_t, qz_event_handler> events, kevents;
     std::vector<rt_event_tap_fn> taps;
     int wake_fd = -1;
@@ -64,8 +71,10 @@ int post(delivery_kind kind, uint32_t id, const void *payload, int len)
         d.data.assign((const uint8_t *)payload, (const uint8_t *)payload + len);
     {
         std::lock_guard g(l.mu);
+        l.queue_bytes += cost(d);
         l.queue.push_back(std::move(d));
         rt_counter("event_queue_len") = l.queue.size();
+        rt_counter("event_queue_bytes") = l.queue_bytes;
         wake(l);
     }
     return 0;
@@ -112,7 +121,9 @@ void *event_thread(void *)
         while (!l.queue.empty() && !l.quit && !rt_stopping()) {
             delivery d = std::move(l.queue.front());
             l.queue.pop_front();
+            l.queue_bytes -= cost(d);
             rt_counter("event_queue_len") = l.queue.size();
+            rt_counter("event_queue_bytes") = l.queue_bytes;
             lk.unlock();
             deliver(l, d);
             lk.lock();
@@ -148,6 +159,15 @@ void *event_thread(void *)
     return nullptr;
 }
 
+// Drops whatever is still queued (under the library's lock).
+void drop_queue(event_lib &l)
+{
+    l.queue.clear();
+    l.queue_bytes = 0;
+    rt_counter("event_queue_len") = 0;
+    rt_counter("event_queue_bytes") = 0;
+}
+
 } // namespace
 
 int qz_event_init(int module_id, pthread_t *thread)
@@ -171,9 +191,11 @@ int qz_event_init(int module_id, pthread_t *thread)
         l.sock_fd = rt_events_sock_open();
         l.quit = false;
         // Listed by the status command from the start, not only after a first drop.
-        for (const char *name : {"event_queue_len", "event_unsubscribed", "kevent_unsubscribed",
+        for (const char *name : {"event_queue_len", "event_queue_bytes", "event_unsubscribed",
+                                 "kevent_unsubscribed",
                                  "events_sock_injected", "events_sock_malformed",
-                                 "events_sock_send_dropped", "netlink_overruns"})
+                                 "events_sock_dropped", "events_sock_send_dropped",
+                                 "netlink_overruns"})
             rt_counter(name);
         int rc = rt_thread_create(&l.thread, event_thread, nullptr, "qz_event");
         if (rc != 0) {
@@ -199,8 +221,10 @@ int qz_event_cleanup(void)
 {
     event_lib &l = lib();
     std::unique_lock lk(l.mu);
-    if (!l.started)
+    if (!l.started) {
+        drop_queue(l); // posts made without an event thread
         return 0;
+    }
     l.quit = true;
     wake(l);
     // Called from a handler, the thread ends after it returns; nobody waits then.
@@ -212,9 +236,16 @@ int qz_event_cleanup(void)
     l.wake_fd = l.nl_fd = l.sock_fd = -1;
     l.events.clear();
     l.kevents.clear();
-    l.queue.clear();
+    drop_queue(l);
     l.started = false;
     return 0;
+}
+
+bool rt_event_queue_full()
+{
+    event_lib &l = lib();
+    std::lock_guard g(l.mu);
+    return l.queue_bytes >= QUEUE_LIMIT;
 }
 
 bool rt_event_running()

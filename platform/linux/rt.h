@@ -95,6 +95,9 @@ int rt_stop_fd();
 // Queue a delivery for the event thread (payload copied).
 void rt_event_post(uint32_t id, const void *payload, int len);
 void rt_kevent_post(uint32_t id, const void *payload, int len);
+// True while the queue holds its bound (1 MiB, counted with bookkeeping): sources
+// outside the process then stop reading (server channel) or drop (events.sock).
+bool rt_event_queue_full();
 // Observers of qz_event_send (owner service, events.sock subscribers).
 typedef void (*rt_event_tap_fn)(uint32_t id, const void *payload, int len);
 void rt_event_add_send_tap(rt_event_tap_fn fn);

@@ -64,8 +64,9 @@ void subscribe(const subscriber &s, bool on)
         return;
     }
     g_subs.push_back(s);
-    rt_log(LOG_INFO, "events.sock: subscriber %s added", s.addr.sun_path[0] ? s.addr.sun_path
-                                                                            : "(abstract)");
+    // Rate-limited: a client toggling its subscription must not flood the log.
+    rt_log_ratelimited("events.sock-subscriber", 10, LOG_INFO, "events.sock: subscriber %s added",
+                       s.addr.sun_path[0] ? s.addr.sun_path : "(abstract)");
 }
 
 } // namespace
@@ -135,6 +136,13 @@ void rt_events_sock_readable()
         uint32_t id;
         memcpy(&id, &buf[1], 4);
         id = ntohl(id);
+        if (rt_event_queue_full()) {
+            // A datagram may be lost anyway; holding back here would stall the event thread.
+            rt_counter("events_sock_dropped")++;
+            rt_log_ratelimited("events.sock-queue", 10, LOG_WARNING,
+                               "events.sock: event queue full, delivery %u dropped", id);
+            continue;
+        }
         rt_counter("events_sock_injected")++;
         if (buf[0] == KIND_EVENT)
             rt_event_post(id, &buf[5], (int)len - 5);
@@ -166,8 +174,8 @@ void rt_events_sock_tap(uint32_t id, const void *payload, int len)
             continue;
         }
         // The subscriber went away.
-        rt_log(LOG_INFO, "events.sock: subscriber %s gone (%s)", it->addr.sun_path,
-               strerror(errno));
+        rt_log_ratelimited("events.sock-gone", 10, LOG_INFO, "events.sock: subscriber %s gone (%s)",
+                           it->addr.sun_path, strerror(errno));
         it = g_subs.erase(it);
     }
 }

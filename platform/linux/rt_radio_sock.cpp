@@ -1,14 +1,17 @@
 // radio.sock: the text control socket of the simulated radios (hear, forget, clear,
 // assoc, disassoc, fail, state), one request per line, replies ending in ok or error.
+// Replies are written without blocking, so a client that does not read stalls only itself.
 #include <errno.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <map>
@@ -17,6 +20,7 @@
 #include <thread>
 
 #include "rt.h"
+#include "rt_local_sock.h"
 #include "sim_radio.h"
 
 namespace {
@@ -101,12 +105,16 @@ struct sock_server {
     std::atomic<bool> stop{false};
     std::string path;
     int fd = -1;
+    int wake_fd = -1; // eventfd: rt_radio_sock_stop
+    rt_sock_limits limits{16, 30000, 5000, 250};
     ~sock_server()
     {
         if (th.joinable()) {
             stop = true;
+            eventfd_write(wake_fd, 1);
             th.join();
             close(fd);
+            close(wake_fd);
             unlink(path.c_str());
         }
     }
@@ -118,63 +126,155 @@ sock_server &srv()
     return s;
 }
 
-void send_all(int fd, const std::string &s)
+// Replies held for one client; past this its further requests wait unread, so a
+// client that never reads costs a bounded buffer and blocks nobody else.
+constexpr size_t k_max_out = 64 << 10;
+
+struct rclient {
+    int fd;
+    std::string in;  // bytes after the last whole line
+    std::string out; // replies not yet written
+    int64_t last_ms;
+    bool busy() const { return !in.empty() || !out.empty(); }
+};
+
+void drop(rclient &c, const char *why)
 {
-    size_t off = 0;
-    while (off < s.size()) {
-        ssize_t n = send(fd, s.data() + off, s.size() - off, MSG_NOSIGNAL);
-        if (n <= 0)
-            return;
-        off += static_cast<size_t>(n);
+    if (why) {
+        rt_counter("radio_sock.closed_bad")++;
+        rt_log_ratelimited("radio_sock.closed_bad", 10, LOG_WARNING,
+                           "radio.sock: closing a client: %s", why);
+    }
+    close(c.fd);
+    c.fd = -1;
+}
+
+void flush(rclient &c)
+{
+    if (c.out.empty())
+        return;
+    ssize_t n = send(c.fd, c.out.data(), c.out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n < 0) {
+        if (errno != EAGAIN && errno != EINTR)
+            drop(c, strerror(errno));
+        return;
+    }
+    c.out.erase(0, static_cast<size_t>(n));
+    c.last_ms = rt_now_ms();
+}
+
+// Runs the whole lines received while the client's replies have room.
+void run_lines(rclient &c)
+{
+    size_t nl;
+    while (c.fd >= 0 && c.out.size() < k_max_out && (nl = c.in.find('\n')) != std::string::npos) {
+        std::string line = c.in.substr(0, nl);
+        c.in.erase(0, nl + 1);
+        c.out += rt_radio_sock_command(line);
+    }
+    if (c.fd >= 0 && c.in.size() > k_max_line && c.in.find('\n') == std::string::npos) {
+        rt_counter("radio_sock.long_line")++;
+        rt_log_ratelimited("radio_sock.long_line", 10, LOG_WARNING,
+                           "radio.sock: request line over %d bytes, connection closed",
+                           static_cast<int>(k_max_line));
+        c.out += "error: line too long\n";
+        flush(c); // best effort: the client is going anyway
+        if (c.fd >= 0)
+            drop(c, nullptr);
     }
 }
 
-void serve(int lfd)
+void on_readable(rclient &c)
 {
-    std::map<int, std::string> clients; // fd -> partial line
-    while (!srv().stop && !rt_stopping()) {
-        std::vector<pollfd> p{{lfd, POLLIN, 0}};
-        for (auto &[fd, _] : clients)
-            p.push_back({fd, POLLIN, 0});
-        if (poll(p.data(), p.size(), 200) <= 0)
-            continue;
-        if (p[0].revents & POLLIN) {
-            int c = accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (c >= 0)
-                clients[c];
-        }
-        for (size_t i = 1; i < p.size(); i++) {
-            if (!p[i].revents)
-                continue;
-            int fd = p[i].fd;
-            char buf[512];
-            ssize_t n = recv(fd, buf, sizeof buf, 0);
-            bool drop = n <= 0;
-            std::string &pending = clients[fd];
-            if (n > 0)
-                pending.append(buf, static_cast<size_t>(n));
-            size_t nl;
-            while (!drop && (nl = pending.find('\n')) != std::string::npos) {
-                std::string line = pending.substr(0, nl);
-                pending.erase(0, nl + 1);
-                send_all(fd, rt_radio_sock_command(line));
-            }
-            if (!drop && pending.size() > k_max_line) {
-                rt_counter("radio_sock.long_line")++;
-                rt_log_ratelimited("radio_sock.long_line", 10, LOG_WARNING,
-                                   "radio.sock: request line over %d bytes, connection closed",
-                                   static_cast<int>(k_max_line));
-                send_all(fd, "error: line too long\n");
-                drop = true;
-            }
-            if (drop) {
-                close(fd);
-                clients.erase(fd);
-            }
-        }
+    char buf[512];
+    ssize_t n = recv(c.fd, buf, sizeof buf, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR))
+        return;
+    if (n <= 0) {
+        drop(c, nullptr);
+        return;
     }
-    for (auto &[fd, _] : clients)
+    c.in.append(buf, static_cast<size_t>(n));
+    c.last_ms = rt_now_ms();
+    run_lines(c);
+}
+
+// The longest idle client makes room for a new one; false when all are busy.
+bool evict_idle(std::vector<rclient> &clients)
+{
+    rclient *victim = nullptr;
+    for (auto &c : clients)
+        if (c.fd >= 0 && !c.busy() && (!victim || c.last_ms < victim->last_ms))
+            victim = &c;
+    if (!victim)
+        return false;
+    rt_counter("radio_sock.evicted")++;
+    drop(*victim, nullptr);
+    return true;
+}
+
+void accept_one(rt_listener &l, std::vector<rclient> &clients, const rt_sock_limits &lim)
+{
+    int fd = rt_accept(l, "radio_sock", lim.accept_backoff_ms);
+    if (fd == RT_ACCEPT_NO_FDS && evict_idle(clients))
+        l.rest_until = 0; // the freed descriptor lets the backlog move on at once
+    if (fd < 0)
+        return;
+    if (clients.size() >= lim.max_clients && !evict_idle(clients)) {
+        rt_counter("radio_sock.refused")++;
+        rt_log_ratelimited("radio_sock.refused", 10, LOG_WARNING,
+                           "radio.sock: %d clients busy, refusing one more",
+                           static_cast<int>(clients.size()));
         close(fd);
+        return;
+    }
+    clients.push_back(rclient{fd, {}, {}, rt_now_ms()});
+}
+
+void serve(int lfd, int wake_fd, rt_sock_limits lim)
+{
+    std::vector<rclient> clients;
+    rt_listener l{lfd, 0};
+    std::vector<pollfd> p;
+    constexpr size_t FIXED = 3; // listener, wake, stop
+    while (!srv().stop && !rt_stopping()) {
+        int64_t now = rt_now_ms(), next = -1;
+        for (auto &c : clients) {
+            int64_t due = c.last_ms + (c.busy() ? lim.stall_ms : lim.idle_ms);
+            if (now >= due)
+                drop(c, c.busy() ? "stalled in the middle of a line or not reading its replies"
+                                 : nullptr);
+            else
+                next = next < 0 ? due : std::min(next, due);
+        }
+        std::erase_if(clients, [](const rclient &c) { return c.fd < 0; });
+        int lpoll = rt_listener_poll_fd(l, now);
+        if (lpoll < 0)
+            next = next < 0 ? l.rest_until : std::min(next, l.rest_until);
+        p.assign({{lpoll, POLLIN, 0}, {wake_fd, POLLIN, 0}, {rt_stop_fd(), POLLIN, 0}});
+        for (auto &c : clients)
+            p.push_back({c.fd, static_cast<short>((c.out.size() < k_max_out ? POLLIN : 0) |
+                                                  (c.out.empty() ? 0 : POLLOUT)),
+                         0});
+        int timeout = next < 0 ? -1 : static_cast<int>(std::min<int64_t>(next - now, INT32_MAX));
+        if (poll(p.data(), p.size(), timeout) <= 0)
+            continue;
+        for (size_t i = 0; i < clients.size(); i++) {
+            rclient &c = clients[i];
+            short re = p[i + FIXED].revents;
+            if (re & (POLLOUT | POLLERR)) {
+                flush(c);
+                run_lines(c); // lines held back while the replies were full
+            }
+            if (c.fd >= 0 && (re & (POLLIN | POLLHUP | POLLERR)))
+                on_readable(c);
+        }
+        std::erase_if(clients, [](const rclient &c) { return c.fd < 0; });
+        if (p[0].revents & POLLIN)
+            accept_one(l, clients, lim);
+    }
+    for (auto &c : clients)
+        close(c.fd);
 }
 
 } // namespace
@@ -208,7 +308,7 @@ void rt_radio_sock_start()
         return;
     }
     memcpy(a.sun_path, path.c_str(), path.size() + 1);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         rt_log(LOG_ERR, "radio.sock: socket: %s", strerror(errno));
         return;
@@ -220,10 +320,17 @@ void rt_radio_sock_start()
         close(fd);
         return;
     }
+    int wake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (wake < 0) {
+        rt_log(LOG_ERR, "radio.sock: eventfd: %s", strerror(errno));
+        close(fd);
+        return;
+    }
     s.fd = fd;
+    s.wake_fd = wake;
     s.path = path;
     s.stop = false;
-    s.th = std::thread(serve, fd);
+    s.th = std::thread(serve, fd, wake, s.limits);
 }
 
 void rt_radio_sock_stop()
@@ -233,8 +340,10 @@ void rt_radio_sock_stop()
     if (!s.th.joinable())
         return;
     s.stop = true;
+    eventfd_write(s.wake_fd, 1);
     s.th.join();
     close(s.fd);
+    close(s.wake_fd);
     unlink(s.path.c_str());
-    s.fd = -1;
+    s.fd = s.wake_fd = -1;
 }

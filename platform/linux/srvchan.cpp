@@ -22,8 +22,8 @@
 namespace {
 
 constexpr uint32_t SRV_EVT_MSG_IN = 164;
-constexpr int STOP_POLL_MS = 100;      // how often a blocked loop looks at rt_stopping()
 constexpr size_t OUT_HIGH_WATER = 1 << 16; // frames moved from the queue per round
+constexpr int HOLD_POLL_MS = 20;       // how often a full event queue is looked at again
 
 struct unique_fd {
     int fd = -1;
@@ -107,8 +107,8 @@ void pause_ms(int ms)
         int64_t left = end - now_ms();
         if (left <= 0)
             return;
-        pollfd p{st().wake_fd.load(), POLLIN, 0};
-        if (::poll(&p, 1, int(std::min<int64_t>(left, STOP_POLL_MS))) > 0)
+        pollfd p[2] = {{st().wake_fd.load(), POLLIN, 0}, {rt_stop_fd(), POLLIN, 0}};
+        if (::poll(p, 2, int(left)) > 0 && (p[0].revents & POLLIN))
             drain_wake(); // a new message does not shorten the back-off
     }
 }
@@ -150,9 +150,16 @@ unique_fd connect_to(const std::string &addr, int timeout_ms)
         }
         int64_t end = now_ms() + timeout_ms;
         int ready = 0;
-        while (!should_stop() && now_ms() < end) {
-            pollfd p{s.fd, POLLOUT, 0};
-            ready = ::poll(&p, 1, STOP_POLL_MS);
+        for (int64_t left; !should_stop() && (left = end - now_ms()) > 0;) {
+            pollfd p[3] = {{s.fd, POLLOUT, 0}, {st().wake_fd.load(), POLLIN, 0},
+                           {rt_stop_fd(), POLLIN, 0}};
+            ready = ::poll(p, 3, int(left));
+            if (ready > 0 && !p[0].revents) {
+                if (p[1].revents & POLLIN)
+                    drain_wake(); // a queued message, or srvchan_close: looked at above
+                ready = 0;
+                continue;
+            }
             if (ready != 0)
                 break;
         }
@@ -194,6 +201,9 @@ void requeue(std::deque<inflight> &fl)
     set_queue_gauge(s.queue_bytes);
 }
 
+// Why take_frames stopped.
+enum take_result { TAKE_DONE, TAKE_HELD, TAKE_BAD };
+
 // One connected session. Returns true when the server sent at least one valid
 // frame (the link worked, so the back-off starts over).
 bool session(unique_fd &sock, const std::string &addr)
@@ -216,10 +226,12 @@ bool session(unique_fd &sock, const std::string &addr)
     std::deque<inflight> fl;
     std::string hello = srv_hello_payload(mac, ip, rt_cfg().instance);
     srv_frame_put(out, SRV_FRAME_HELLO, hello.data(), hello.size());
+    auto pending = [&] { return out.size() - out_off; };
+    std::atomic<uint64_t> &out_gauge = rt_counter("srvchan.out_bytes"); // set every round
 
-    std::vector<uint8_t> in;
-    int64_t last_rx = now_ms(), last_ping = last_rx;
-    bool healthy = false;
+    std::vector<uint8_t> in; // received bytes not yet taken as frames
+    int64_t last_rx = now_ms(), last_ping = last_rx, last_tx = last_rx;
+    bool healthy = false, held_out = false, held_in = false;
     s.connected = true;
     rt_counter("srvchan.connected") = 1;
     rt_log(5, "server channel: connected to %s\n", addr.c_str());
@@ -228,36 +240,127 @@ bool session(unique_fd &sock, const std::string &addr)
         rt_log(4, "server channel: %s; closing the connection to %s\n", why, addr.c_str());
     };
 
+    // Takes the received frames while the output and the event queue have room; a
+    // frame left in `in` stays there (and nothing more is read) until they have.
+    auto take_frames = [&]() -> take_result {
+        size_t used = 0;
+        take_result r = TAKE_DONE;
+        for (;;) {
+            srv_frame_view f;
+            auto rc = srv_frame_take(std::span(in).subspan(used), f);
+            if (rc == SRV_FRAME_NEED_MORE)
+                break;
+            if (rc == SRV_FRAME_TOO_LONG) {
+                rt_log(4, "server channel: frame length %u over the limit of %u\n", f.length,
+                       SRV_FRAME_MAX);
+                r = TAKE_BAD;
+                break;
+            }
+            if (rc == SRV_FRAME_EMPTY) {
+                rt_log(4, "server channel: frame of length 0 has no type\n");
+                r = TAKE_BAD;
+                break;
+            }
+            if (f.type == SRV_FRAME_MESSAGE && rt_event_queue_full()) {
+                r = TAKE_HELD;
+                break;
+            }
+            if (f.type == SRV_FRAME_PING && pending() >= SRV_OUT_LIMIT) {
+                r = TAKE_HELD;
+                break;
+            }
+            used += f.used;
+            if (f.type == SRV_FRAME_MESSAGE) {
+                auto fn = s.deliver.load();
+                int len = int(f.payload.size());
+                if (fn)
+                    fn(f.payload.data(), len);
+                else
+                    rt_event_post(SRV_EVT_MSG_IN, f.payload.data(), len);
+            } else if (f.type == SRV_FRAME_PING) {
+                srv_frame_put(out, SRV_FRAME_PONG, f.payload.data(), f.payload.size());
+            } else if (f.type != SRV_FRAME_PONG) {
+                rt_log(4, "server channel: unknown frame type %u (length %u)\n", f.type,
+                       f.length);
+                r = TAKE_BAD;
+                break;
+            }
+            count("srvchan.frames_in");
+            last_rx = now_ms();
+            healthy = true;
+        }
+        in.erase(in.begin(), in.begin() + std::ptrdiff_t(used));
+        return r;
+    };
+
     while (!should_stop()) {
         // Move queued messages into the output stream.
-        if (out.size() - out_off < OUT_HIGH_WATER) {
+        if (pending() < OUT_HIGH_WATER) {
             std::lock_guard g(s.mu);
-            while (!s.queue.empty() && out.size() - out_off < OUT_HIGH_WATER) {
+            while (!s.queue.empty() && pending() < OUT_HIGH_WATER) {
                 std::string p = std::move(s.queue.front());
                 s.queue.pop_front();
                 s.queue_bytes -= p.size();
                 srv_frame_put(out, SRV_FRAME_MESSAGE, p.data(), p.size());
-                fl.push_back({stream_pos + (out.size() - out_off), std::move(p)});
+                fl.push_back({stream_pos + pending(), std::move(p)});
             }
             set_queue_gauge(s.queue_bytes);
         }
 
+        take_result tr = take_frames();
+        if (tr == TAKE_BAD) {
+            count("srvchan.bad_frames");
+            fail("malformed frame");
+            break;
+        }
+        // Held back: the server's next frames wait in its socket, not in our memory.
+        bool out_full = pending() >= SRV_OUT_LIMIT;
+        bool in_full = tr == TAKE_HELD && !out_full;
+        if (out_full && !held_out)
+            count("srvchan.held_output");
+        if (in_full && !held_in) {
+            count("srvchan.held_inbound");
+            rt_log_ratelimited("srvchan.held_inbound", 60, 5,
+                               "server channel: event queue full, reading from the server "
+                               "paused\n");
+        }
+        held_out = out_full;
+        held_in = in_full;
+
         int64_t now = now_ms();
-        if (now - last_rx >= t.dead_ms) {
+        if (pending() == 0)
+            last_tx = now;
+        if (out_full) {
+            if (now - last_tx >= t.dead_ms) {
+                count("srvchan.stalled");
+                char why[128];
+                snprintf(why, sizeof why, "the server reads nothing (%zu bytes waiting)",
+                         pending());
+                fail(why);
+                break;
+            }
+        } else if (in_full) {
+            last_rx = last_ping = now; // our own hold, not the server's silence
+        } else if (now - last_rx >= t.dead_ms) {
             fail("no traffic from the server within the keep-alive time");
             break;
         }
-        if (now - last_rx >= t.ping_idle_ms && now - last_ping >= t.ping_idle_ms) {
+        if (!out_full && now - last_rx >= t.ping_idle_ms && now - last_ping >= t.ping_idle_ms) {
             srv_frame_put(out, SRV_FRAME_PING, nullptr, 0);
             last_ping = now;
         }
-        int64_t next = std::min(last_rx + t.dead_ms,
-                                std::max(last_rx, last_ping) + t.ping_idle_ms);
-        int timeout = int(std::clamp<int64_t>(next - now, 0, STOP_POLL_MS));
+        int64_t next = out_full ? last_tx + t.dead_ms
+                                : std::min(last_rx + t.dead_ms,
+                                           std::max(last_rx, last_ping) + t.ping_idle_ms);
+        int timeout = int(std::clamp<int64_t>(next - now, 0, in_full ? HOLD_POLL_MS : INT32_MAX));
 
-        pollfd p[2] = {{sock.fd, short(POLLIN | (out_off < out.size() ? POLLOUT : 0)), 0},
-                       {s.wake_fd.load(), POLLIN, 0}};
-        if (::poll(p, 2, timeout) < 0) {
+        bool reading = !out_full && !in_full;
+        short want = short((reading ? POLLIN : 0) | (pending() ? POLLOUT : 0));
+        out_gauge = pending();
+        pollfd p[3] = {{want ? sock.fd : -1, want, 0},
+                       {s.wake_fd.load(), POLLIN, 0},
+                       {rt_stop_fd(), POLLIN, 0}};
+        if (::poll(p, 3, timeout) < 0) {
             if (errno == EINTR)
                 continue;
             fail("poll failed");
@@ -266,8 +369,8 @@ bool session(unique_fd &sock, const std::string &addr)
         if (p[1].revents & POLLIN)
             drain_wake();
 
-        if (p[0].revents & POLLOUT) {
-            ssize_t n = ::send(sock.fd, out.data() + out_off, out.size() - out_off, MSG_NOSIGNAL);
+        if (p[0].revents & (POLLOUT | POLLERR)) {
+            ssize_t n = ::send(sock.fd, out.data() + out_off, pending(), MSG_NOSIGNAL);
             if (n < 0 && errno != EAGAIN && errno != EINTR) {
                 fail(strerror(errno));
                 break;
@@ -275,6 +378,7 @@ bool session(unique_fd &sock, const std::string &addr)
             if (n > 0) {
                 out_off += size_t(n);
                 stream_pos += uint64_t(n);
+                last_tx = now_ms();
                 count("srvchan.bytes_out", uint64_t(n));
                 while (!fl.empty() && fl.front().end <= stream_pos) {
                     fl.pop_front();
@@ -287,7 +391,7 @@ bool session(unique_fd &sock, const std::string &addr)
             }
         }
 
-        if (p[0].revents & (POLLIN | POLLHUP | POLLERR)) {
+        if (reading && (p[0].revents & (POLLIN | POLLHUP | POLLERR))) {
             uint8_t buf[16384];
             ssize_t n = ::recv(sock.fd, buf, sizeof buf, 0);
             if (n == 0) {
@@ -306,54 +410,11 @@ bool session(unique_fd &sock, const std::string &addr)
             }
             count("srvchan.bytes_in", uint64_t(n));
             in.insert(in.end(), buf, buf + n);
-            size_t used = 0;
-            bool bad = false;
-            for (;;) {
-                srv_frame_view f;
-                auto rc = srv_frame_take(std::span(in).subspan(used), f);
-                if (rc == SRV_FRAME_NEED_MORE)
-                    break;
-                if (rc == SRV_FRAME_TOO_LONG) {
-                    rt_log(4, "server channel: frame length %u over the limit of %u\n", f.length,
-                           SRV_FRAME_MAX);
-                    bad = true;
-                    break;
-                }
-                if (rc == SRV_FRAME_EMPTY) {
-                    rt_log(4, "server channel: frame of length 0 has no type\n");
-                    bad = true;
-                    break;
-                }
-                used += f.used;
-                if (f.type == SRV_FRAME_MESSAGE) {
-                    auto fn = s.deliver.load();
-                    int len = int(f.payload.size());
-                    if (fn)
-                        fn(f.payload.data(), len);
-                    else
-                        rt_event_post(SRV_EVT_MSG_IN, f.payload.data(), len);
-                } else if (f.type == SRV_FRAME_PING) {
-                    srv_frame_put(out, SRV_FRAME_PONG, f.payload.data(), f.payload.size());
-                } else if (f.type != SRV_FRAME_PONG) {
-                    rt_log(4, "server channel: unknown frame type %u (length %u)\n", f.type,
-                           f.length);
-                    bad = true;
-                    break;
-                }
-                count("srvchan.frames_in");
-                last_rx = now_ms();
-                healthy = true;
-            }
-            if (bad) {
-                count("srvchan.bad_frames");
-                fail("malformed frame");
-                break;
-            }
-            in.erase(in.begin(), in.begin() + std::ptrdiff_t(used));
         }
     }
     s.connected = false;
     rt_counter("srvchan.connected") = 0;
+    out_gauge = 0;
     requeue(fl);
     return healthy;
 }

@@ -18,6 +18,10 @@ enum srv_frame_type : uint8_t {
 constexpr size_t SRV_FRAME_HEAD = 5;       // length + type
 constexpr uint32_t SRV_FRAME_MAX = 65536;  // largest length field (type + payload)
 constexpr size_t SRV_HELLO_FIXED = 10;     // MAC + IPv4 before the instance name
+// Unwritten output (PONGs, messages, pings) past which the server's PINGs are not
+// read; it can exceed this by one frame. A server that leaves it full for the
+// keep-alive time is disconnected.
+constexpr size_t SRV_OUT_LIMIT = 256 << 10;
 static_assert(SRV_FRAME_HEAD == sizeof(uint32_t) + sizeof(uint8_t));
 
 // Appends one whole frame to out.

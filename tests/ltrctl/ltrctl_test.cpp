@@ -1,8 +1,11 @@
 // ltrctl: words to requests, the checks that keep bad input away from the daemon, the
-// running configuration back to words, and where the socket is found.
+// running configuration back to words, where the socket is found, and giving up on a
+// daemon that does not answer.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -139,4 +142,32 @@ TEST(LtrctlConfig, SocketFromOptionsOrThePlatformConfiguration)
     setenv("QZ_PLATFORM_CONFIG", "/nonexistent/platform.toml", 1);
     ASSERT_TRUE(socket_path("", "", path, err));
     EXPECT_EQ(path, "/run/qz/default/cli.sock");
+}
+
+TEST(LtrctlConn, GivesUpOnADaemonThatDoesNotAnswer)
+{
+    char dir[] = "/tmp/ltrctl_conn.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string path = std::string(dir) + "/cli.sock", err;
+    int l = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    strcpy(sa.sun_path, path.c_str());
+    ASSERT_EQ(bind(l, (sockaddr *)&sa, sizeof sa) | listen(l, 0), 0);
+
+    // Connected through the backlog, never answered.
+    conn silent;
+    silent.timeout_ms = 200;
+    ASSERT_TRUE(silent.open(path, err)) << err;
+    bytes reply;
+    EXPECT_FALSE(silent.exchange({4}, reply, err));
+    EXPECT_EQ(err, "no reply from the daemon within 0.2 s");
+    // The backlog is full now: connecting waits, but only as long as the timeout.
+    conn full;
+    full.timeout_ms = 200;
+    EXPECT_FALSE(full.open(path, err));
+    EXPECT_EQ(err, "no room at " + path + " within 0.2 s (is ltrd busy?)");
+    close(l);
+    unlink(path.c_str());
+    rmdir(dir);
 }

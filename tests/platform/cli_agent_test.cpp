@@ -1,9 +1,12 @@
 // The CLI agent against a real socket: commands, running configuration, debug switch,
-// status, and malformed frames, which get an error reply or a closed connection.
+// status, malformed frames, which get an error reply or a closed connection, and
+// clients that must not lock the others out.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
 #include <string.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -18,13 +21,16 @@
 #include "cli_proto.h"
 #include "qz_log.h"
 #include "rt.h"
+#include "rt_local_sock.h"
+#include "rt_test_util.h"
 
 using namespace cli_proto;
 using bytes = std::vector<uint8_t>;
 
 namespace {
 
-std::string g_path;
+std::string g_path, g_log;
+const rt_sock_limits k_limits{8, 1000, 5000, 250};
 pthread_t g_agent_thread;
 std::atomic<pthread_t> g_handler_thread;
 std::atomic<int> g_echo_calls;
@@ -76,8 +82,12 @@ class CliAgent : public ::testing::Test {
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         rt_config cfg;
         cfg.runtime_dir = std::string(tmpl) + "/run";
+        cfg.log_syslog = false;
+        cfg.log_file = g_log = std::string(tmpl) + "/log";
         rt_cfg_set(cfg);
+        rt_log_reopen();
         g_path = cfg.runtime_dir + "/cli.sock";
+        cli_server_set_limits(k_limits);
         qz_add_cli_vector_initializer(init_a);
         qz_add_cli_vector_initializer(init_b);
         ASSERT_EQ(qz_start_cli_agent(52, 1, &g_agent_thread), 0);
@@ -245,4 +255,86 @@ TEST_F(CliAgent, OversizedOrTruncatedFramesCloseTheConnectionOnly)
     for (int i = 0; i < 100 && rt_counter("cli.truncated") == before; i++)
         usleep(20000);
     EXPECT_EQ(rt_counter("cli.truncated") - before, 1u);
+}
+
+namespace {
+// Whether the agent closes fd within the time (replies before the close are skipped).
+bool closed_by_agent(int fd, int ms = 5000)
+{
+    uint8_t buf[256];
+    pollfd p{fd, POLLIN, 0};
+    for (ssize_t r = 1; r > 0;)
+        if (poll(&p, 1, ms) <= 0 || (r = read(fd, buf, sizeof buf)) < 0)
+            return false;
+    return true;
+}
+size_t log_lines_with(const std::string &text)
+{
+    std::string log = rt_read_file(g_log);
+    size_t n = 0;
+    for (size_t at = 0; (at = log.find(text, at)) != std::string::npos; at += text.size())
+        n++;
+    return n;
+}
+} // namespace
+
+TEST_F(CliAgent, IdleClientsNeverLockOthersOut)
+{
+    // A full house of idle clients: the longest idle one makes room for a request.
+    std::vector<int> idle;
+    for (size_t i = 0; i < k_limits.max_clients; i++)
+        idle.push_back(connect_agent());
+    EXPECT_EQ(text_of(request(command(100, 0, mac_block(4)))), "neg=0 mac=0011.22aa.bbcc tail=4\n");
+    EXPECT_TRUE(closed_by_agent(idle[0]));
+    // The others go after the idle time.
+    uint64_t before = rt_counter("cli.idle_closed");
+    for (size_t i = 1; i < idle.size(); i++)
+        EXPECT_TRUE(closed_by_agent(idle[i])) << i;
+    EXPECT_GE(rt_counter("cli.idle_closed") - before, idle.size() - 1);
+    for (int fd : idle)
+        close(fd);
+}
+
+TEST_F(CliAgent, EveryRefusalIsCountedButTheLogIsRateLimited)
+{
+    uint64_t before = rt_counter("cli.malformed");
+    size_t lines = log_lines_with("unknown request kind 9");
+    int fd = connect_agent();
+    for (int i = 0; i < 300; i++)
+        ASSERT_TRUE(exchange_raw(fd, frame({9}))) << i;
+    close(fd);
+    EXPECT_EQ(rt_counter("cli.malformed") - before, 300u);
+    EXPECT_LE(log_lines_with("unknown request kind 9") - lines, 1u);
+}
+
+// Out of descriptors, the pending connection stays in the backlog: the agent rests
+// instead of spinning on a listener that stays readable, and serves once there are
+// descriptors again.
+TEST_F(CliAgent, OutOfDescriptorsTheListenerRestsThenServesAgain)
+{
+    int waiting = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    rlimit old;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+    rlimit low = old;
+    low.rlim_cur = (rlim_t)waiting + 1;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+    std::vector<int> filler; // every free number below the limit
+    for (int f; (f = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+        filler.push_back(f);
+    uint64_t errors = rt_counter("cli.accept_errors");
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    strncpy(sa.sun_path, g_path.c_str(), sizeof(sa.sun_path) - 1);
+    EXPECT_EQ(connect(waiting, (sockaddr *)&sa, sizeof(sa)), 0);
+    for (int i = 0; i < 200 && rt_counter("cli.accept_errors") == errors; i++)
+        usleep(10000);
+    errors = rt_counter("cli.accept_errors");
+    usleep(1000000);
+    // A rest of 250 ms: a handful of tries in that second, not a busy loop.
+    EXPECT_LE(rt_counter("cli.accept_errors") - errors, 10u);
+    setrlimit(RLIMIT_NOFILE, &old);
+    for (int f : filler)
+        close(f);
+    EXPECT_TRUE(exchange_raw(waiting, frame({REQ_STATUS})));
+    close(waiting);
 }

@@ -9,6 +9,7 @@
 #include "qz_dcd.h"
 #include "qz_event.h"
 #include "qz_sys.h"
+#include "rt_event.h"
 #include "rt_test_util.h"
 
 namespace {
@@ -211,4 +212,29 @@ TEST_F(Event, EventsSockSubscribersReceiveCopiesOfSentEvents)
     qz_event_send(156, sizeof query, query);
     ASSERT_TRUE(wait_seen(4));
     EXPECT_LT(recv(c.fd, buf, sizeof buf, MSG_DONTWAIT), 0);
+}
+
+// Over the queue's bound an injected datagram is dropped and counted, not queued;
+// here no event thread empties the queue, and events.sock is read by hand.
+TEST(EventQueue, EventsSockDropsWhileTheQueueIsFull)
+{
+    rt_scratch s;
+    rt_cfg_set(rt_test_config(s));
+    ASSERT_GE(rt_events_sock_open(), 0);
+    const std::string big(65536, 'x');
+    for (int i = 0; !rt_event_queue_full() && i < 100; i++)
+        rt_event_post(164, big.data(), (int)big.size());
+    ASSERT_TRUE(rt_event_queue_full());
+    uint64_t dropped = rt_counter("events_sock_dropped"), injected = rt_counter("events_sock_injected");
+    client c;
+    c.send(inject(1, 164, "m"));
+    rt_events_sock_readable();
+    EXPECT_EQ(rt_counter("events_sock_dropped") - dropped, 1u);
+    EXPECT_EQ(rt_counter("events_sock_injected"), injected);
+    qz_event_cleanup(); // empties the queue
+    c.send(inject(1, 164, "m"));
+    rt_events_sock_readable();
+    EXPECT_EQ(rt_counter("events_sock_injected") - injected, 1u);
+    qz_event_cleanup();
+    rt_events_sock_close();
 }

@@ -1,5 +1,7 @@
-// Simulated radios: driver semantics, the world model and radio.sock.
+// Simulated radios: driver semantics, the world model and radio.sock, which one
+// client that does not read cannot freeze for the others.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -62,6 +64,14 @@ struct SimTest : ::testing::Test {
         return rt_driver_sim.set_trackobj(&radios[0], &o);
     }
     std::string cmd(const std::string &line) { return rt_radio_sock_command(line); }
+    int radio_sock()
+    {
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a{AF_UNIX, {}};
+        strcpy(a.sun_path, (s.dir + "/radio.sock").c_str());
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+        return fd;
+    }
     lta_stats stats()
     {
         lta_stats st{};
@@ -162,10 +172,7 @@ TEST_F(SimTest, WorldFollowsDistanceIsDeterministicForASeedAndNamesErrors)
 TEST_F(SimTest, RadioSockSpeaksLinesOverItsSocket)
 {
     open(1);
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un a{AF_UNIX, {}};
-    strcpy(a.sun_path, (s.dir + "/radio.sock").c_str());
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+    int fd = radio_sock();
 
     // Two requests in one write, one split across writes.
     rt_driver_sim.set_lmatch(&radios[0], 1);
@@ -187,4 +194,26 @@ TEST_F(SimTest, RadioSockSpeaksLinesOverItsSocket)
         got.append(buf, static_cast<size_t>(n));
     EXPECT_EQ(got, want);
     close(fd);
+}
+
+TEST_F(SimTest, RadioSockClientThatNeverReadsHoldsUpOnlyItself)
+{
+    open(1);
+    int hog = radio_sock();
+    // Requests until the daemon stops taking them: its replies for this client are full.
+    const std::string req = "state wlan0\n";
+    size_t sent = 0;
+    for (pollfd p{hog, POLLOUT, 0}; sent < 200000 && poll(&p, 1, 300) > 0;)
+        if (send(hog, req.data(), req.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == (ssize_t)req.size())
+            sent++;
+    EXPECT_LT(sent, 200000u) << "replies were held without bound";
+    int other = radio_sock();
+    ASSERT_EQ(write(other, "clear wlan0\n", 12), 12);
+    char buf[16] = {};
+    pollfd p{other, POLLIN, 0};
+    bool answered = poll(&p, 1, 5000) > 0 && read(other, buf, sizeof buf) == 3;
+    close(hog); // ends a send that blocks on it
+    EXPECT_TRUE(answered);
+    EXPECT_STREQ(buf, "ok\n");
+    close(other);
 }

@@ -1,5 +1,6 @@
 // Server channel against a real listener on loopback: HELLO, framing both ways,
-// keep-alive, reconnect, the bounded queue and refusal of malformed frames.
+// keep-alive, reconnect, the bounded queue, refusal of malformed frames, and the
+// bounds a flooding server meets.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "qz_capwap.h"
+#include "qz_event.h"
 #include "rt.h"
 #include "srvchan.h"
 
@@ -105,10 +107,38 @@ std::vector<bytes> delivered_after(size_t want)
 
 uint64_t counter(const char *n) { return rt_counter(n).load(); }
 
+// Writes frame up to times over fd, never reading; stops early once the peer has
+// taken nothing for half a second. Returns the whole frames written.
+size_t flood(int fd, const bytes &frame, size_t times)
+{
+    size_t sent = 0, off = 0;
+    while (sent < times) {
+        pollfd p{fd, POLLOUT, 0};
+        if (poll(&p, 1, 500) <= 0)
+            break;
+        ssize_t n = send(fd, frame.data() + off, frame.size() - off, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0 && errno != EAGAIN)
+            break;
+        off += size_t(std::max<ssize_t>(n, 0));
+        if (off == frame.size())
+            off = 0, ++sent;
+    }
+    return sent;
+}
+
+// Waits (bounded) until counter n has moved past before.
+bool counter_moves(const char *n, uint64_t before, int timeout_ms = 10000)
+{
+    for (auto end = clk::now() + ms(timeout_ms); clk::now() < end; std::this_thread::sleep_for(ms(10)))
+        if (counter(n) > before)
+            return true;
+    return false;
+}
+
 class SrvChan : public ::testing::Test {
 protected:
     void SetUp() override { g_delivered.clear(), timing(0, 0), srvchan_set_deliver(capture); }
-    void TearDown() override { srvchan_close(), srvchan_set_deliver(nullptr); }
+    void TearDown() override { srvchan_close(), srvchan_set_deliver(nullptr), qz_event_cleanup(); }
     static void timing(uint32_t ping_idle, uint32_t dead)
     {
         srvchan_timing t;
@@ -263,6 +293,45 @@ TEST_F(SrvChan, MalformedFramesCloseAndReconnect)
     send_all(c, make_frame(SRV_FRAME_MESSAGE, {42}));
     EXPECT_EQ(delivered_after(1), std::vector<bytes>{{42}});
     EXPECT_EQ(counter("srvchan.reconnects"), reconnects + 5);
+    close(c);
+}
+
+// 64 KiB frames from a server that never reads: its PINGs are left in its socket
+// once the PONGs reach the output bound, and a server that stays so is dropped.
+TEST_F(SrvChan, FloodingServerThatNeverReadsIsHeldToTheOutputBoundThenDropped)
+{
+    timing(600000, 3000);
+    listener l;
+    configure(l.address());
+    srvchan_open();
+    int c = accept_hello(l);
+    uint64_t stalled = counter("srvchan.stalled");
+    const bytes ping = make_frame(SRV_FRAME_PING, bytes(65530, 0x5a));
+    EXPECT_LT(flood(c, ping, 1000), 1000u) << "PINGs read past the output bound";
+    EXPECT_LE(counter("srvchan.out_bytes"), SRV_OUT_LIMIT + ping.size());
+    EXPECT_TRUE(counter_moves("srvchan.stalled", stalled));
+    close(c);
+    close(accept_hello(l)); // the usual reconnect
+}
+
+// MESSAGE frames wait in the server's socket while the event queue is full (no event
+// thread empties it here), and are read again, none lost, once it has room.
+TEST_F(SrvChan, MessageFloodIsHeldBackWhileTheEventQueueIsFull)
+{
+    srvchan_set_deliver(nullptr); // to the event queue
+    listener l;
+    configure(l.address());
+    srvchan_open();
+    int c = accept_hello(l);
+    uint64_t held = counter("srvchan.held_inbound");
+    const bytes msg = make_frame(SRV_FRAME_MESSAGE, bytes(65530, 0x11));
+    EXPECT_LT(flood(c, msg, 1000), 1000u) << "messages queued past the bound";
+    EXPECT_LE(counter("event_queue_bytes"), (1u << 20) + msg.size() + 64);
+    EXPECT_EQ(counter("srvchan.held_inbound"), held + 1);
+    EXPECT_TRUE(srvchan_connected());
+    uint64_t frames = counter("srvchan.frames_in");
+    qz_event_cleanup(); // empties the queue
+    EXPECT_TRUE(counter_moves("srvchan.frames_in", frames));
     close(c);
 }
 

@@ -3,10 +3,13 @@
 #include "ltrctl_conn.h"
 
 #include <errno.h>
+#include <poll.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -58,6 +61,13 @@ bool socket_path(const std::string &opt_socket, const std::string &opt_instance,
     return true;
 }
 
+static int64_t now_ms()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
+}
+
 conn::~conn()
 {
     if (fd >= 0)
@@ -74,38 +84,74 @@ bool conn::open(const std::string &path, std::string &err)
     fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sa.sun_family = AF_UNIX;
     memcpy(sa.sun_path, path.c_str(), path.size());
+    // A daemon whose backlog is full makes connect wait: bounded by the send timeout.
+    timeval tv{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+    if (fd >= 0)
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
     if (fd < 0 || connect(fd, (sockaddr *)&sa, sizeof(sa)) < 0) {
-        err = "cannot connect to " + path + ": " + strerror(errno) + " (is ltrd running?)";
+        if (errno == EAGAIN)
+            err = "no room at " + path + " within " + timeout_text() + " (is ltrd busy?)";
+        else
+            err = "cannot connect to " + path + ": " + strerror(errno) + " (is ltrd running?)";
         return false;
     }
-    // A daemon that stops answering must not hang a script forever.
-    timeval tv{30, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
     return true;
 }
 
-static bool read_n(int fd, uint8_t *p, size_t n)
+std::string conn::timeout_text() const
+{
+    char b[32];
+    snprintf(b, sizeof b, "%g s", timeout_ms / 1000.0);
+    return b;
+}
+
+// Waits for fd to be ready for ev until deadline; false on timeout.
+static bool wait_ready(int fd, short ev, int64_t deadline)
+{
+    for (;;) {
+        int64_t left = deadline - now_ms();
+        if (left <= 0)
+            return false;
+        pollfd p{fd, ev, 0};
+        int r = poll(&p, 1, (int)left);
+        if (r > 0)
+            return true;
+        if (r < 0 && errno != EINTR)
+            return true; // the read or write that follows reports the error
+    }
+}
+
+// Reads n bytes before deadline: 1, 0 on end of stream or error, -1 on timeout.
+static int read_n(int fd, uint8_t *p, size_t n, int64_t deadline)
 {
     while (n) {
-        ssize_t r = read(fd, p, n);
-        if (r < 0 && errno == EINTR)
+        if (!wait_ready(fd, POLLIN, deadline))
+            return -1;
+        ssize_t r = recv(fd, p, n, MSG_DONTWAIT);
+        if (r < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (r <= 0)
-            return false;
+            return 0;
         p += r;
         n -= (size_t)r;
     }
-    return true;
+    return 1;
 }
 
 bool conn::exchange(const std::vector<uint8_t> &body, std::vector<uint8_t> &reply, std::string &err)
 {
+    // One deadline for the whole exchange: a daemon that trickles its reply cannot
+    // stretch it.
+    int64_t deadline = now_ms() + timeout_ms;
     std::vector<uint8_t> f = cli_proto::frame(body);
     size_t off = 0;
     while (off < f.size()) {
-        ssize_t w = send(fd, f.data() + off, f.size() - off, MSG_NOSIGNAL);
-        if (w < 0 && errno == EINTR)
+        if (!wait_ready(fd, POLLOUT, deadline)) {
+            err = "the daemon took no request within " + timeout_text();
+            return false;
+        }
+        ssize_t w = send(fd, f.data() + off, f.size() - off, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (w < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (w <= 0) {
             err = std::string("sending to the daemon: ") + strerror(errno);
@@ -114,8 +160,10 @@ bool conn::exchange(const std::vector<uint8_t> &body, std::vector<uint8_t> &repl
         off += (size_t)w;
     }
     uint8_t len[4];
-    if (!read_n(fd, len, 4)) {
-        err = "the daemon closed the connection without a reply";
+    int r = read_n(fd, len, 4, deadline);
+    if (r <= 0) {
+        err = r < 0 ? "no reply from the daemon within " + timeout_text()
+                    : "the daemon closed the connection without a reply";
         return false;
     }
     uint32_t n = cli_proto::get_u32(len);
@@ -124,8 +172,10 @@ bool conn::exchange(const std::vector<uint8_t> &body, std::vector<uint8_t> &repl
         return false;
     }
     reply.resize(n);
-    if (!read_n(fd, reply.data(), n)) {
-        err = "the daemon's reply was cut short";
+    r = read_n(fd, reply.data(), n, deadline);
+    if (r <= 0) {
+        err = r < 0 ? "the daemon's reply did not end within " + timeout_text()
+                    : "the daemon's reply was cut short";
         return false;
     }
     return true;

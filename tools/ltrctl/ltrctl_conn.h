@@ -16,12 +16,17 @@ namespace ltrctl {
 bool socket_path(const std::string &opt_socket, const std::string &opt_instance,
                  std::string &path, std::string &err);
 
+constexpr int DEFAULT_TIMEOUT_MS = 10000;
+
 struct conn {
     int fd = -1;
+    int timeout_ms = DEFAULT_TIMEOUT_MS; // bounds the connect, and each exchange as a whole
     ~conn();
     bool open(const std::string &path, std::string &err);
-    // Sends one request body and reads the reply body.
+    // Sends one request body and reads the reply body; false with err on a broken
+    // link or when the timeout runs out.
     bool exchange(const std::vector<uint8_t> &body, std::vector<uint8_t> &reply, std::string &err);
+    std::string timeout_text() const; // "2.5 s"
 };
 
 } // namespace ltrctl

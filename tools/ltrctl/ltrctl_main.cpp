@@ -3,6 +3,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 
@@ -18,6 +19,7 @@ static void usage(FILE *f)
           "  -i, --instance NAME    use /run/qz/NAME/cli.sock\n"
           "  -f, --file FILE        run the commands of FILE ('-': standard input)\n"
           "  -k, --keep-going       in a batch, go on after a bad line or a failed command\n"
+          "  -t, --timeout SECONDS  give up on a daemon that does not answer (default 10)\n"
           "  -h, --help             this text and the commands\n"
           "Without a command and with standard input not a terminal, commands are read\n"
           "from standard input. 'ltrctl help' lists the commands.\n",
@@ -28,6 +30,7 @@ int main(int argc, char **argv)
 {
     std::string sock, instance, file;
     bool keep_going = false, have_file = false;
+    int timeout_ms = DEFAULT_TIMEOUT_MS;
     int i = 1;
     for (; i < argc && argv[i][0] == '-' && argv[i][1]; i++) {
         std::string a = argv[i];
@@ -47,6 +50,18 @@ int main(int argc, char **argv)
             have_file = true;
         } else if (a == "-k" || a == "--keep-going")
             keep_going = true;
+        else if (a == "-t" || a == "--timeout") {
+            std::string v;
+            value(v);
+            char *end = nullptr;
+            double secs = strtod(v.c_str(), &end);
+            if (v.empty() || *end || !(secs > 0 && secs <= 3600)) {
+                fprintf(stderr, "ltrctl: --timeout wants seconds between 0 and 3600, not '%s'\n",
+                        v.c_str());
+                return EXIT_USAGE;
+            }
+            timeout_ms = std::max(1, (int)(secs * 1000));
+        }
         else if (a == "-h" || a == "--help") {
             usage(stdout);
             fputs(help_text().c_str(), stdout);
@@ -83,7 +98,7 @@ int main(int argc, char **argv)
         std::istream &in = from_stdin ? std::cin : f;
         while (std::getline(in, line))
             lines.push_back(line);
-        return run_batch(lines, keep_going, path, std::cout, std::cerr);
+        return run_batch(lines, keep_going, path, std::cout, std::cerr, timeout_ms);
     }
     if (i == argc) {
         usage(stderr);
@@ -103,6 +118,7 @@ int main(int argc, char **argv)
         return EXIT_OK;
     }
     conn c;
+    c.timeout_ms = timeout_ms;
     if (!c.open(path, why)) {
         fprintf(stderr, "ltrctl: %s\n", why.c_str());
         return EXIT_NOLINK;

@@ -90,7 +90,7 @@ int run_request(conn &c, const request &r, std::ostream &out, std::ostream &err)
 }
 
 int run_batch(const std::vector<std::string> &lines, bool keep_going, const std::string &path,
-              std::ostream &out, std::ostream &err)
+              std::ostream &out, std::ostream &err, int timeout_ms)
 {
     std::vector<std::pair<size_t, request>> todo;
     bool bad = false;
@@ -111,6 +111,7 @@ int run_batch(const std::vector<std::string> &lines, bool keep_going, const std:
         return EXIT_USAGE;
     }
     conn c;
+    c.timeout_ms = timeout_ms;
     bool opened = false;
     int status = bad ? EXIT_FAILED : EXIT_OK;
     for (auto &[no, r] : todo) {

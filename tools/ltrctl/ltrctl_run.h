@@ -29,8 +29,8 @@ int run_request(conn &c, const request &r, std::ostream &out, std::ostream &err)
 
 // Runs the lines of a batch. Every line is checked first: a bad line stops the batch
 // before anything is sent, unless keep_going, which skips bad lines and failing
-// commands and reports them. `c` is opened on first need from `path`.
+// commands and reports them. The connection is opened on first need from `path`.
 int run_batch(const std::vector<std::string> &lines, bool keep_going, const std::string &path,
-              std::ostream &out, std::ostream &err);
+              std::ostream &out, std::ostream &err, int timeout_ms = DEFAULT_TIMEOUT_MS);
 
 } // namespace ltrctl

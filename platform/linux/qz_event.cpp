@@ -33,6 +33,10 @@ struct event_lib {
     std::deque<delivery> queue;
     std::map<uint32_t, qz_event_handler> events, kevents;
     std::vector<rt_event_tap_fn> taps;
+    // Radios up at open, delivered once the interface-change event has a subscriber:
+    // posted earlier they would reach nobody, and a restarted daemon would never
+    // re-apply its tracking list to radios that stay up across the restart.
+    std::vector<rt_if_change> link_dump;
     int wake_fd = -1;
     int nl_fd = -1;
     int sock_fd = -1;
@@ -80,6 +84,10 @@ void deliver(event_lib &l, delivery &d)
     int len = (int)d.data.size();
     if (d.kind == KIND_SEND) {
         std::vector<rt_event_tap_fn> taps;
+    // Radios up at open, delivered once the interface-change event has a subscriber:
+    // posted earlier they would reach nobody, and a restarted daemon would never
+    // re-apply its tracking list to radios that stay up across the restart.
+    std::vector<rt_if_change> link_dump;
         {
             std::lock_guard g(l.mu);
             taps = l.taps;
@@ -168,6 +176,9 @@ int qz_event_init(int module_id, pthread_t *thread)
         // Without rtnetlink or events.sock the daemon still runs; the log says what
         // it misses.
         l.nl_fd = rt_netlink_open();
+        l.link_dump.clear();
+        if (l.nl_fd >= 0)
+            l.link_dump = rt_netlink_up_radios();
         l.sock_fd = rt_events_sock_open();
         l.quit = false;
         // Listed by the status command from the start, not only after a first drop.
@@ -213,6 +224,7 @@ int qz_event_cleanup(void)
     l.events.clear();
     l.kevents.clear();
     l.queue.clear();
+    l.link_dump.clear();
     l.started = false;
     return 0;
 }
@@ -239,8 +251,15 @@ int qz_kevent_subscribe(uint32_t id, qz_event_handler handler)
     if (!handler)
         return -1;
     event_lib &l = lib();
-    std::lock_guard g(l.mu);
-    l.kevents[id] = handler;
+    std::vector<rt_if_change> dump;
+    {
+        std::lock_guard g(l.mu);
+        l.kevents[id] = handler;
+        if (id == RT_KEVT_IF_CHANGE)
+            dump.swap(l.link_dump);
+    }
+    for (const rt_if_change &c : dump)
+        rt_kevent_post(RT_KEVT_IF_CHANGE, &c, sizeof c);
     return 0;
 }
 

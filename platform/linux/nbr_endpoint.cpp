@@ -264,6 +264,19 @@ static bool nbr_params_from_cfg(nbr_params &p, std::string &err)
     return true;
 }
 
+static nbr_endpoint *g_global_ep;
+
+// Ends the receive thread only: the endpoint stays for senders until process exit.
+static void nbr_global_stop_rx()
+{
+    nbr_endpoint *ep = g_global_ep;
+    if (!ep)
+        return;
+    ep->stop = true;
+    if (ep->rx.joinable() && ep->rx.get_id() != std::this_thread::get_id())
+        ep->rx.join();
+}
+
 nbr_endpoint *nbr_global()
 {
     static std::mutex mu;
@@ -283,5 +296,7 @@ nbr_endpoint *nbr_global()
     }
     rt_log(LOG_INFO, "neighbour messaging on %i:%d%s", p.bind_ip, static_cast<int>(ep->port),
            p.key.empty() ? "" : " (authenticated)");
+    g_global_ep = ep.get();
+    rt_life_started("neighbour receive", nbr_global_stop_rx);
     return ep.get();
 }

@@ -140,6 +140,10 @@ int qz_dcd_lib_init(void)
 
 int qz_dcd_lib_cleanup(void)
 {
+    // At shutdown the timer thread may still be in a report cycle, the neighbour and
+    // owner threads in a driver call: every runtime thread ends before a radio goes.
+    if (rt_stopping())
+        rt_life_stop_all();
     std::unique_lock g(g_mu);
     close_all_locked();
     return 0;

@@ -16,6 +16,7 @@
 
 #include "rt.h"
 #include "rt_event.h"
+#include "srvchan.h"
 
 namespace {
 
@@ -201,8 +202,11 @@ int qz_event_init(int module_id, pthread_t *thread)
     }
     rt_event_add_send_tap(rt_events_sock_tap);
     rt_log(LOG_DEBUG, "event library opened for module %d", module_id);
+    rt_life_started("event thread", [] { qz_event_cleanup(); });
     rt_srvchan_start();
+    rt_life_started("server channel", srvchan_close);
     rt_owner_start();
+    rt_life_started("owner service", rt_owner_stop);
     return 0;
 }
 

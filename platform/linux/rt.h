@@ -163,3 +163,16 @@ bool rt_event_running();
 
 // Path of a socket or file of this instance under runtime_dir (creates runtime_dir).
 std::string rt_runtime_path(const char *name);
+
+// ---- Life of the runtime's threads ----
+
+// Records a service whose thread has just started; stop ends and joins that thread
+// (idempotent, harmless when it never started). Also arms the exit hook.
+void rt_life_started(const char *name, void (*stop)());
+// Requests the stop, then stops the recorded services in reverse order of start. Run
+// by the shutdown before the radios are released, and at process exit.
+void rt_life_stop_all();
+// Stop functions of services that others start.
+void rt_timer_service_stop();
+void rt_signals_stop();
+void rt_owner_stop();

@@ -213,6 +213,8 @@ std::condition_variable g_stop_cv;
 int g_stop_fd = -1;
 std::once_flag g_stop_fd_once;
 std::once_flag g_signals_once;
+pthread_t g_signal_thread;
+std::atomic<bool> g_signals_quit;
 
 void *signal_thread(void *arg)
 {
@@ -221,6 +223,8 @@ void *signal_thread(void *arg)
         int sig;
         if (sigwait(set, &sig) != 0)
             continue;
+        if (g_signals_quit)
+            break;
         if (count == 0) {
             rt_log(LOG_NOTICE, "SIG%s received, stopping", sigabbrev_np(sig));
             rt_request_stop();
@@ -277,13 +281,21 @@ void rt_signals_init()
         sigaddset(&set, SIGINT);
         pthread_sigmask(SIG_BLOCK, &set, nullptr);
         rt_stop_fd();
-        pthread_t t;
-        if (pthread_create(&t, nullptr, signal_thread, &set) != 0) {
+        if (pthread_create(&g_signal_thread, nullptr, signal_thread, &set) != 0) {
             rt_log(LOG_ERR, "cannot start the signal thread: SIGTERM/SIGINT will not stop");
             return;
         }
-        pthread_detach(t);
+        rt_life_started("signal thread", rt_signals_stop);
     });
+}
+
+void rt_signals_stop()
+{
+    if (g_signals_quit.exchange(true) || pthread_equal(g_signal_thread, pthread_self()))
+        return;
+    // Its own wake-up: a signal it waits for, sent to it alone.
+    pthread_kill(g_signal_thread, SIGTERM);
+    pthread_join(g_signal_thread, nullptr);
 }
 
 // ---- Paths of this instance ----

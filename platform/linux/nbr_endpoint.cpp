@@ -219,18 +219,9 @@ bool nbr_parse_ipv4(const std::string &text, uint32_t *ip)
 // The site key: the file's bytes, without a trailing line end.
 static bool nbr_read_key(const std::string &path, std::string &key, std::string &err)
 {
-    std::ifstream f(path, std::ios::binary);
-    if (!f) {
-        err = "neighbours.key_file " + path + ": " + strerror(errno);
-        return false;
-    }
-    std::ostringstream ss;
-    ss << f.rdbuf();
-    key = ss.str();
-    while (!key.empty() && (key.back() == '\n' || key.back() == '\r'))
-        key.pop_back();
-    if (key.empty()) {
-        err = "neighbours.key_file " + path + ": empty key";
+    std::string why;
+    if (!rt_read_key(path, key, why)) {
+        err = "neighbours.key_file " + path + ": " + why;
         return false;
     }
     return true;

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <array>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,10 +49,21 @@ struct rt_config {
     uint32_t owners_peer_timeout_ms = 300;
     std::string store_dir; // "" = store paths as the daemon gives them
     std::string shm_dir;   // unused by System V; reserved
+    std::map<std::string, int> lines; // dotted key ("radio[0].driver") -> its line
 };
 
 // Parses a TOML file. On error returns false and sets err to "file:line: key: what".
 bool rt_config_parse(const std::string &path, rt_config &out, std::string &err);
+// What parsing cannot see: every radio's driver exists in this build, and a configured
+// site key is readable and not empty. Errors as rt_config_parse's.
+bool rt_config_check(const rt_config &c, std::string &err);
+// Reads a whole regular file of at most max bytes without ever blocking (a FIFO, a
+// device or a larger file is refused); with nofollow a symbolic link is refused too.
+// On failure why says what was wrong.
+bool rt_read_regular(const std::string &path, size_t max, bool nofollow, std::string &out,
+                     std::string &why);
+// The site key of key_file: its bytes without trailing line ends, never empty.
+bool rt_read_key(const std::string &path, std::string &key, std::string &why);
 // The process's configuration, loaded on first use; a bad file ends the process with
 // status 1 after printing the error.
 const rt_config &rt_cfg();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -125,6 +126,60 @@ TEST(Config, ErrorsNameFileLineAndKey)
     EXPECT_EQ(err.rfind("F:2: ", 0), 0u) << err;
 }
 
+TEST(Config, RuntimeDirMustLeaveRoomForItsSockets)
+{
+    std::string longest = "/" + std::string(94, 'd'); // + "/events.sock" fills sun_path
+    EXPECT_EQ(parse("runtime_dir = \"" + longest + "\"\n"), "");
+    EXPECT_EQ(parse("\nruntime_dir = \"" + longest + "d\"\n"),
+              "F:2: runtime_dir: too long for its sockets (at most 95 characters)");
+}
+
+// Files named by the configuration (and the configuration itself) are read only when
+// they are regular and small: a FIFO would block, /dev/zero never ends.
+TEST(Config, CheckRefusesUnknownDriversAndUnusableKeyFiles)
+{
+    char d[] = "/tmp/qz_key_XXXXXX";
+    ASSERT_TRUE(mkdtemp(d));
+    std::string dir = d;
+    std::ofstream(dir + "/good") << "site secret\n";
+    std::ofstream(dir + "/empty") << "\r\n";
+    std::ofstream(dir + "/big") << std::string(5000, 'k');
+    ASSERT_EQ(mkfifo((dir + "/fifo").c_str(), 0600), 0);
+    ASSERT_EQ(symlink((dir + "/good").c_str(), (dir + "/link").c_str()), 0);
+
+    auto check = [](const std::string &text) {
+        tmp_file f(text);
+        rt_config c;
+        std::string err;
+        if (!rt_config_parse(f.path, c, err) || !rt_config_check(c, err))
+            if (size_t p = err.find(f.path); p != std::string::npos)
+                return err.replace(p, f.path.size(), "F");
+        return err;
+    };
+    auto key = [&](const std::string &path) {
+        return check("[neighbours]\nkey_file = \"" + path + "\"\n");
+    };
+    std::string k = "F:2: neighbours.key_file: ";
+    EXPECT_EQ(key(dir + "/good"), "");
+    EXPECT_EQ(key(dir + "/none"), k + dir + "/none: No such file or directory");
+    EXPECT_EQ(key(dir + "/empty"), k + dir + "/empty: empty key");
+    EXPECT_EQ(key(dir + "/fifo"), k + dir + "/fifo: not a regular file");
+    EXPECT_EQ(key("/dev/zero"), k + "/dev/zero: not a regular file");
+    EXPECT_EQ(key(dir), k + dir + ": not a regular file");
+    EXPECT_EQ(key(dir + "/link"), k + dir + "/link: is a symbolic link");
+    EXPECT_EQ(key(dir + "/big"), k + dir + "/big: larger than 4096 bytes");
+    EXPECT_EQ(check("[[radio]]\nname = \"w0\"\n[[radio]]\nname = \"w1\"\ndriver = \"pcap\"\n"),
+              "F:5: radio[1].driver: unknown driver \"pcap\" (this build has: sim)");
+
+    rt_config c;
+    std::string err;
+    EXPECT_FALSE(rt_config_parse(dir + "/fifo", c, err));
+    EXPECT_EQ(err, dir + "/fifo: not a regular file");
+    for (const char *f : {"/good", "/empty", "/big", "/fifo", "/link"})
+        unlink((dir + f).c_str());
+    rmdir(d);
+}
+
 // A bad process configuration ends the process with status 1 and the error on stderr.
 TEST(Config, ProcessConfigBadFileExitsWithStatus1)
 {
@@ -136,4 +191,12 @@ TEST(Config, ProcessConfigBadFileExitsWithStatus1)
             exit(0);
         },
         testing::ExitedWithCode(1), "foreground: expected true or false");
+    tmp_file key("[neighbours]\nkey_file = \"/dev/zero\"\n");
+    EXPECT_EXIT(
+        {
+            setenv("QZ_PLATFORM_CONFIG", key.path.c_str(), 1);
+            rt_cfg();
+            exit(0);
+        },
+        testing::ExitedWithCode(1), ":2: neighbours.key_file: /dev/zero: not a regular file");
 }

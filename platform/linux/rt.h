@@ -174,7 +174,11 @@ bool rt_dcd_opened();
 bool rt_event_running();
 
 // Path of a socket or file of this instance under runtime_dir (creates runtime_dir).
+// A runtime_dir that another user could change ends the process with status 1.
 std::string rt_runtime_path(const char *name);
+// Whether dir is a real directory (no symbolic link) that only this user can change:
+// owned by the effective uid and not writable by group or others. why says what is not.
+bool rt_dir_private(const std::string &dir, std::string &why);
 
 // ---- Life of the runtime's threads ----
 

@@ -314,17 +314,48 @@ bool mkdir_p(const std::string &dir, mode_t mode)
 }
 } // namespace
 
+bool rt_dir_private(const std::string &dir, std::string &why)
+{
+    struct stat st;
+    if (lstat(dir.c_str(), &st) != 0)
+        why = strerror(errno);
+    else if (S_ISLNK(st.st_mode))
+        why = "is a symbolic link";
+    else if (!S_ISDIR(st.st_mode))
+        why = "not a directory";
+    else if (st.st_uid != geteuid())
+        why = "owned by uid " + std::to_string(st.st_uid) + ", not by this user (uid " +
+              std::to_string(geteuid()) + ")";
+    else if (st.st_mode & (S_IWGRP | S_IWOTH)) {
+        char mode[8];
+        snprintf(mode, sizeof mode, "%04o", (unsigned)(st.st_mode & 07777));
+        why = std::string("writable by other users (mode ") + mode + ")";
+    } else
+        return true;
+    return false;
+}
+
 std::string rt_runtime_path(const char *name)
 {
     const std::string &dir = rt_cfg().runtime_dir;
     static std::mutex mu;
     static std::string made;
-    std::lock_guard g(mu);
-    if (made != dir) {
+    std::string why;
+    {
+        std::lock_guard g(mu);
+        if (made == dir)
+            return dir + "/" + name;
         if (!mkdir_p(dir, 0700))
-            rt_log(LOG_ERR, "runtime_dir %s: %s", dir.c_str(), strerror(errno));
-        else
+            why = strerror(errno);
+        else if (rt_dir_private(dir, why))
             made = dir;
+    }
+    if (!why.empty()) {
+        // Whoever can change the directory can swap our sockets for their own.
+        rt_log(LOG_ERR, "runtime_dir %s refused: %s", dir.c_str(), why.c_str());
+        if (!rt_cfg().log_stderr)
+            fprintf(stderr, "runtime_dir %s refused: %s\n", dir.c_str(), why.c_str());
+        exit(1);
     }
     return dir + "/" + name;
 }

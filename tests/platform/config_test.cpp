@@ -180,6 +180,41 @@ TEST(Config, CheckRefusesUnknownDriversAndUnusableKeyFiles)
     rmdir(d);
 }
 
+// Whoever can change runtime_dir can swap the daemon's sockets for their own.
+TEST(Config, RuntimeDirOthersCouldChangeEndsTheStart)
+{
+    char d[] = "/tmp/qz_run_XXXXXX";
+    ASSERT_TRUE(mkdtemp(d));
+    std::string dir = d;
+    auto use = [](const std::string &run) {
+        rt_config c;
+        c.runtime_dir = run;
+        c.log_syslog = false;
+        rt_cfg_set(c);
+        rt_runtime_path("cli.sock");
+        exit(0);
+    };
+    mkdir((dir + "/open").c_str(), 0700);
+    chmod((dir + "/open").c_str(), 0777);
+    EXPECT_EXIT(use(dir + "/open"), testing::ExitedWithCode(1),
+                "runtime_dir .*/open refused: writable by other users \\(mode 0777\\)");
+    symlink((dir + "/open").c_str(), (dir + "/link").c_str());
+    EXPECT_EXIT(use(dir + "/link"), testing::ExitedWithCode(1), "refused: is a symbolic link");
+    if (geteuid() == 0) {
+        mkdir((dir + "/theirs").c_str(), 0700);
+        ASSERT_EQ(chown((dir + "/theirs").c_str(), 65534, 65534), 0);
+        EXPECT_EXIT(use(dir + "/theirs"), testing::ExitedWithCode(1),
+                    "refused: owned by uid 65534, not by this user \\(uid 0\\)");
+        rmdir((dir + "/theirs").c_str());
+    }
+    EXPECT_EXIT(use(dir + "/new/run"), testing::ExitedWithCode(0), "");
+    unlink((dir + "/link").c_str());
+    rmdir((dir + "/new/run").c_str());
+    rmdir((dir + "/new").c_str());
+    rmdir((dir + "/open").c_str());
+    rmdir(d);
+}
+
 // A bad process configuration ends the process with status 1 and the error on stderr.
 TEST(Config, ProcessConfigBadFileExitsWithStatus1)
 {

@@ -216,7 +216,8 @@ std::string secure_files(const std::string &file, bool take)
         return "directory " + dir + " " + why;
     const std::pair<std::string, int> files[] = {{file, 0}, {file + "-lock", take ? O_CREAT : 0}};
     for (auto &[f, create] : files) {
-        int fd = open(f.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | create, file_mode);
+        int fd =
+            open(f.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | create, file_mode);
         if (fd < 0) {
             if (errno == ENOENT)
                 continue; // the store itself is created later, 0600 by LMDB

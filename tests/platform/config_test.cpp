@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "rt.h"
+#include "rt_test_util.h"
 
 namespace {
 
@@ -115,6 +116,10 @@ TEST(Config, ErrorsNameFileLineAndKey)
         {"instance = \"a/b\"\n",
          "F:1: instance: expected letters, digits, '-', '_' or '.' (at most 64, not starting with '.')"},
         {"runtime_dir = \"run/qz\"\n", "F:1: runtime_dir: expected an absolute path"},
+        // "/events.sock" must still fit a socket address.
+        {"runtime_dir = \"/96-characters-long-96-characters-long-96-characters-long-"
+         "96-characters-long-96-characters-long-\"\n",
+         "F:1: runtime_dir: too long for its sockets (at most 95 characters)"},
         {"[[radio]]\nname = \"w0\"\n[[radio]]\nname = \"w1\"\nchannel = 6\n", "F:5: radio[1].channel: unknown key"},
         {"[[radio]]\ndriver = \"sim\"\n", "F:1: radio[0].name: missing (every radio needs its interface name)"},
         {"[[radio]]\nname = \"w0\"\n[[radio]]\nname = \"w0\"\n", "F:3: radio[1].name: radio \"w0\" is configured twice"},
@@ -126,66 +131,48 @@ TEST(Config, ErrorsNameFileLineAndKey)
     EXPECT_EQ(err.rfind("F:2: ", 0), 0u) << err;
 }
 
-TEST(Config, RuntimeDirMustLeaveRoomForItsSockets)
-{
-    std::string longest = "/" + std::string(94, 'd'); // + "/events.sock" fills sun_path
-    EXPECT_EQ(parse("runtime_dir = \"" + longest + "\"\n"), "");
-    EXPECT_EQ(parse("\nruntime_dir = \"" + longest + "d\"\n"),
-              "F:2: runtime_dir: too long for its sockets (at most 95 characters)");
-}
-
 // Files named by the configuration (and the configuration itself) are read only when
 // they are regular and small: a FIFO would block, /dev/zero never ends.
 TEST(Config, CheckRefusesUnknownDriversAndUnusableKeyFiles)
 {
-    char d[] = "/tmp/qz_key_XXXXXX";
-    ASSERT_TRUE(mkdtemp(d));
-    std::string dir = d;
-    std::ofstream(dir + "/good") << "site secret\n";
-    std::ofstream(dir + "/empty") << "\r\n";
-    std::ofstream(dir + "/big") << std::string(5000, 'k');
-    ASSERT_EQ(mkfifo((dir + "/fifo").c_str(), 0600), 0);
-    ASSERT_EQ(symlink((dir + "/good").c_str(), (dir + "/link").c_str()), 0);
-
+    rt_scratch s;
+    std::ofstream(s.path("good")) << "site secret\n";
+    std::ofstream(s.path("empty")) << "\r\n";
+    std::ofstream(s.path("big")) << std::string(5000, 'k');
+    ASSERT_EQ(mkfifo(s.path("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(symlink(s.path("good").c_str(), s.path("link").c_str()), 0);
     auto check = [](const std::string &text) {
         tmp_file f(text);
         rt_config c;
         std::string err;
         if (!rt_config_parse(f.path, c, err) || !rt_config_check(c, err))
-            if (size_t p = err.find(f.path); p != std::string::npos)
-                return err.replace(p, f.path.size(), "F");
+            return err.replace(0, f.path.size(), "F");
         return err;
     };
-    auto key = [&](const std::string &path) {
-        return check("[neighbours]\nkey_file = \"" + path + "\"\n");
+    const std::pair<std::string, std::string> keys[] = {
+        {s.path("good"), ""},
+        {s.path("none"), "No such file or directory"},
+        {s.path("empty"), "empty key"},
+        {s.path("fifo"), "not a regular file"},
+        {"/dev/zero", "not a regular file"},
+        {s.path("link"), "is a symbolic link"},
+        {s.path("big"), "larger than 4096 bytes"},
     };
-    std::string k = "F:2: neighbours.key_file: ";
-    EXPECT_EQ(key(dir + "/good"), "");
-    EXPECT_EQ(key(dir + "/none"), k + dir + "/none: No such file or directory");
-    EXPECT_EQ(key(dir + "/empty"), k + dir + "/empty: empty key");
-    EXPECT_EQ(key(dir + "/fifo"), k + dir + "/fifo: not a regular file");
-    EXPECT_EQ(key("/dev/zero"), k + "/dev/zero: not a regular file");
-    EXPECT_EQ(key(dir), k + dir + ": not a regular file");
-    EXPECT_EQ(key(dir + "/link"), k + dir + "/link: is a symbolic link");
-    EXPECT_EQ(key(dir + "/big"), k + dir + "/big: larger than 4096 bytes");
+    for (auto &[path, why] : keys)
+        EXPECT_EQ(check("[neighbours]\nkey_file = \"" + path + "\"\n"),
+                  why.empty() ? "" : "F:2: neighbours.key_file: " + path + ": " + why);
     EXPECT_EQ(check("[[radio]]\nname = \"w0\"\n[[radio]]\nname = \"w1\"\ndriver = \"pcap\"\n"),
               "F:5: radio[1].driver: unknown driver \"pcap\" (this build has: sim)");
-
     rt_config c;
     std::string err;
-    EXPECT_FALSE(rt_config_parse(dir + "/fifo", c, err));
-    EXPECT_EQ(err, dir + "/fifo: not a regular file");
-    for (const char *f : {"/good", "/empty", "/big", "/fifo", "/link"})
-        unlink((dir + f).c_str());
-    rmdir(d);
+    EXPECT_FALSE(rt_config_parse(s.path("fifo"), c, err));
+    EXPECT_EQ(err, s.path("fifo") + ": not a regular file");
 }
 
 // Whoever can change runtime_dir can swap the daemon's sockets for their own.
 TEST(Config, RuntimeDirOthersCouldChangeEndsTheStart)
 {
-    char d[] = "/tmp/qz_run_XXXXXX";
-    ASSERT_TRUE(mkdtemp(d));
-    std::string dir = d;
+    rt_scratch s;
     auto use = [](const std::string &run) {
         rt_config c;
         c.runtime_dir = run;
@@ -194,25 +181,18 @@ TEST(Config, RuntimeDirOthersCouldChangeEndsTheStart)
         rt_runtime_path("cli.sock");
         exit(0);
     };
-    mkdir((dir + "/open").c_str(), 0700);
-    chmod((dir + "/open").c_str(), 0777);
-    EXPECT_EXIT(use(dir + "/open"), testing::ExitedWithCode(1),
+    mkdir(s.path("open").c_str(), 0700);
+    chmod(s.path("open").c_str(), 0777);
+    EXPECT_EXIT(use(s.path("open")), testing::ExitedWithCode(1),
                 "runtime_dir .*/open refused: writable by other users \\(mode 0777\\)");
-    symlink((dir + "/open").c_str(), (dir + "/link").c_str());
-    EXPECT_EXIT(use(dir + "/link"), testing::ExitedWithCode(1), "refused: is a symbolic link");
+    symlink(s.path("open").c_str(), s.path("link").c_str());
+    EXPECT_EXIT(use(s.path("link")), testing::ExitedWithCode(1), "refused: is a symbolic link");
     if (geteuid() == 0) {
-        mkdir((dir + "/theirs").c_str(), 0700);
-        ASSERT_EQ(chown((dir + "/theirs").c_str(), 65534, 65534), 0);
-        EXPECT_EXIT(use(dir + "/theirs"), testing::ExitedWithCode(1),
+        mkdir(s.path("theirs").c_str(), 0700);
+        ASSERT_EQ(chown(s.path("theirs").c_str(), 65534, 65534), 0);
+        EXPECT_EXIT(use(s.path("theirs")), testing::ExitedWithCode(1),
                     "refused: owned by uid 65534, not by this user \\(uid 0\\)");
-        rmdir((dir + "/theirs").c_str());
     }
-    EXPECT_EXIT(use(dir + "/new/run"), testing::ExitedWithCode(0), "");
-    unlink((dir + "/link").c_str());
-    rmdir((dir + "/new/run").c_str());
-    rmdir((dir + "/new").c_str());
-    rmdir((dir + "/open").c_str());
-    rmdir(d);
 }
 
 // A bad process configuration ends the process with status 1 and the error on stderr.

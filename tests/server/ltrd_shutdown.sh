@@ -23,7 +23,8 @@ chmod 600 "$dir/site.key"
 # The peer never answers: owner queries go out tagged and time out, so the owner,
 # neighbour and timer threads all use the key while the stop comes.
 printf '%s\n' "instance = \"shutdown$$\"" "runtime_dir = \"$dir/run\"" "foreground = true" \
-    "[log]" "syslog = false" "stderr = true" "[mgt]" "mac = \"02:11:22:33:44:66\"" "ip = \"127.0.0.1\"" \
+    "[log]" "syslog = false" "stderr = true" \
+    "[mgt]" "mac = \"02:11:22:33:44:66\"" "ip = \"127.0.0.1\"" \
     "[server]" "address = \"127.0.0.1:$port\"" "[neighbours]" "port = $((port + 1))" \
     "bind = \"127.0.0.1\"" "peers = [\"127.0.0.2\"]" "key_file = \"$dir/site.key\"" \
     "[store]" "dir = \"$dir/store\"" "[sim]" "world = \"$dir/world.toml\"" "ap = \"ap1\"" \
@@ -34,8 +35,9 @@ for run in $(seq "$runs"); do
     for _ in $(seq 200); do [ -S "$dir/run/cli.sock" ] && break; sleep 0.05; done
     # The settings outlive the process (shared memory): the first run sets them once.
     if [ "$run" = 1 ]; then
-        printf 'location-tracking enable\nlocation-tracking report-interval 1\nno location-tracking list-match\n' |
-            "$ltrctl" -s "$dir/run/cli.sock" -f - > /dev/null || { cat "$dir/ltrd.log"; exit 1; }
+        printf '%s\n' 'location-tracking enable' 'location-tracking report-interval 1' \
+            'no location-tracking list-match' | "$ltrctl" -s "$dir/run/cli.sock" -f - > /dev/null ||
+            { cat "$dir/ltrd.log"; exit 1; }
     fi
     sleep "$((RANDOM % 1500 / 1000)).$(printf '%03d' $((RANDOM % 1000)))"
     kill -TERM "$pid"

@@ -4,7 +4,15 @@
 # Usage: ltrd_shutdown.sh LTRD LTRCTL RUNS [SEED]
 set -euo pipefail
 ltrd=$1 ltrctl=$2 runs=$3 seed=${4:-$$} dir=$(mktemp -d /tmp/ltrd-shutdown.XXXXXX) pid=
-trap '[ -n "$pid" ] && kill -KILL $pid 2>/dev/null; rm -rf "$dir"' EXIT
+first=
+# The settings segment made by the first run goes too.
+cleanup() {
+    [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null
+    [ -n "$first" ] && ipcs -m -p 2>/dev/null | awk -v p="$first" '$3 == p { print $1 }' |
+        xargs -r -n1 ipcrm -m 2>/dev/null
+    rm -rf "$dir"
+}
+trap cleanup EXIT
 export ASAN_OPTIONS="${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=1"
 echo "seed $seed"
 RANDOM=$seed
@@ -32,6 +40,7 @@ printf '%s\n' "instance = \"shutdown$$\"" "runtime_dir = \"$dir/run\"" "foregrou
 for run in $(seq "$runs"); do
     QZ_PLATFORM_CONFIG=$dir/p.toml "$ltrd" > "$dir/ltrd.log" 2>&1 &
     pid=$!
+    first=${first:-$pid}
     for _ in $(seq 200); do [ -S "$dir/run/cli.sock" ] && break; sleep 0.05; done
     # The settings outlive the process (shared memory): the first run sets them once.
     if [ "$run" = 1 ]; then

@@ -125,6 +125,7 @@ int sim_open(rt_radio *r)
     r->priv = s.get();
     l.unlock();
     rt_radio_sock_start();
+    rt_life_started("radio.sock", rt_radio_sock_stop);
     return 0;
 }
 

@@ -254,18 +254,9 @@ bool nbr_parse_ipv4(const std::string &text, uint32_t *ip)
 // The site key: the file's bytes, without a trailing line end.
 static bool nbr_read_key(const std::string &path, std::string &key, std::string &err)
 {
-    std::ifstream f(path, std::ios::binary);
-    if (!f) {
-        err = "neighbours.key_file " + path + ": " + strerror(errno);
-        return false;
-    }
-    std::ostringstream ss;
-    ss << f.rdbuf();
-    key = ss.str();
-    while (!key.empty() && (key.back() == '\n' || key.back() == '\r'))
-        key.pop_back();
-    if (key.empty()) {
-        err = "neighbours.key_file " + path + ": empty key";
+    std::string why;
+    if (!rt_read_key(path, key, why)) {
+        err = "neighbours.key_file " + path + ": " + why;
         return false;
     }
     return true;
@@ -299,6 +290,19 @@ static bool nbr_params_from_cfg(nbr_params &p, std::string &err)
     return true;
 }
 
+static nbr_endpoint *g_global_ep;
+
+// Ends the receive thread only: the endpoint stays for senders until process exit.
+static void nbr_global_stop_rx()
+{
+    nbr_endpoint *ep = g_global_ep;
+    if (!ep)
+        return;
+    ep->stop = true;
+    if (ep->rx.joinable() && ep->rx.get_id() != std::this_thread::get_id())
+        ep->rx.join();
+}
+
 nbr_endpoint *nbr_global()
 {
     static std::mutex mu;
@@ -318,5 +322,7 @@ nbr_endpoint *nbr_global()
     }
     rt_log(LOG_INFO, "neighbour messaging on %i:%d%s", p.bind_ip, static_cast<int>(ep->port),
            p.key.empty() ? "" : " (authenticated)");
+    g_global_ep = ep.get();
+    rt_life_started("neighbour receive", nbr_global_stop_rx);
     return ep.get();
 }

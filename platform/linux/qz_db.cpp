@@ -31,7 +31,7 @@ namespace {
 // of our stores: a bare LMDB file of another program lacks it.
 constexpr const char *kv_name = "qz_kv";
 constexpr size_t map_size = 16u << 20; // address space only; the file grows as needed
-constexpr mode_t file_mode = 0644;
+constexpr mode_t file_mode = 0600; // the tracked MACs are nobody else's business
 
 std::mutex g_mu; // the table of open handles, and creation
 std::vector<qz_db *> g_open;
@@ -104,7 +104,7 @@ int mkdirs(const std::string &dir)
         if (pos < dir.size() && dir[pos] != '/')
             continue;
         std::string part = dir.substr(0, pos);
-        if (mkdir(part.c_str(), 0755) < 0 && errno != EEXIST)
+        if (mkdir(part.c_str(), 0700) < 0 && errno != EEXIST)
             return -1;
     }
     return 0;
@@ -203,6 +203,43 @@ bool key_ok(qz_db *db, const void *key, int klen)
     return db && key && klen > 0 && klen <= mdb_env_get_maxkeysize(db->env);
 }
 
+// LMDB opens its files itself, following links: before it does, the directory must be
+// ours alone (so nothing can be swapped in later) and the files in it plain files of
+// ours. Checks only, or with take (just before opening) makes the lock file without
+// following a link and narrows both files to 0600: a refused file stays untouched.
+std::string secure_files(const std::string &file, bool take)
+{
+    size_t slash = file.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+    std::string why;
+    if (!rt_dir_private(dir, why))
+        return "directory " + dir + " " + why;
+    const std::pair<std::string, int> files[] = {{file, 0}, {file + "-lock", take ? O_CREAT : 0}};
+    for (auto &[f, create] : files) {
+        int fd =
+            open(f.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | create, file_mode);
+        if (fd < 0) {
+            if (errno == ENOENT)
+                continue; // the store itself is created later, 0600 by LMDB
+            return f + ": " + (errno == ELOOP ? "is a symbolic link" : strerror(errno));
+        }
+        struct stat st;
+        std::string bad;
+        if (fstat(fd, &st) != 0)
+            bad = strerror(errno);
+        else if (!S_ISREG(st.st_mode))
+            bad = "not a regular file";
+        else if (st.st_uid != geteuid())
+            bad = "owned by uid " + std::to_string(st.st_uid);
+        else if (take && (st.st_mode & 077) && fchmod(fd, file_mode) != 0)
+            bad = std::string("chmod: ") + strerror(errno);
+        close(fd);
+        if (!bad.empty())
+            return f + ": " + bad;
+    }
+    return "";
+}
+
 } // namespace
 
 std::string qz_db_file(const char *path)
@@ -229,6 +266,10 @@ qz_db_t *qz_db_open(const char *path)
     }
 
     std::lock_guard g(g_mu);
+    if (std::string why = secure_files(file, false); !why.empty()) {
+        rt_log(LOG_ERR, "store %s: refused: %s\n", file.c_str(), why.c_str());
+        return nullptr;
+    }
     struct stat st;
     if (stat(file.c_str(), &st) < 0) {
         if (errno != ENOENT) {
@@ -259,6 +300,10 @@ qz_db_t *qz_db_open(const char *path)
     std::string why = check_ours(file, st.st_size);
     if (!why.empty()) {
         rt_log(LOG_ERR, "store %s: refused, left untouched: %s\n", file.c_str(), why.c_str());
+        return nullptr;
+    }
+    if (why = secure_files(file, true); !why.empty()) {
+        rt_log(LOG_ERR, "store %s: refused: %s\n", file.c_str(), why.c_str());
         return nullptr;
     }
 

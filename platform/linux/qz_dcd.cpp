@@ -275,6 +275,10 @@ extern "C" char *if_indextoname(unsigned int ifindex, char *buf) __THROW
 
 int qz_dcd_lib_cleanup(void)
 {
+    // At shutdown the timer thread may still be in a report cycle, the neighbour and
+    // owner threads in a driver call: every runtime thread ends before a radio goes.
+    if (rt_stopping())
+        rt_life_stop_all();
     std::unique_lock g(g_mu);
     close_all_locked();
     std::unique_lock i(g_index_mu);

@@ -16,6 +16,7 @@
 
 #include "rt.h"
 #include "rt_event.h"
+#include "srvchan.h"
 
 namespace {
 
@@ -40,6 +41,10 @@ struct event_lib {
     size_t queue_bytes = 0; // sum of cost() over the queue
     std::map<uint32_t, qz_event_handler> events, kevents;
     std::vector<rt_event_tap_fn> taps;
+    // Radios up at open, delivered once the interface-change event has a subscriber:
+    // posted earlier they would reach nobody, and a restarted daemon would never
+    // re-apply its tracking list to radios that stay up across the restart.
+    std::vector<rt_if_change> link_dump;
     int wake_fd = -1;
     int nl_fd = -1;
     int sock_fd = -1;
@@ -89,6 +94,10 @@ void deliver(event_lib &l, delivery &d)
     int len = (int)d.data.size();
     if (d.kind == KIND_SEND) {
         std::vector<rt_event_tap_fn> taps;
+    // Radios up at open, delivered once the interface-change event has a subscriber:
+    // posted earlier they would reach nobody, and a restarted daemon would never
+    // re-apply its tracking list to radios that stay up across the restart.
+    std::vector<rt_if_change> link_dump;
         {
             std::lock_guard g(l.mu);
             taps = l.taps;
@@ -188,6 +197,9 @@ int qz_event_init(int module_id, pthread_t *thread)
         // Without rtnetlink or events.sock the daemon still runs; the log says what
         // it misses.
         l.nl_fd = rt_netlink_open();
+        l.link_dump.clear();
+        if (l.nl_fd >= 0)
+            l.link_dump = rt_netlink_up_radios();
         l.sock_fd = rt_events_sock_open();
         l.quit = false;
         // Listed by the status command from the start, not only after a first drop.
@@ -212,8 +224,11 @@ int qz_event_init(int module_id, pthread_t *thread)
     }
     rt_event_add_send_tap(rt_events_sock_tap);
     rt_log(LOG_DEBUG, "event library opened for module %d", module_id);
+    rt_life_started("event thread", [] { qz_event_cleanup(); });
     rt_srvchan_start();
+    rt_life_started("server channel", srvchan_close);
     rt_owner_start();
+    rt_life_started("owner service", rt_owner_stop);
     return 0;
 }
 
@@ -237,6 +252,7 @@ int qz_event_cleanup(void)
     l.events.clear();
     l.kevents.clear();
     drop_queue(l);
+    l.link_dump.clear();
     l.started = false;
     return 0;
 }
@@ -270,8 +286,15 @@ int qz_kevent_subscribe(uint32_t id, qz_event_handler handler)
     if (!handler)
         return -1;
     event_lib &l = lib();
-    std::lock_guard g(l.mu);
-    l.kevents[id] = handler;
+    std::vector<rt_if_change> dump;
+    {
+        std::lock_guard g(l.mu);
+        l.kevents[id] = handler;
+        if (id == RT_KEVT_IF_CHANGE)
+            dump.swap(l.link_dump);
+    }
+    for (const rt_if_change &c : dump)
+        rt_kevent_post(RT_KEVT_IF_CHANGE, &c, sizeof c);
     return 0;
 }
 

@@ -31,6 +31,8 @@ struct timer_service {
     std::condition_variable cv;
     std::set<std::pair<steady::time_point, qz_pmpt_timer *>> queue;
     bool started = false;
+    bool quit = false; // the thread leaves after the callback it runs, if any
+    pthread_t thread{};
 };
 
 timer_service &svc()
@@ -43,7 +45,7 @@ void *timer_thread(void *)
 {
     timer_service &s = svc();
     std::unique_lock l(s.mu);
-    for (;;) {
+    while (!s.quit) {
         if (s.queue.empty()) {
             s.cv.wait(l);
             continue;
@@ -72,14 +74,14 @@ int start_service_locked(timer_service &s)
 {
     if (s.started)
         return 0;
-    pthread_t th;
-    int rc = rt_thread_create(&th, timer_thread, nullptr, "qz_timer");
+    s.quit = false;
+    int rc = rt_thread_create(&s.thread, timer_thread, nullptr, "qz_timer");
     if (rc != 0) {
         rt_log(LOG_ERR, "timer service: cannot start its thread");
         return -1;
     }
-    pthread_detach(th);
     s.started = true;
+    rt_life_started("timer service", rt_timer_service_stop);
     return 0;
 }
 
@@ -91,6 +93,24 @@ void disarm_locked(timer_service &s, qz_pmpt_timer *t)
 }
 
 } // namespace
+
+void rt_timer_service_stop()
+{
+    timer_service &s = svc();
+    pthread_t th;
+    {
+        std::lock_guard g(s.mu);
+        if (!s.started)
+            return;
+        s.quit = true;
+        s.started = false;
+        th = s.thread;
+    }
+    s.cv.notify_all();
+    // A callback that ends the process leaves its own thread to the exit.
+    if (!pthread_equal(th, pthread_self()))
+        pthread_join(th, nullptr);
+}
 
 int qz_pmpt_timer_init(int)
 {

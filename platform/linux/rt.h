@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <array>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,10 +49,21 @@ struct rt_config {
     uint32_t owners_peer_timeout_ms = 300;
     std::string store_dir; // "" = store paths as the daemon gives them
     std::string shm_dir;   // unused by System V; reserved
+    std::map<std::string, int> lines; // dotted key ("radio[0].driver") -> its line
 };
 
 // Parses a TOML file. On error returns false and sets err to "file:line: key: what".
 bool rt_config_parse(const std::string &path, rt_config &out, std::string &err);
+// What parsing cannot see: every radio's driver exists in this build, and a configured
+// site key is readable and not empty. Errors as rt_config_parse's.
+bool rt_config_check(const rt_config &c, std::string &err);
+// Reads a whole regular file of at most max bytes without ever blocking (a FIFO, a
+// device or a larger file is refused); with nofollow a symbolic link is refused too.
+// On failure why says what was wrong.
+bool rt_read_regular(const std::string &path, size_t max, bool nofollow, std::string &out,
+                     std::string &why);
+// The site key of key_file: its bytes without trailing line ends, never empty.
+bool rt_read_key(const std::string &path, std::string &key, std::string &why);
 // The process's configuration, loaded on first use; a bad file ends the process with
 // status 1 after printing the error.
 const rt_config &rt_cfg();
@@ -170,4 +182,21 @@ bool rt_dcd_opened();
 bool rt_event_running();
 
 // Path of a socket or file of this instance under runtime_dir (creates runtime_dir).
+// A runtime_dir that another user could change ends the process with status 1.
 std::string rt_runtime_path(const char *name);
+// Whether dir is a real directory (no symbolic link) that only this user can change:
+// owned by the effective uid and not writable by group or others. why says what is not.
+bool rt_dir_private(const std::string &dir, std::string &why);
+
+// ---- Life of the runtime's threads ----
+
+// Records a service whose thread has just started; stop ends and joins that thread
+// (idempotent, harmless when it never started). Also arms the exit hook.
+void rt_life_started(const char *name, void (*stop)());
+// Requests the stop, then stops the recorded services in reverse order of start. Run
+// by the shutdown before the radios are released, and at process exit.
+void rt_life_stop_all();
+// Stop functions of services that others start.
+void rt_timer_service_stop();
+void rt_signals_stop();
+void rt_owner_stop();

@@ -3,7 +3,10 @@
 #include "rt.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
+#include <sys/un.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -15,6 +18,11 @@
 #include <toml++/toml.h>
 
 namespace {
+
+constexpr size_t max_config_bytes = 1 << 20;
+constexpr size_t max_key_bytes = 4096;
+// "/events.sock", the longest socket name, and its NUL must fit sun_path.
+constexpr size_t max_runtime_dir = sizeof(sockaddr_un::sun_path) - sizeof("/events.sock");
 
 // Where a key sits: its dotted name and the line it is written on.
 struct key_ctx {
@@ -150,6 +158,10 @@ constexpr key_def top_keys[] = {
              return false;
          if (c.runtime_dir[0] != '/')
              return k.fail("expected an absolute path");
+         // The sockets live in it: the longest name must still fit a socket address.
+         if (c.runtime_dir.size() > max_runtime_dir)
+             return k.fail("too long for its sockets (at most " + std::to_string(max_runtime_dir) +
+                           " characters)");
          return true;
      }},
     {"foreground", [](const key_ctx &k, const toml::node &n, rt_config &c) {
@@ -319,6 +331,7 @@ bool apply_table(const std::string &file, const std::string &prefix, const toml:
             return k.fail("unknown key");
         if (!def->set(k, node, c))
             return false;
+        c.lines[k.name] = k.line;
     }
     return true;
 }
@@ -362,9 +375,14 @@ bool rt_config_parse(const std::string &path, rt_config &out, std::string &err)
 {
     rt_config c;
     c.path = path;
+    std::string text, why;
+    if (!rt_read_regular(path, max_config_bytes, false, text, why)) {
+        err = path + ": " + why;
+        return false;
+    }
     toml::table root;
     try {
-        root = toml::parse_file(path);
+        root = toml::parse(text, path);
     } catch (const toml::parse_error &e) {
         err = path + ":" + std::to_string(e.source().begin.line) + ": " +
               std::string(e.description());
@@ -398,10 +416,87 @@ bool rt_config_parse(const std::string &path, rt_config &out, std::string &err)
             return k.fail("unknown key");
         if (!def->set(k, node, c))
             return false;
+        c.lines[name] = k.line;
     }
     if (c.runtime_dir.empty())
         c.runtime_dir = default_runtime_dir(c.instance);
     out = std::move(c);
+    return true;
+}
+
+bool rt_config_check(const rt_config &c, std::string &err)
+{
+    auto line = [&](const std::string &key) {
+        auto it = c.lines.find(key);
+        return it == c.lines.end() ? 0 : it->second;
+    };
+    for (size_t i = 0; i < c.radios.size(); i++) {
+        std::string key = "radio[" + std::to_string(i) + "].driver";
+        key_ctx k{c.path, key, line(key), &err};
+        if (!rt_driver_find(c.radios[i].driver))
+            return k.fail("unknown driver \"" + c.radios[i].driver + "\" (this build has: sim)");
+    }
+    if (!c.nb_key_file.empty()) {
+        key_ctx k{c.path, "neighbours.key_file", line("neighbours.key_file"), &err};
+        std::string key, why;
+        if (!rt_read_key(c.nb_key_file, key, why))
+            return k.fail(c.nb_key_file + ": " + why);
+    }
+    return true;
+}
+
+bool rt_read_regular(const std::string &path, size_t max, bool nofollow, std::string &out,
+                     std::string &why)
+{
+    // Non-blocking: opening a FIFO must not wait for a writer.
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | (nofollow ? O_NOFOLLOW : 0));
+    if (fd < 0) {
+        why = nofollow && errno == ELOOP ? "is a symbolic link" : strerror(errno);
+        return false;
+    }
+    struct stat st;
+    bool ok = false;
+    if (fstat(fd, &st) != 0)
+        why = strerror(errno);
+    else if (!S_ISREG(st.st_mode))
+        why = "not a regular file";
+    else if ((size_t)st.st_size > max)
+        why = "larger than " + std::to_string(max) + " bytes";
+    else {
+        // Bounded even when the size lies (a file growing meanwhile).
+        out.assign(max + 1, '\0');
+        size_t n = 0;
+        for (;;) {
+            ssize_t r = read(fd, out.data() + n, out.size() - n);
+            if (r < 0 && errno == EINTR)
+                continue;
+            if (r < 0)
+                why = strerror(errno);
+            if (r <= 0)
+                break;
+            n += (size_t)r;
+            if (n == out.size())
+                break;
+        }
+        out.resize(n);
+        if (why.empty() && n > max)
+            why = "larger than " + std::to_string(max) + " bytes";
+        ok = why.empty();
+    }
+    close(fd);
+    return ok;
+}
+
+bool rt_read_key(const std::string &path, std::string &key, std::string &why)
+{
+    if (!rt_read_regular(path, max_key_bytes, true, key, why))
+        return false;
+    while (!key.empty() && (key.back() == '\n' || key.back() == '\r'))
+        key.pop_back();
+    if (key.empty()) {
+        why = "empty key";
+        return false;
+    }
     return true;
 }
 
@@ -425,7 +520,7 @@ void load_cfg()
         return;
     }
     std::string err;
-    if (!rt_config_parse(path, g_cfg, err)) {
+    if (!rt_config_parse(path, g_cfg, err) || !rt_config_check(g_cfg, err)) {
         fprintf(stderr, "configuration error: %s\n", err.c_str());
         exit(1);
     }

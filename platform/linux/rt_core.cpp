@@ -213,6 +213,8 @@ std::condition_variable g_stop_cv;
 int g_stop_fd = -1;
 std::once_flag g_stop_fd_once;
 std::once_flag g_signals_once;
+pthread_t g_signal_thread;
+std::atomic<bool> g_signals_quit;
 
 void *signal_thread(void *arg)
 {
@@ -221,6 +223,8 @@ void *signal_thread(void *arg)
         int sig;
         if (sigwait(set, &sig) != 0)
             continue;
+        if (g_signals_quit)
+            break;
         if (count == 0) {
             rt_log(LOG_NOTICE, "SIG%s received, stopping", sigabbrev_np(sig));
             rt_request_stop();
@@ -277,13 +281,21 @@ void rt_signals_init()
         sigaddset(&set, SIGINT);
         pthread_sigmask(SIG_BLOCK, &set, nullptr);
         rt_stop_fd();
-        pthread_t t;
-        if (pthread_create(&t, nullptr, signal_thread, &set) != 0) {
+        if (pthread_create(&g_signal_thread, nullptr, signal_thread, &set) != 0) {
             rt_log(LOG_ERR, "cannot start the signal thread: SIGTERM/SIGINT will not stop");
             return;
         }
-        pthread_detach(t);
+        rt_life_started("signal thread", rt_signals_stop);
     });
+}
+
+void rt_signals_stop()
+{
+    if (g_signals_quit.exchange(true) || pthread_equal(g_signal_thread, pthread_self()))
+        return;
+    // Its own wake-up: a signal it waits for, sent to it alone.
+    pthread_kill(g_signal_thread, SIGTERM);
+    pthread_join(g_signal_thread, nullptr);
 }
 
 // ---- Paths of this instance ----
@@ -302,17 +314,48 @@ bool mkdir_p(const std::string &dir, mode_t mode)
 }
 } // namespace
 
+bool rt_dir_private(const std::string &dir, std::string &why)
+{
+    struct stat st;
+    if (lstat(dir.c_str(), &st) != 0)
+        why = strerror(errno);
+    else if (S_ISLNK(st.st_mode))
+        why = "is a symbolic link";
+    else if (!S_ISDIR(st.st_mode))
+        why = "not a directory";
+    else if (st.st_uid != geteuid())
+        why = "owned by uid " + std::to_string(st.st_uid) + ", not by this user (uid " +
+              std::to_string(geteuid()) + ")";
+    else if (st.st_mode & (S_IWGRP | S_IWOTH)) {
+        char mode[8];
+        snprintf(mode, sizeof mode, "%04o", (unsigned)(st.st_mode & 07777));
+        why = std::string("writable by other users (mode ") + mode + ")";
+    } else
+        return true;
+    return false;
+}
+
 std::string rt_runtime_path(const char *name)
 {
     const std::string &dir = rt_cfg().runtime_dir;
     static std::mutex mu;
     static std::string made;
-    std::lock_guard g(mu);
-    if (made != dir) {
+    std::string why;
+    {
+        std::lock_guard g(mu);
+        if (made == dir)
+            return dir + "/" + name;
         if (!mkdir_p(dir, 0700))
-            rt_log(LOG_ERR, "runtime_dir %s: %s", dir.c_str(), strerror(errno));
-        else
+            why = strerror(errno);
+        else if (rt_dir_private(dir, why))
             made = dir;
+    }
+    if (!why.empty()) {
+        // Whoever can change the directory can swap our sockets for their own.
+        rt_log(LOG_ERR, "runtime_dir %s refused: %s", dir.c_str(), why.c_str());
+        if (!rt_cfg().log_stderr)
+            fprintf(stderr, "runtime_dir %s refused: %s\n", dir.c_str(), why.c_str());
+        exit(1);
     }
     return dir + "/" + name;
 }

@@ -5,6 +5,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <vector>
+
 #define RT_EVT_OWNER_QUERY 156
 #define RT_EVT_OWNER_REPLY 157
 #define RT_EVT_SRV_MSG_IN 164
@@ -51,6 +53,9 @@ static_assert(offsetof(rt_mgt_addr_evt, ip) == 20);
 // management interface (event 280). open returns the fd to poll, or -1.
 int rt_netlink_open();
 void rt_netlink_readable();
+// The configured radios that were up when rt_netlink_open learnt the links, each as an
+// "up" change (what a link dump reports). Call while the event thread is not running.
+std::vector<rt_if_change> rt_netlink_up_radios();
 void rt_netlink_close();
 
 // events.sock: injection of deliveries and subscription to qz_event_send copies.

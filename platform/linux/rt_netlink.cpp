@@ -40,7 +40,7 @@ const rt_radio_cfg *radio_cfg(const std::string &name)
     return nullptr;
 }
 
-void post_change(uint32_t type, int ifindex, const link_info &l, const rt_radio_cfg &r)
+rt_if_change make_change(uint32_t type, int ifindex, const link_info &l, const rt_radio_cfg &r)
 {
     rt_if_change c{};
     c.type = type;
@@ -48,6 +48,12 @@ void post_change(uint32_t type, int ifindex, const link_info &l, const rt_radio_
     c.flags = (l.flags & IFF_UP ? RT_IFF_UP : 0) | (l.flags & IFF_LOOPBACK ? RT_IFF_LOOPBACK : 0) |
               (r.access ? 0 : RT_IFF_NO_ACCESS);
     strncpy(c.name, l.name.c_str(), sizeof c.name - 1);
+    return c;
+}
+
+void post_change(uint32_t type, int ifindex, const link_info &l, const rt_radio_cfg &r)
+{
+    rt_if_change c = make_change(type, ifindex, l, r);
     rt_kevent_post(RT_KEVT_IF_CHANGE, &c, sizeof c);
 }
 
@@ -283,6 +289,17 @@ void rt_netlink_readable()
         }
         handle_messages(buf.data(), (int)n, true);
     }
+}
+
+std::vector<rt_if_change> rt_netlink_up_radios()
+{
+    // In radio order, so that the daemon sees them as a kernel dump would list them.
+    std::vector<rt_if_change> out;
+    for (const rt_radio_cfg &r : rt_cfg().radios)
+        for (auto &[idx, l] : g_links)
+            if (l.name == r.name && (l.flags & IFF_UP))
+                out.push_back(make_change(RT_IF_UP, idx, l, r));
+    return out;
 }
 
 void rt_netlink_close()

@@ -38,6 +38,12 @@ static bool owner_associated_here(const uint8_t *mac)
     return false;
 }
 
+void rt_owner_stop()
+{
+    std::lock_guard l(g_mu);
+    owner_slot().reset(); // joins its worker
+}
+
 void rt_owner_start()
 {
     nbr_endpoint *ep = nbr_global();

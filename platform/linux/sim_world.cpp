@@ -10,6 +10,8 @@
 
 #include <toml++/toml.h>
 
+#include "rt.h"
+
 namespace {
 
 struct world_error {
@@ -210,17 +212,12 @@ std::shared_ptr<const sim_world> sim_world_parse(const std::string &text, const 
 
 std::shared_ptr<const sim_world> sim_world_load(const std::string &path, std::string &err)
 {
-    FILE *f = fopen(path.c_str(), "rb");
-    if (!f) {
-        err = path + ": cannot open";
+    // A FIFO would block the start, a device never end.
+    std::string text, why;
+    if (!rt_read_regular(path, 4 << 20, false, text, why)) {
+        err = path + ": " + why;
         return nullptr;
     }
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
-        text.append(buf, n);
-    fclose(f);
     return sim_world_parse(text, path, err);
 }
 

@@ -5,11 +5,13 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <fstream>
 
+#include "ltrctl_conn.h"
 #include "ltrctl_run.h"
 
 using namespace ltrctl;
@@ -170,4 +172,39 @@ TEST(LtrctlConn, GivesUpOnADaemonThatDoesNotAnswer)
     close(l);
     unlink(path.c_str());
     rmdir(dir);
+}
+
+// A socket or directory another user could have made or changed is not talked to.
+TEST(LtrctlConn, SocketOthersCouldHaveMadeIsRefused)
+{
+    char d[] = "/tmp/ltrctl_sock.XXXXXX";
+    ASSERT_TRUE(mkdtemp(d));
+    std::string dir = d, path = dir + "/cli.sock";
+    int l = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    strcpy(sa.sun_path, path.c_str());
+    ASSERT_EQ(bind(l, (sockaddr *)&sa, sizeof sa), 0);
+    ASSERT_EQ(listen(l, 4), 0);
+    auto open_err = [&] {
+        conn c;
+        std::string err;
+        return c.open(path, err) ? std::string() : err;
+    };
+    EXPECT_EQ(open_err(), "");
+    chmod(d, 0777);
+    EXPECT_EQ(open_err(), "refusing " + path + ": " + dir +
+                              " is writable by other users (another user could answer in the "
+                              "daemon's name)");
+    chmod(d, 0700);
+    if (geteuid() == 0) {
+        ASSERT_EQ(lchown(path.c_str(), 65534, 65534), 0);
+        EXPECT_NE(open_err().find(path + " belongs to uid 65534"), std::string::npos);
+        lchown(path.c_str(), 0, 0);
+        ASSERT_EQ(chown(d, 65534, 65534), 0);
+        EXPECT_NE(open_err().find(dir + " belongs to uid 65534"), std::string::npos);
+    }
+    close(l);
+    unlink(path.c_str());
+    rmdir(d);
 }

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 
 #include "rt.h"
+#include "rt_test_util.h"
 
 namespace {
 
@@ -114,6 +116,10 @@ TEST(Config, ErrorsNameFileLineAndKey)
         {"instance = \"a/b\"\n",
          "F:1: instance: expected letters, digits, '-', '_' or '.' (at most 64, not starting with '.')"},
         {"runtime_dir = \"run/qz\"\n", "F:1: runtime_dir: expected an absolute path"},
+        // "/events.sock" must still fit a socket address.
+        {"runtime_dir = \"/96-characters-long-96-characters-long-96-characters-long-"
+         "96-characters-long-96-characters-long-\"\n",
+         "F:1: runtime_dir: too long for its sockets (at most 95 characters)"},
         {"[[radio]]\nname = \"w0\"\n[[radio]]\nname = \"w1\"\nchannel = 6\n", "F:5: radio[1].channel: unknown key"},
         {"[[radio]]\ndriver = \"sim\"\n", "F:1: radio[0].name: missing (every radio needs its interface name)"},
         {"[[radio]]\nname = \"w0\"\n[[radio]]\nname = \"w0\"\n", "F:3: radio[1].name: radio \"w0\" is configured twice"},
@@ -123,6 +129,70 @@ TEST(Config, ErrorsNameFileLineAndKey)
         EXPECT_EQ(parse(text), err) << text;
     std::string err = parse("instance = \"a\"\n[log\n"); // syntax error
     EXPECT_EQ(err.rfind("F:2: ", 0), 0u) << err;
+}
+
+// Files named by the configuration (and the configuration itself) are read only when
+// they are regular and small: a FIFO would block, /dev/zero never ends.
+TEST(Config, CheckRefusesUnknownDriversAndUnusableKeyFiles)
+{
+    rt_scratch s;
+    std::ofstream(s.path("good")) << "site secret\n";
+    std::ofstream(s.path("empty")) << "\r\n";
+    std::ofstream(s.path("big")) << std::string(5000, 'k');
+    ASSERT_EQ(mkfifo(s.path("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(symlink(s.path("good").c_str(), s.path("link").c_str()), 0);
+    auto check = [](const std::string &text) {
+        tmp_file f(text);
+        rt_config c;
+        std::string err;
+        if (!rt_config_parse(f.path, c, err) || !rt_config_check(c, err))
+            return err.replace(0, f.path.size(), "F");
+        return err;
+    };
+    const std::pair<std::string, std::string> keys[] = {
+        {s.path("good"), ""},
+        {s.path("none"), "No such file or directory"},
+        {s.path("empty"), "empty key"},
+        {s.path("fifo"), "not a regular file"},
+        {"/dev/zero", "not a regular file"},
+        {s.path("link"), "is a symbolic link"},
+        {s.path("big"), "larger than 4096 bytes"},
+    };
+    for (auto &[path, why] : keys)
+        EXPECT_EQ(check("[neighbours]\nkey_file = \"" + path + "\"\n"),
+                  why.empty() ? "" : "F:2: neighbours.key_file: " + path + ": " + why);
+    EXPECT_EQ(check("[[radio]]\nname = \"w0\"\n[[radio]]\nname = \"w1\"\ndriver = \"pcap\"\n"),
+              "F:5: radio[1].driver: unknown driver \"pcap\" (this build has: sim)");
+    rt_config c;
+    std::string err;
+    EXPECT_FALSE(rt_config_parse(s.path("fifo"), c, err));
+    EXPECT_EQ(err, s.path("fifo") + ": not a regular file");
+}
+
+// Whoever can change runtime_dir can swap the daemon's sockets for their own.
+TEST(Config, RuntimeDirOthersCouldChangeEndsTheStart)
+{
+    rt_scratch s;
+    auto use = [](const std::string &run) {
+        rt_config c;
+        c.runtime_dir = run;
+        c.log_syslog = false;
+        rt_cfg_set(c);
+        rt_runtime_path("cli.sock");
+        exit(0);
+    };
+    mkdir(s.path("open").c_str(), 0700);
+    chmod(s.path("open").c_str(), 0777);
+    EXPECT_EXIT(use(s.path("open")), testing::ExitedWithCode(1),
+                "runtime_dir .*/open refused: writable by other users \\(mode 0777\\)");
+    symlink(s.path("open").c_str(), s.path("link").c_str());
+    EXPECT_EXIT(use(s.path("link")), testing::ExitedWithCode(1), "refused: is a symbolic link");
+    if (geteuid() == 0) {
+        mkdir(s.path("theirs").c_str(), 0700);
+        ASSERT_EQ(chown(s.path("theirs").c_str(), 65534, 65534), 0);
+        EXPECT_EXIT(use(s.path("theirs")), testing::ExitedWithCode(1),
+                    "refused: owned by uid 65534, not by this user \\(uid 0\\)");
+    }
 }
 
 // A bad process configuration ends the process with status 1 and the error on stderr.
@@ -136,4 +206,12 @@ TEST(Config, ProcessConfigBadFileExitsWithStatus1)
             exit(0);
         },
         testing::ExitedWithCode(1), "foreground: expected true or false");
+    tmp_file key("[neighbours]\nkey_file = \"/dev/zero\"\n");
+    EXPECT_EXIT(
+        {
+            setenv("QZ_PLATFORM_CONFIG", key.path.c_str(), 1);
+            rt_cfg();
+            exit(0);
+        },
+        testing::ExitedWithCode(1), ":2: neighbours.key_file: /dev/zero: not a regular file");
 }

@@ -2,6 +2,8 @@
 // are not our stores.
 #include <lmdb.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <map>
 
@@ -151,6 +153,48 @@ TEST_F(Db, ForeignAndTruncatedFilesAreRefusedAndLeftUntouched)
         EXPECT_EQ(contents(db).size(), bytes.empty() ? 0u : 2000u);
         qz_db_close(db);
     }
+}
+
+// Another user who can change the store's directory or plant links in it could read
+// the tracked stations or make the daemon write where it should not.
+TEST_F(Db, FilesOthersCouldTouchAreRefusedAndOursArePrivate)
+{
+    std::string f = path("t.db");
+    qz_db_close(qz_db_open(f.c_str()));
+    for (const std::string &p : {f, f + "-lock"}) {
+        struct stat st;
+        ASSERT_EQ(stat(p.c_str(), &st), 0) << p;
+        EXPECT_EQ(st.st_mode & 07777, 0600u) << p;
+    }
+    chmod(f.c_str(), 0644); // left so by an older version: narrowed on open
+    qz_db_close(qz_db_open(f.c_str()));
+    struct stat st;
+    ASSERT_EQ(stat(f.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+
+    // A planted lock file link: refused, its target untouched.
+    std::string victim = path("victim"), g = path("g.db");
+    std::ofstream(victim) << "root's file";
+    ASSERT_EQ(symlink(victim.c_str(), (g + "-lock").c_str()), 0);
+    EXPECT_EQ(qz_db_open(g.c_str()), nullptr);
+    EXPECT_EQ(rt_read_file(victim), "root's file");
+    EXPECT_FALSE(fs::exists(g));
+    ASSERT_EQ(symlink(f.c_str(), path("h.db").c_str()), 0); // the store itself a link
+    EXPECT_EQ(qz_db_open(path("h.db").c_str()), nullptr);
+
+    // A directory others may write, or another user's.
+    std::string open_dir = path("open"), theirs = path("theirs");
+    fs::create_directory(open_dir);
+    chmod(open_dir.c_str(), 0777);
+    EXPECT_EQ(qz_db_open((open_dir + "/t.db").c_str()), nullptr);
+    if (geteuid() == 0) {
+        fs::create_directory(theirs);
+        chmod(theirs.c_str(), 0700);
+        ASSERT_EQ(chown(theirs.c_str(), 65534, 65534), 0);
+        EXPECT_EQ(qz_db_open((theirs + "/t.db").c_str()), nullptr);
+        EXPECT_TRUE(fs::is_empty(theirs));
+    }
+    EXPECT_TRUE(fs::is_empty(open_dir));
 }
 
 } // namespace

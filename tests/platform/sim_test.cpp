@@ -167,6 +167,8 @@ TEST_F(SimTest, WorldFollowsDistanceIsDeterministicForASeedAndNamesErrors)
     EXPECT_EQ(err, "f:1: station.assoc: no access point nowhere");
     EXPECT_FALSE(sim_world_parse("[model\n", "f", err));
     EXPECT_EQ(err.rfind("f:1: ", 0), 0u) << err;
+    EXPECT_FALSE(sim_world_load("/", err)); // as a FIFO (blocks) or /dev/zero (never ends)
+    EXPECT_EQ(err, "/: not a regular file");
 }
 
 TEST_F(SimTest, RadioSockSpeaksLinesOverItsSocket)

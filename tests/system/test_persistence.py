@@ -64,6 +64,32 @@ class Persistence(SiteTest):
                 self.assertEqual(r[1], "mac", f"round {round_}: {rows}")
             self.assertEqual([int(r[0]) for r in rows], list(range(1, len(rows) + 1)))
 
+    def test_restart_puts_the_tracking_list_back_on_the_radios(self):
+        site = self.make_site()
+        site.start(interval=1)
+        ap = site.aps[0]
+        radio = ap.radios[0]
+        listed, unlisted = MACS[0], MACS[1]
+        ap.ctl("location-tracking", "mac", listed)
+        ap.ctl("location-tracking", "list-match")
+        for sig in (signal.SIGTERM, signal.SIGKILL):
+            ap.stop(sig)
+            ap.start()
+            # The simulated radios start blank: only the daemon can have set them.
+            state = ap.radio(f"state {radio}")
+            self.assertIn("track 1", state, f"after {sig.name}")
+            self.assertIn("lmatch 1", state, f"after {sig.name}")
+            self.assertIn(f"obj mac {listed}", state, f"after {sig.name}")
+            mark = site.server.mark()
+            ap.radio(f"hear {radio} {unlisted} -40 1 2412")
+            ap.radio(f"hear {radio} {listed} -50 1 2412")
+            site.server.wait_for(lambda m: m.get("op") == "rssi report" and any(
+                st["mac"] == listed for st in m.get("stations", [])), 15, mark,
+                f"a report of {listed} after {sig.name}")
+            reported = {st["mac"] for m in site.server.since(mark)
+                        if m.get("op") == "rssi report" for st in m.get("stations", [])}
+            self.assertNotIn(unlisted, reported, f"after {sig.name}")
+
     def test_saved_running_config_replays_on_a_fresh_daemon(self):
         site = self.make_site(aps=2)
         site.start(enable=False)

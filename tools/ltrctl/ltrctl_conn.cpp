@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
@@ -68,6 +69,33 @@ static int64_t now_ms()
     return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
 }
 
+// Only root or this user may have made the socket and be able to change its directory:
+// anyone else could put a socket of their own there and answer in the daemon's name.
+static bool trusted(const std::string &path, std::string &err)
+{
+    size_t slash = path.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    auto ours = [](uid_t uid) { return uid == 0 || uid == geteuid(); };
+    struct stat st;
+    std::string why;
+    if (lstat(path.c_str(), &st) != 0)
+        return true; // connect says why
+    if (!S_ISSOCK(st.st_mode))
+        why = path + " is not a socket";
+    else if (!ours(st.st_uid))
+        why = path + " belongs to uid " + std::to_string(st.st_uid);
+    else if (stat(dir.c_str(), &st) != 0)
+        why = dir + ": " + strerror(errno);
+    else if (!ours(st.st_uid))
+        why = dir + " belongs to uid " + std::to_string(st.st_uid);
+    else if (st.st_mode & (S_IWGRP | S_IWOTH))
+        why = dir + " is writable by other users";
+    if (why.empty())
+        return true;
+    err = "refusing " + path + ": " + why + " (another user could answer in the daemon's name)";
+    return false;
+}
+
 conn::~conn()
 {
     if (fd >= 0)
@@ -81,6 +109,8 @@ bool conn::open(const std::string &path, std::string &err)
         err = "socket path too long: " + path;
         return false;
     }
+    if (!trusted(path, err))
+        return false;
     fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sa.sun_family = AF_UNIX;
     memcpy(sa.sun_path, path.c_str(), path.size());

@@ -147,8 +147,9 @@ void netns_child()
     qz_event_cleanup();
     pthread_join(t, nullptr);
 
-    // Reopened with wl0 up and wl1 down: the radio already up is reported once, as a
-    // link dump would, so that a restarted daemon re-applies its settings to it.
+    // Reopened with wl0 and wl2 up and wl1 down: each radio already up is reported once,
+    // in radio order, as a link dump would, so that a restarted daemon re-applies its
+    // settings to it.
     sh("ip link set wl0x down");
     sh("ip link set wl0x name wl0");
     sh("ip link set wl0 up");
@@ -156,6 +157,7 @@ void netns_child()
     CHILD_CHECK(qz_event_init(52, &t) == 0);
     qz_kevent_subscribe(RT_KEVT_IF_CHANGE, on_kevent);
     CHILD_CHECK(link_is(RT_IF_UP, "wl0", RT_IFF_UP));
+    CHILD_CHECK(link_is(RT_IF_UP, "wl2", RT_IFF_UP));
     CHILD_CHECK(!next_link(none, 300));
     qz_event_cleanup();
     pthread_join(t, nullptr);

@@ -119,7 +119,7 @@ int ltr_set_enabled(int enable);
 
 // Manager.
 int ltr_mgt_init(void);
-int ltr_mgt_cleanup(void);
+int ltr_mgt_cleanup(void); // never on shutdown: it destroys the settings segment
 int ltr_mgt_set_suppress(uint16_t value);
 int ltr_mgt_set_rpt_interval(uint16_t value);
 int ltr_mgt_set_valid_period(uint16_t value);

@@ -86,6 +86,9 @@ int ltr_mgt_init(void)
     return 0;
 }
 
+// The counterpart of ltr_mgt_init for a caller that tears the manager down in process.
+// Nothing in the daemon calls it, and nothing should on shutdown: it destroys the
+// settings segment, which must outlive a restart.
 int ltr_mgt_cleanup(void)
 {
     if (mgt.owner_flush_timer)

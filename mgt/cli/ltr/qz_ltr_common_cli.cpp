@@ -3,24 +3,12 @@
 #define LTR_UNIT "qz_ltr_common"
 #include <string.h>
 
+#include "ltr_bytes.h"
 #include "ltr_cli.h"
 #include "ltr_track.h"
 
-static uint32_t le32(const uint8_t *p)
-{
-    return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
-}
-
-static void put_le32(uint8_t *p, uint32_t v)
-{
-    p[0] = (uint8_t)v;
-    p[1] = (uint8_t)(v >> 8);
-    p[2] = (uint8_t)(v >> 16);
-    p[3] = (uint8_t)(v >> 24);
-}
-
-uint32_t ltr_cli_arg_flags(const ltr_cli_arg *a) { return le32(a->flags_le); }
-uint32_t ltr_cli_arg_value(const ltr_cli_arg *a) { return le32(a->arg); }
+uint32_t ltr_cli_arg_flags(const ltr_cli_arg *a) { return ltr_get_le32(a->flags_le); }
+uint32_t ltr_cli_arg_value(const ltr_cli_arg *a) { return ltr_get_le32(a->arg); }
 
 // ---- Tracking-list operations (entry points: each takes the lock) ----
 
@@ -252,7 +240,7 @@ static void gen_block(void *ctx, int cmd_id, uint32_t flags, const uint8_t *arg,
                       int len)
 {
     ltr_cli_arg b{};
-    put_le32(b.flags_le, flags);
+    ltr_put_le32(b.flags_le, flags);
     if (arg_len)
         memcpy(b.arg, arg, (size_t)arg_len);
     qz_cli_agent_add_tlv(ctx, cmd_id, &b, len, LTR_CLI_CFG_TAG);
@@ -261,7 +249,7 @@ static void gen_block(void *ctx, int cmd_id, uint32_t flags, const uint8_t *arg,
 static void gen_value(void *ctx, int cmd_id, uint32_t value)
 {
     uint8_t v[4];
-    put_le32(v, value);
+    ltr_put_le32(v, value);
     gen_block(ctx, cmd_id, LTR_CLI_FLAG_ARG, v, 4, LTR_CLI_BLOCK_VALUE);
 }
 

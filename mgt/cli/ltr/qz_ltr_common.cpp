@@ -1,5 +1,5 @@
 // The tracking manager: its one instance, initialisation from the shared settings
-// segment, release, the locked setters, and the life rule of a reading.
+// segment, release and the locked setters.
 #define LTR_UNIT "qz_ltr_common"
 #include "ltr_mgt.h"
 #include "ltr_rssi.h"
@@ -140,15 +140,4 @@ int ltr_mgt_set_rssi_threshold(uint16_t value)
     mgt.cfg->rssi_threshold = (uint8_t)(value & 0xff);
     ltr_unlock(&mgt);
     return 0;
-}
-
-// The parameter shadows the global on purpose: the check's text names it.
-int ltr_rssi_life(ltr_mgt *mgt, ltr_rssi_entry *rssi)
-{
-    LTR_CHECK(mgt != LTR_NULL && rssi != LTR_NULL);
-    if (mgt->my_ip != 0 && rssi->ni_local) {
-        int q = mgt->cfg->rpt_interval ? LTR_LOCAL_HORIZON / mgt->cfg->rpt_interval : 0;
-        return q ? q : 1;
-    }
-    return mgt->cfg->hold_time + 1;
 }

@@ -102,42 +102,54 @@ int ltr_mgt_cleanup(void)
     return 0;
 }
 
-int ltr_mgt_set_suppress(uint16_t value)
+namespace {
+
+// How each setting is stored (lock held) and read back, and its default.
+struct ltr_setting_ops {
+    uint32_t def;
+    void (*set)(ltr_mgt *m, uint32_t v);
+    uint32_t (*get)(const ltr_cfg *c);
+};
+
+constexpr ltr_setting_ops ltr_settings[LTR_SET_COUNT] = {
+    {LTR_DEF_SUPPRESS, [](ltr_mgt *m, uint32_t v) { m->cfg->suppress = (uint16_t)v; },
+     [](const ltr_cfg *c) -> uint32_t { return c->suppress; }},
+    // The only setting with a side effect: a longer interval restarts the timer.
+    {LTR_DEF_RPT_INTERVAL, [](ltr_mgt *m, uint32_t v) { ltr_set_rpt_interval(m, (uint16_t)v); },
+     [](const ltr_cfg *c) -> uint32_t { return c->rpt_interval; }},
+    {LTR_DEF_RSSI_THRESHOLD, [](ltr_mgt *m, uint32_t v) { m->cfg->rssi_threshold = (uint8_t)v; },
+     [](const ltr_cfg *c) -> uint32_t { return c->rssi_threshold; }},
+    {LTR_DEF_VALID_PERIOD, [](ltr_mgt *m, uint32_t v) { m->cfg->valid_period = (uint16_t)v; },
+     [](const ltr_cfg *c) -> uint32_t { return c->valid_period; }},
+    {LTR_DEF_HOLD_TIME, [](ltr_mgt *m, uint32_t v) { m->cfg->hold_time = (uint8_t)v; },
+     [](const ltr_cfg *c) -> uint32_t { return c->hold_time; }},
+};
+static_assert(ltr_settings[LTR_SET_RPT_INTERVAL].def == LTR_DEF_RPT_INTERVAL);
+static_assert(ltr_settings[LTR_SET_HOLD_TIME].def == LTR_DEF_HOLD_TIME);
+
+} // namespace
+
+int ltr_mgt_set(ltr_setting s, uint32_t value)
 {
+    LTR_CHECK(s < LTR_SET_COUNT);
     ltr_lock(&mgt);
-    mgt.cfg->suppress = value;
+    ltr_settings[s].set(&mgt, value);
     ltr_unlock(&mgt);
     return 0;
 }
 
-int ltr_mgt_set_rpt_interval(uint16_t value)
+uint32_t ltr_setting_default(ltr_setting s) { return s < LTR_SET_COUNT ? ltr_settings[s].def : 0; }
+
+uint32_t ltr_setting_value(const ltr_cfg *c, ltr_setting s)
 {
-    ltr_lock(&mgt);
-    ltr_set_rpt_interval(&mgt, value);
-    ltr_unlock(&mgt);
-    return 0;
+    return s < LTR_SET_COUNT ? ltr_settings[s].get(c) : 0;
 }
 
-int ltr_mgt_set_valid_period(uint16_t value)
-{
-    ltr_lock(&mgt);
-    mgt.cfg->valid_period = value;
-    ltr_unlock(&mgt);
-    return 0;
-}
-
-int ltr_mgt_set_hold_time(uint8_t value)
-{
-    ltr_lock(&mgt);
-    mgt.cfg->hold_time = value;
-    ltr_unlock(&mgt);
-    return 0;
-}
-
+int ltr_mgt_set_suppress(uint16_t value) { return ltr_mgt_set(LTR_SET_SUPPRESS, value); }
+int ltr_mgt_set_rpt_interval(uint16_t value) { return ltr_mgt_set(LTR_SET_RPT_INTERVAL, value); }
+int ltr_mgt_set_valid_period(uint16_t value) { return ltr_mgt_set(LTR_SET_VALID_PERIOD, value); }
+int ltr_mgt_set_hold_time(uint8_t value) { return ltr_mgt_set(LTR_SET_HOLD_TIME, value); }
 int ltr_mgt_set_rssi_threshold(uint16_t value)
 {
-    ltr_lock(&mgt);
-    mgt.cfg->rssi_threshold = (uint8_t)(value & 0xff);
-    ltr_unlock(&mgt);
-    return 0;
+    return ltr_mgt_set(LTR_SET_RSSI_THRESHOLD, value);
 }

@@ -108,11 +108,27 @@ static int list_fail(qz_cli_cmd *cmd, int r, const char *msg)
     return fail(cmd, r, msg);
 }
 
+// The command and the error line of each numeric setting.
+struct ltr_cli_setting {
+    int cmd_id;
+    const char *err;
+};
+static constexpr ltr_cli_setting cli_settings[LTR_SET_COUNT] = {
+    {LTR_CMD_SUPPRESS, "ERROR: Set/unset location tracking suppress parameter failed.\n"},
+    {LTR_CMD_RPT_INTERVAL, "ERROR: Set/unset RSSI report interval failed.\n"},
+    {LTR_CMD_RSSI_THRESHOLD, "ERROR: Set/unset RSSI change update threshold failed.\n"},
+    {LTR_CMD_VALID_PERIOD, "ERROR: Set/unset RSSI valid time period failed.\n"},
+    {LTR_CMD_HOLD_TIME, "ERROR: Set/unset RSSI hold time failed.\n"},
+};
+static_assert(cli_settings[LTR_SET_RPT_INTERVAL].cmd_id == LTR_CMD_RPT_INTERVAL);
+static_assert(cli_settings[LTR_SET_HOLD_TIME].cmd_id == LTR_CMD_HOLD_TIME);
+
 // Plain form: the value of the block; "no" form: the setting's default.
-static uint32_t value_or(qz_cli_cmd *cmd, const ltr_cli_arg *arg, uint32_t def)
+static int set_value(qz_cli_cmd *cmd, const ltr_cli_arg *arg, ltr_setting s)
 {
     LTR_CHECK(cmd != LTR_NULL && arg != LTR_NULL);
-    return cmd->negated ? def : ltr_cli_arg_value(arg);
+    uint32_t v = cmd->negated ? ltr_setting_default(s) : ltr_cli_arg_value(arg);
+    return fail(cmd, ltr_mgt_set(s, v), cli_settings[s].err);
 }
 
 int ltr_cli_track_enable(qz_cli_cmd *cmd, ltr_cli_arg *)
@@ -124,35 +140,27 @@ int ltr_cli_track_enable(qz_cli_cmd *cmd, ltr_cli_arg *)
 
 int ltr_cli_suppress(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint16_t v = (uint16_t)value_or(cmd, arg, LTR_DEF_SUPPRESS);
-    return fail(cmd, ltr_mgt_set_suppress(v),
-                "ERROR: Set/unset location tracking suppress parameter failed.\n");
+    return set_value(cmd, arg, LTR_SET_SUPPRESS);
 }
 
 int ltr_cli_rpt_interval(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint16_t v = (uint16_t)value_or(cmd, arg, LTR_DEF_RPT_INTERVAL);
-    return fail(cmd, ltr_mgt_set_rpt_interval(v), "ERROR: Set/unset RSSI report interval failed.\n");
+    return set_value(cmd, arg, LTR_SET_RPT_INTERVAL);
 }
 
 int ltr_cli_rssi_threshold(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint16_t v = (uint16_t)value_or(cmd, arg, LTR_DEF_RSSI_THRESHOLD);
-    return fail(cmd, ltr_mgt_set_rssi_threshold(v),
-                "ERROR: Set/unset RSSI change update threshold failed.\n");
+    return set_value(cmd, arg, LTR_SET_RSSI_THRESHOLD);
 }
 
 int ltr_cli_valid_period(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint16_t v = (uint16_t)value_or(cmd, arg, LTR_DEF_VALID_PERIOD);
-    return fail(cmd, ltr_mgt_set_valid_period(v),
-                "ERROR: Set/unset RSSI valid time period failed.\n");
+    return set_value(cmd, arg, LTR_SET_VALID_PERIOD);
 }
 
 int ltr_cli_hold_time(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint8_t v = (uint8_t)value_or(cmd, arg, LTR_DEF_HOLD_TIME);
-    return fail(cmd, ltr_mgt_set_hold_time(v), "ERROR: Set/unset RSSI hold time failed.\n");
+    return set_value(cmd, arg, LTR_SET_HOLD_TIME);
 }
 
 int ltr_cli_list_match(qz_cli_cmd *cmd, ltr_cli_arg *)
@@ -269,16 +277,12 @@ int ltr_cli_cfg_gen(void *ctx)
     const ltr_cfg *c = mgt.cfg;
     if (c->enabled)
         gen_block(ctx, LTR_CMD_TRACK_ENABLE, 0, nullptr, 0, LTR_CLI_BLOCK_NOARG);
-    if (c->suppress != LTR_DEF_SUPPRESS)
-        gen_value(ctx, LTR_CMD_SUPPRESS, c->suppress);
-    if (c->rpt_interval != LTR_DEF_RPT_INTERVAL)
-        gen_value(ctx, LTR_CMD_RPT_INTERVAL, c->rpt_interval);
-    if (c->rssi_threshold != LTR_DEF_RSSI_THRESHOLD)
-        gen_value(ctx, LTR_CMD_RSSI_THRESHOLD, c->rssi_threshold);
-    if (c->valid_period != LTR_DEF_VALID_PERIOD)
-        gen_value(ctx, LTR_CMD_VALID_PERIOD, c->valid_period);
-    if (c->hold_time != LTR_DEF_HOLD_TIME)
-        gen_value(ctx, LTR_CMD_HOLD_TIME, c->hold_time);
+    for (int i = 0; i < LTR_SET_COUNT; i++) {
+        ltr_setting s = (ltr_setting)i;
+        uint32_t v = ltr_setting_value(c, s);
+        if (v != ltr_setting_default(s))
+            gen_value(ctx, cli_settings[s].cmd_id, v);
+    }
     if (c->enabled) {
         ltr_track_list_foreach(gen_track_obj, ctx);
         if (c->lmatch != 1)

@@ -116,7 +116,8 @@ void dump_tlv(uint16_t type, const uint8_t *v, int vavail)
     }
     case LTR_TLV_RSSI_DATA:
         if (vavail >= 9)
-            LTR_DBG(PACKET, "ap_mac %m, chan_freq %d, power %d", v, ltr_get_be16(v + 6), (int8_t)v[8]);
+            LTR_DBG(PACKET, "ap_mac %m, chan_freq %d, power %d", v, ltr_get_be16(v + 6),
+                    (int8_t)v[8]);
         break;
     case LTR_TLV_ACK_CODE:
         if (vavail >= 1)

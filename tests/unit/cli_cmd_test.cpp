@@ -94,3 +94,24 @@ TEST_F(CliCmd, GeneratorOutputReplaysToTheSameConfiguration)
     for (size_t i = 0; i < first.size(); i++)
         EXPECT_EQ(again[i].block, first[i].block) << i;
 }
+
+TEST_F(CliCmd, SettingCommandsKeepTheirWidthTheNoFormRestoresTheDefault)
+{
+    const int ids[] = {1883, 1893, 1894, 1895, 1897}; // generator order
+    auto settings = [] {
+        const ltr_cfg *c = mgt.cfg;
+        return std::vector<int>{c->suppress, c->rpt_interval, c->rssi_threshold, c->valid_period, c->hold_time};
+    };
+    for (int id : ids)
+        ASSERT_EQ(run(id, false, block(1, {0x05, 0x01, 0x01, 0}, 16)), 0) << id;
+    EXPECT_EQ(settings(), (std::vector<int>{0x105, 0x105, 5, 0x105, 5}));
+    std::vector<int> gen;
+    for (auto &e : fake::run_cfg_gen())
+        gen.push_back(e.cmd_id), gen.push_back(e.block[12] | e.block[13] << 8);
+    EXPECT_EQ(gen, (std::vector<int>{1883, 0x105, 1893, 0x105, 1894, 5, 1895, 0x105, 1897, 5}));
+
+    for (int id : ids)
+        ASSERT_EQ(run(id, true, block(0), 1), 0) << id;
+    EXPECT_EQ(settings(), (std::vector<int>{0, 60, 3, 60, 0}));
+    EXPECT_TRUE(fake::run_cfg_gen().empty());
+}

@@ -208,3 +208,13 @@ TEST_F(EngineOmsg, GrowsInWholeStepsUpToTheLimitAndNeverShrinks)
     ASSERT_EQ(add(5), 0);
     EXPECT_EQ(state(), (std::vector<int>{16384, 0, 16384, 16390, 2}));
 }
+
+TEST_F(EngineOmsg, NeverGrowsBeyondItsLimit)
+{
+    mgt.omsg->max_size = 1500; // a limit that is not a whole number of steps
+    ASSERT_EQ(add(1400), 0);
+    EXPECT_EQ(mgt.omsg->cur_size, 1500);
+    EXPECT_EQ(mgt.omsg->space_left, 100);
+    EXPECT_EQ(add(101), -1);
+    EXPECT_EQ(add(100), 0);
+}

@@ -66,6 +66,29 @@ TEST_F(RssiCycle, DueRulesSuppressionValidPeriodThresholdAndInactive)
     EXPECT_EQ(due(1000, 60000, {rec(1, 29)}), "R");
 }
 
+TEST_F(RssiCycle, OwnedReadingsAreActiveAndOnTheBandOfTheirAssociation)
+{
+    hear(if0, {rec(1, -50)});
+    cycle();
+    own(1);
+    fake::radio_state(if1).assoc[sta_mac(1)] = 2437; // the first radio does not know it
+    auto stored = [&](uint16_t freq, uint8_t active) {
+        hear(if0, {rec(1, -50, freq, active)});
+        cycle();
+        const ltr_rssi_data &d = entry(1)->rssi_data;
+        return std::to_string(d.chan_freq) + (d.active ? " active" : " inactive");
+    };
+    EXPECT_EQ(stored(5180, 0), "2437 active");
+    EXPECT_EQ(eng.tlvs, (strs{"sta 0200.0000.0001", "rd " + me + " 2437 -50"}));
+    EXPECT_EQ(stored(2412, 1), "2412 active"); // same band: as heard
+    fake::radio_state(if1).assoc[sta_mac(1)] = 5180;
+    EXPECT_EQ(stored(4000, 1), "5180 active"); // 4000 is the lower band
+    EXPECT_EQ(stored(4001, 1), "4001 active");
+
+    own(1, peer_ip); // a station owned elsewhere keeps what the driver said
+    EXPECT_EQ(stored(2412, 0), "2412 inactive");
+}
+
 TEST_F(RssiCycle, ReadingsAgeByIntervalAndHoldTime)
 {
     auto survives = [&](uint16_t interval, bool relayed) { // cycles without a fresh value
@@ -99,6 +122,16 @@ TEST_F(RssiCycle, ReadingsAgeByIntervalAndHoldTime)
     cycle();
     EXPECT_EQ(entry(1)->life_start, 2);
     EXPECT_EQ(entry(1)->life_cnt, 1);
+
+    // A longer life does not revive a reading that has run out: min(0, 6) - 1.
+    ltr_sta_tbl_flush(&mgt.sta_tbl);
+    cfg.rpt_interval = 60;
+    hear(if0, {rec(1, -50)});
+    cycle();
+    hear(if0, {});
+    cfg.rpt_interval = 10;
+    cycle();
+    EXPECT_EQ(sta(1), nullptr);
 }
 
 TEST_F(RssiCycle, EntryPointsHoldTheLockAcrossPlatformCalls)

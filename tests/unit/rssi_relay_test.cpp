@@ -81,6 +81,18 @@ TEST_F(RssiRelay, RelayedReadingIsStoredOnlyForKnownStations)
     EXPECT_TRUE(fake::dbg_has("add rssi (sta 0200.0000.0001, ap 0000.0000.000b) failed.\n"));
 }
 
+TEST_F(RssiRelay, AForeignOwnerGetsOnlyThisAccessPointsOwnReadings)
+{
+    own(1, peer_ip);
+    recv(relay_msg(1, {0, 0, 0, 0, 0, 0x0b}, -70, 5180)); // a third AP's reading, kept here
+    hear(if0, {rec(1, -55)});
+    cycle();
+    ASSERT_EQ(fake::hc_sent().size(), 1u);
+    EXPECT_EQ(fake::hc_sent()[0].id, peer_ip);
+    EXPECT_EQ((int8_t)fake::hc_sent()[0].data[25], -55);
+    EXPECT_TRUE(eng.tlvs.empty());
+}
+
 class RssiOwner : public RssiTest {
   protected:
     // Applies a reply as the event dispatcher would hand it over.

@@ -119,7 +119,21 @@ int ltr_set_enabled(int enable);
 
 // Manager.
 int ltr_mgt_init(void);
-int ltr_mgt_cleanup(void);
+int ltr_mgt_cleanup(void); // never on shutdown: it destroys the settings segment
+// The operator's numeric settings, in the order the running configuration lists them.
+enum ltr_setting : uint8_t {
+    LTR_SET_SUPPRESS,
+    LTR_SET_RPT_INTERVAL,
+    LTR_SET_RSSI_THRESHOLD,
+    LTR_SET_VALID_PERIOD,
+    LTR_SET_HOLD_TIME,
+    LTR_SET_COUNT,
+};
+// Takes the lock and stores value cut to the setting's width; returns 0. No range check.
+int ltr_mgt_set(ltr_setting s, uint32_t value);
+uint32_t ltr_setting_default(ltr_setting s);
+uint32_t ltr_setting_value(const ltr_cfg *c, ltr_setting s);
+// One setter per command, each through ltr_mgt_set.
 int ltr_mgt_set_suppress(uint16_t value);
 int ltr_mgt_set_rpt_interval(uint16_t value);
 int ltr_mgt_set_valid_period(uint16_t value);

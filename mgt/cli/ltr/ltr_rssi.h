@@ -50,14 +50,19 @@ struct ltr_owner_reply_evt {
 } __attribute__((packed));
 static_assert(sizeof(ltr_owner_reply_evt) == 2);
 
-// An RSSI change beyond the threshold. The difference wraps in 8 bits and its absolute
-// value stays signed, so a difference of 128 reads as -128 and never counts.
-inline bool ltr_rssi_moved(int8_t last, int8_t now, uint8_t threshold)
-{
-    int8_t d = (int8_t)(uint8_t)(last - now);
-    int8_t a = d < 0 ? (int8_t)(uint8_t)(-d) : d;
-    return a > threshold;
-}
+// Due rule. All with the lock held.
+// One cycle of a reading's life; false once it has run out.
+bool ltr_rssi_age(ltr_mgt *m, ltr_rssi_entry *e);
+// Stores a fresh reading of sta under its reporter (rd->ap_mac), opening the entry when
+// needed, and marks sta due for a new reporter, for due, or for a change beyond the
+// threshold. local: heard by this AP's radios. Null when nothing was stored.
+ltr_rssi_entry *ltr_rssi_store(ltr_mgt *m, ltr_sta *sta, const ltr_rssi_data *rd, bool local,
+                               bool due);
+// A cycle without a report: sta falls due by the suppress count or the valid period.
+void ltr_sta_age(const ltr_cfg *c, ltr_sta *sta);
+// A reading reported or handed over, and then its station.
+void ltr_rssi_consume(ltr_rssi_entry *e);
+void ltr_sta_consume(ltr_sta *sta);
 
 // Cycle.
 void ltr_rssi_cycle(qz_pmpt_timer_t *t, void *param);

@@ -1,5 +1,5 @@
 // The tracking manager: its one instance, initialisation from the shared settings
-// segment, release, the locked setters, and the life rule of a reading.
+// segment, release and the locked setters.
 #define LTR_UNIT "qz_ltr_common"
 #include "ltr_mgt.h"
 #include "ltr_rssi.h"
@@ -86,6 +86,9 @@ int ltr_mgt_init(void)
     return 0;
 }
 
+// The counterpart of ltr_mgt_init for a caller that tears the manager down in process.
+// Nothing in the daemon calls it, and nothing should on shutdown: it destroys the
+// settings segment, which must outlive a restart.
 int ltr_mgt_cleanup(void)
 {
     if (mgt.owner_flush_timer)
@@ -99,53 +102,54 @@ int ltr_mgt_cleanup(void)
     return 0;
 }
 
-int ltr_mgt_set_suppress(uint16_t value)
+namespace {
+
+// How each setting is stored (lock held) and read back, and its default.
+struct ltr_setting_ops {
+    uint32_t def;
+    void (*set)(ltr_mgt *m, uint32_t v);
+    uint32_t (*get)(const ltr_cfg *c);
+};
+
+constexpr ltr_setting_ops ltr_settings[LTR_SET_COUNT] = {
+    {LTR_DEF_SUPPRESS, [](ltr_mgt *m, uint32_t v) { m->cfg->suppress = (uint16_t)v; },
+     [](const ltr_cfg *c) -> uint32_t { return c->suppress; }},
+    // The only setting with a side effect: a longer interval restarts the timer.
+    {LTR_DEF_RPT_INTERVAL, [](ltr_mgt *m, uint32_t v) { ltr_set_rpt_interval(m, (uint16_t)v); },
+     [](const ltr_cfg *c) -> uint32_t { return c->rpt_interval; }},
+    {LTR_DEF_RSSI_THRESHOLD, [](ltr_mgt *m, uint32_t v) { m->cfg->rssi_threshold = (uint8_t)v; },
+     [](const ltr_cfg *c) -> uint32_t { return c->rssi_threshold; }},
+    {LTR_DEF_VALID_PERIOD, [](ltr_mgt *m, uint32_t v) { m->cfg->valid_period = (uint16_t)v; },
+     [](const ltr_cfg *c) -> uint32_t { return c->valid_period; }},
+    {LTR_DEF_HOLD_TIME, [](ltr_mgt *m, uint32_t v) { m->cfg->hold_time = (uint8_t)v; },
+     [](const ltr_cfg *c) -> uint32_t { return c->hold_time; }},
+};
+static_assert(ltr_settings[LTR_SET_RPT_INTERVAL].def == LTR_DEF_RPT_INTERVAL);
+static_assert(ltr_settings[LTR_SET_HOLD_TIME].def == LTR_DEF_HOLD_TIME);
+
+} // namespace
+
+int ltr_mgt_set(ltr_setting s, uint32_t value)
 {
+    LTR_CHECK(s < LTR_SET_COUNT);
     ltr_lock(&mgt);
-    mgt.cfg->suppress = value;
+    ltr_settings[s].set(&mgt, value);
     ltr_unlock(&mgt);
     return 0;
 }
 
-int ltr_mgt_set_rpt_interval(uint16_t value)
+uint32_t ltr_setting_default(ltr_setting s) { return s < LTR_SET_COUNT ? ltr_settings[s].def : 0; }
+
+uint32_t ltr_setting_value(const ltr_cfg *c, ltr_setting s)
 {
-    ltr_lock(&mgt);
-    ltr_set_rpt_interval(&mgt, value);
-    ltr_unlock(&mgt);
-    return 0;
+    return s < LTR_SET_COUNT ? ltr_settings[s].get(c) : 0;
 }
 
-int ltr_mgt_set_valid_period(uint16_t value)
-{
-    ltr_lock(&mgt);
-    mgt.cfg->valid_period = value;
-    ltr_unlock(&mgt);
-    return 0;
-}
-
-int ltr_mgt_set_hold_time(uint8_t value)
-{
-    ltr_lock(&mgt);
-    mgt.cfg->hold_time = value;
-    ltr_unlock(&mgt);
-    return 0;
-}
-
+int ltr_mgt_set_suppress(uint16_t value) { return ltr_mgt_set(LTR_SET_SUPPRESS, value); }
+int ltr_mgt_set_rpt_interval(uint16_t value) { return ltr_mgt_set(LTR_SET_RPT_INTERVAL, value); }
+int ltr_mgt_set_valid_period(uint16_t value) { return ltr_mgt_set(LTR_SET_VALID_PERIOD, value); }
+int ltr_mgt_set_hold_time(uint8_t value) { return ltr_mgt_set(LTR_SET_HOLD_TIME, value); }
 int ltr_mgt_set_rssi_threshold(uint16_t value)
 {
-    ltr_lock(&mgt);
-    mgt.cfg->rssi_threshold = (uint8_t)(value & 0xff);
-    ltr_unlock(&mgt);
-    return 0;
-}
-
-// The parameter shadows the global on purpose: the check's text names it.
-int ltr_rssi_life(ltr_mgt *mgt, ltr_rssi_entry *rssi)
-{
-    LTR_CHECK(mgt != LTR_NULL && rssi != LTR_NULL);
-    if (mgt->my_ip != 0 && rssi->ni_local) {
-        int q = mgt->cfg->rpt_interval ? LTR_LOCAL_HORIZON / mgt->cfg->rpt_interval : 0;
-        return q ? q : 1;
-    }
-    return mgt->cfg->hold_time + 1;
+    return ltr_mgt_set(LTR_SET_RSSI_THRESHOLD, value);
 }

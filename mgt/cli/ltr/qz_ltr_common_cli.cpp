@@ -3,24 +3,12 @@
 #define LTR_UNIT "qz_ltr_common"
 #include <string.h>
 
+#include "ltr_bytes.h"
 #include "ltr_cli.h"
 #include "ltr_track.h"
 
-static uint32_t le32(const uint8_t *p)
-{
-    return (uint32_t)p[0] | (uint32_t)p[1] << 8 | (uint32_t)p[2] << 16 | (uint32_t)p[3] << 24;
-}
-
-static void put_le32(uint8_t *p, uint32_t v)
-{
-    p[0] = (uint8_t)v;
-    p[1] = (uint8_t)(v >> 8);
-    p[2] = (uint8_t)(v >> 16);
-    p[3] = (uint8_t)(v >> 24);
-}
-
-uint32_t ltr_cli_arg_flags(const ltr_cli_arg *a) { return le32(a->flags_le); }
-uint32_t ltr_cli_arg_value(const ltr_cli_arg *a) { return le32(a->arg); }
+uint32_t ltr_cli_arg_flags(const ltr_cli_arg *a) { return ltr_get_le32(a->flags_le); }
+uint32_t ltr_cli_arg_value(const ltr_cli_arg *a) { return ltr_get_le32(a->arg); }
 
 // ---- Tracking-list operations (entry points: each takes the lock) ----
 
@@ -120,11 +108,27 @@ static int list_fail(qz_cli_cmd *cmd, int r, const char *msg)
     return fail(cmd, r, msg);
 }
 
+// The command and the error line of each numeric setting.
+struct ltr_cli_setting {
+    int cmd_id;
+    const char *err;
+};
+static constexpr ltr_cli_setting cli_settings[LTR_SET_COUNT] = {
+    {LTR_CMD_SUPPRESS, "ERROR: Set/unset location tracking suppress parameter failed.\n"},
+    {LTR_CMD_RPT_INTERVAL, "ERROR: Set/unset RSSI report interval failed.\n"},
+    {LTR_CMD_RSSI_THRESHOLD, "ERROR: Set/unset RSSI change update threshold failed.\n"},
+    {LTR_CMD_VALID_PERIOD, "ERROR: Set/unset RSSI valid time period failed.\n"},
+    {LTR_CMD_HOLD_TIME, "ERROR: Set/unset RSSI hold time failed.\n"},
+};
+static_assert(cli_settings[LTR_SET_RPT_INTERVAL].cmd_id == LTR_CMD_RPT_INTERVAL);
+static_assert(cli_settings[LTR_SET_HOLD_TIME].cmd_id == LTR_CMD_HOLD_TIME);
+
 // Plain form: the value of the block; "no" form: the setting's default.
-static uint32_t value_or(qz_cli_cmd *cmd, const ltr_cli_arg *arg, uint32_t def)
+static int set_value(qz_cli_cmd *cmd, const ltr_cli_arg *arg, ltr_setting s)
 {
     LTR_CHECK(cmd != LTR_NULL && arg != LTR_NULL);
-    return cmd->negated ? def : ltr_cli_arg_value(arg);
+    uint32_t v = cmd->negated ? ltr_setting_default(s) : ltr_cli_arg_value(arg);
+    return fail(cmd, ltr_mgt_set(s, v), cli_settings[s].err);
 }
 
 int ltr_cli_track_enable(qz_cli_cmd *cmd, ltr_cli_arg *)
@@ -136,35 +140,27 @@ int ltr_cli_track_enable(qz_cli_cmd *cmd, ltr_cli_arg *)
 
 int ltr_cli_suppress(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint16_t v = (uint16_t)value_or(cmd, arg, LTR_DEF_SUPPRESS);
-    return fail(cmd, ltr_mgt_set_suppress(v),
-                "ERROR: Set/unset location tracking suppress parameter failed.\n");
+    return set_value(cmd, arg, LTR_SET_SUPPRESS);
 }
 
 int ltr_cli_rpt_interval(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint16_t v = (uint16_t)value_or(cmd, arg, LTR_DEF_RPT_INTERVAL);
-    return fail(cmd, ltr_mgt_set_rpt_interval(v), "ERROR: Set/unset RSSI report interval failed.\n");
+    return set_value(cmd, arg, LTR_SET_RPT_INTERVAL);
 }
 
 int ltr_cli_rssi_threshold(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint16_t v = (uint16_t)value_or(cmd, arg, LTR_DEF_RSSI_THRESHOLD);
-    return fail(cmd, ltr_mgt_set_rssi_threshold(v),
-                "ERROR: Set/unset RSSI change update threshold failed.\n");
+    return set_value(cmd, arg, LTR_SET_RSSI_THRESHOLD);
 }
 
 int ltr_cli_valid_period(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint16_t v = (uint16_t)value_or(cmd, arg, LTR_DEF_VALID_PERIOD);
-    return fail(cmd, ltr_mgt_set_valid_period(v),
-                "ERROR: Set/unset RSSI valid time period failed.\n");
+    return set_value(cmd, arg, LTR_SET_VALID_PERIOD);
 }
 
 int ltr_cli_hold_time(qz_cli_cmd *cmd, ltr_cli_arg *arg)
 {
-    uint8_t v = (uint8_t)value_or(cmd, arg, LTR_DEF_HOLD_TIME);
-    return fail(cmd, ltr_mgt_set_hold_time(v), "ERROR: Set/unset RSSI hold time failed.\n");
+    return set_value(cmd, arg, LTR_SET_HOLD_TIME);
 }
 
 int ltr_cli_list_match(qz_cli_cmd *cmd, ltr_cli_arg *)
@@ -252,7 +248,7 @@ static void gen_block(void *ctx, int cmd_id, uint32_t flags, const uint8_t *arg,
                       int len)
 {
     ltr_cli_arg b{};
-    put_le32(b.flags_le, flags);
+    ltr_put_le32(b.flags_le, flags);
     if (arg_len)
         memcpy(b.arg, arg, (size_t)arg_len);
     qz_cli_agent_add_tlv(ctx, cmd_id, &b, len, LTR_CLI_CFG_TAG);
@@ -261,7 +257,7 @@ static void gen_block(void *ctx, int cmd_id, uint32_t flags, const uint8_t *arg,
 static void gen_value(void *ctx, int cmd_id, uint32_t value)
 {
     uint8_t v[4];
-    put_le32(v, value);
+    ltr_put_le32(v, value);
     gen_block(ctx, cmd_id, LTR_CLI_FLAG_ARG, v, 4, LTR_CLI_BLOCK_VALUE);
 }
 
@@ -281,16 +277,12 @@ int ltr_cli_cfg_gen(void *ctx)
     const ltr_cfg *c = mgt.cfg;
     if (c->enabled)
         gen_block(ctx, LTR_CMD_TRACK_ENABLE, 0, nullptr, 0, LTR_CLI_BLOCK_NOARG);
-    if (c->suppress != LTR_DEF_SUPPRESS)
-        gen_value(ctx, LTR_CMD_SUPPRESS, c->suppress);
-    if (c->rpt_interval != LTR_DEF_RPT_INTERVAL)
-        gen_value(ctx, LTR_CMD_RPT_INTERVAL, c->rpt_interval);
-    if (c->rssi_threshold != LTR_DEF_RSSI_THRESHOLD)
-        gen_value(ctx, LTR_CMD_RSSI_THRESHOLD, c->rssi_threshold);
-    if (c->valid_period != LTR_DEF_VALID_PERIOD)
-        gen_value(ctx, LTR_CMD_VALID_PERIOD, c->valid_period);
-    if (c->hold_time != LTR_DEF_HOLD_TIME)
-        gen_value(ctx, LTR_CMD_HOLD_TIME, c->hold_time);
+    for (int i = 0; i < LTR_SET_COUNT; i++) {
+        ltr_setting s = (ltr_setting)i;
+        uint32_t v = ltr_setting_value(c, s);
+        if (v != ltr_setting_default(s))
+            gen_value(ctx, cli_settings[s].cmd_id, v);
+    }
     if (c->enabled) {
         ltr_track_list_foreach(gen_track_obj, ctx);
         if (c->lmatch != 1)

@@ -93,23 +93,8 @@ void ltr_collect_record(ltr_mgt *m, const lta_rpt_entry *rec, bool *full)
         ltr_band_correct(sta->macaddr, &rd);
     }
 
-    ltr_rssi_entry *e = ltr_rssi_find(sta, m->my_mac);
-    if (!e) {
-        e = ltr_rssi_add(sta, &rd);
-        if (!e) {
-            LTR_DBG(ERROR, "add rssi (sta %m, ap %m) failed.\n", sta->macaddr, rd.ap_mac);
-            return;
-        }
-        sta->need_report = 1;
-        e->ni_local = 1;
-        e->last_pwr_rpt = rd.rssi;
-        e->life_start = ltr_rssi_life(m, e);
-    }
     // The driver's own flag counts here, not the one forced for owned stations.
-    if (rec->active == 0 || ltr_rssi_moved(e->last_pwr_rpt, rd.rssi, m->cfg->rssi_threshold))
-        sta->need_report = 1;
-    e->rssi_data = rd;
-    e->life_cnt = e->life_start;
+    ltr_rssi_store(m, sta, &rd, true, rec->active == 0);
 }
 
 void ltr_collect(ltr_mgt *m)
@@ -134,13 +119,7 @@ void ltr_collect(ltr_mgt *m)
 // Ages one station's readings and reports or relays them when the station is due.
 void ltr_report_sta(ltr_mgt *m, ltr_sta *sta)
 {
-    const ltr_cfg *c = m->cfg;
-    if (!sta->need_report) {
-        sta->sup_cnt++;
-        sta->rpt_age += c->rpt_interval;
-        if (sta->sup_cnt > c->suppress || (uint32_t)sta->rpt_age + c->rpt_interval > c->valid_period)
-            sta->need_report = 1;
-    }
+    ltr_sta_age(m->cfg, sta);
     bool owned = ltr_owned(m, sta);
     if (sta->need_report && owned)
         ltr_add_sta_tlv(m, sta);
@@ -148,14 +127,7 @@ void ltr_report_sta(ltr_mgt *m, ltr_sta *sta)
     bool reported = false;
     for (ltr_rssi_entry *e = sta->rssi_list, *next; e; e = next) {
         next = e->link.next;
-        int life = ltr_rssi_life(m, e);
-        if (life == e->life_start) {
-            e->life_cnt--;
-        } else {
-            e->life_start = life;
-            e->life_cnt = std::min(e->life_cnt, life) - 1;
-        }
-        if (e->life_cnt < 0) {
+        if (!ltr_rssi_age(m, e)) {
             ltr_rssi_del(e);
             continue;
         }
@@ -168,14 +140,11 @@ void ltr_report_sta(ltr_mgt *m, ltr_sta *sta)
         else if (sta->ni_owner_ip != 0 && e->ni_local)
             ltr_relay_rssi(sta->macaddr, &e->rssi_data, sta->ni_owner_ip);
         // Consumed even when nobody could be told (owner unknown).
-        e->last_pwr_rpt = e->rssi_data.rssi;
+        ltr_rssi_consume(e);
         reported = true;
     }
-    if (reported) {
-        sta->rpt_age = 0;
-        sta->sup_cnt = 0;
-        sta->need_report = 0;
-    }
+    if (reported)
+        ltr_sta_consume(sta);
 }
 
 void ltr_add_sta_readings(ltr_mgt *m, ltr_sta *sta)
@@ -183,7 +152,7 @@ void ltr_add_sta_readings(ltr_mgt *m, ltr_sta *sta)
     ltr_add_sta_tlv(m, sta);
     for (ltr_rssi_entry *e = sta->rssi_list; e; e = e->link.next) {
         ltr_add_rssi_tlv(m, e);
-        e->last_pwr_rpt = e->rssi_data.rssi;
+        ltr_rssi_consume(e);
     }
 }
 

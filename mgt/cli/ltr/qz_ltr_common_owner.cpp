@@ -80,10 +80,8 @@ int ltr_handle_owner_reply(const ltr_owner_reply_evt *evt)
         if (!e)
             continue;
         ltr_relay_rssi(sta->macaddr, &e->rssi_data, rec.owner);
-        e->last_pwr_rpt = e->rssi_data.rssi;
-        sta->rpt_age = 0;
-        sta->sup_cnt = 0;
-        sta->need_report = 0;
+        ltr_rssi_consume(e);
+        ltr_sta_consume(sta);
     }
     ltr_unlock(&mgt);
     return 0;

@@ -96,24 +96,7 @@ int ltr_relay_rssi_recv(ltr_lta_msg *msg_hdr)
     rd.rssi = p->rssi;
     rd.active = p->active;
 
-    ltr_rssi_entry *e = ltr_rssi_find(sta, rd.ap_mac);
-    if (!e) {
-        if (!rd.active)
-            return 0;
-        e = ltr_rssi_add(sta, &rd);
-        if (!e) {
-            LTR_DBG(ERROR, "add rssi (sta %m, ap %m) failed.\n", sta->macaddr, rd.ap_mac);
-            return 0;
-        }
-        sta->need_report = 1;
-        e->last_pwr_rpt = rd.rssi;
-        e->ni_local = 0;
-        e->life_start = ltr_rssi_life(&mgt, e);
-    }
     // Unlike a local reading, an inactive relayed one is not due by itself.
-    if (ltr_rssi_moved(e->last_pwr_rpt, rd.rssi, mgt.cfg->rssi_threshold))
-        sta->need_report = 1;
-    e->rssi_data = rd;
-    e->life_cnt = e->life_start;
+    ltr_rssi_store(&mgt, sta, &rd, false, false);
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <string.h>
 
+#include "ltr_bytes.h"
 #include "ltr_engine.h"
 
 #define LTR_UNIT "qz_ltr_engine"
@@ -13,18 +14,10 @@ constexpr int hdr_len = (int)sizeof(ltr_srv_msg);
 constexpr int tlv_head = (int)sizeof(ltr_tlv);
 constexpr int body_head = (int)sizeof(ltr_msg_body);
 
-uint16_t get_be16(const uint8_t *p) { return (uint16_t)(p[0] << 8 | p[1]); }
-
-void put_be16(uint8_t *p, uint16_t v)
-{
-    p[0] = (uint8_t)(v >> 8);
-    p[1] = (uint8_t)v;
-}
-
 uint8_t *put_head(uint8_t *tlv, uint16_t type, uint16_t len)
 {
-    put_be16(tlv, type);
-    put_be16(tlv + 2, len);
+    ltr_put_be16(tlv, type);
+    ltr_put_be16(tlv + 2, len);
     return tlv + tlv_head;
 }
 
@@ -86,7 +79,7 @@ void dump_tlv(uint16_t type, const uint8_t *v, int vavail)
     switch (type) {
     case LTR_TLV_REPORT_INTERVAL:
         if (vavail >= 2)
-            LTR_DBG(PACKET, "report interval %d", get_be16(v));
+            LTR_DBG(PACKET, "report interval %d", ltr_get_be16(v));
         break;
     case LTR_TLV_RSSI_THRESHOLD:
         if (vavail >= 1)
@@ -94,7 +87,7 @@ void dump_tlv(uint16_t type, const uint8_t *v, int vavail)
         break;
     case LTR_TLV_RSSI_VALID_PERIOD:
         if (vavail >= 2)
-            LTR_DBG(PACKET, "rssi valid period %d", get_be16(v));
+            LTR_DBG(PACKET, "rssi valid period %d", ltr_get_be16(v));
         break;
     case LTR_TLV_MAC_LIST: {
         if (vavail < 1)
@@ -123,7 +116,8 @@ void dump_tlv(uint16_t type, const uint8_t *v, int vavail)
     }
     case LTR_TLV_RSSI_DATA:
         if (vavail >= 9)
-            LTR_DBG(PACKET, "ap_mac %m, chan_freq %d, power %d", v, get_be16(v + 6), (int8_t)v[8]);
+            LTR_DBG(PACKET, "ap_mac %m, chan_freq %d, power %d", v, ltr_get_be16(v + 6),
+                    (int8_t)v[8]);
         break;
     case LTR_TLV_ACK_CODE:
         if (vavail >= 1)
@@ -252,7 +246,8 @@ void ltr_msg_dump(const ltr_msg_body *body, int size)
     if (!body || size < body_head)
         return;
     const uint8_t *b = (const uint8_t *)body;
-    dump_walk({b + body_head, size - body_head, (int)get_be16(b + 2) - body_head, (int)get_be16(b + 4), true});
+    int len = ltr_get_be16(b + 2), tlv_num = ltr_get_be16(b + 4);
+    dump_walk({b + body_head, size - body_head, len - body_head, tlv_num, true});
 }
 
 int ltr_tlv_build_mac_list(uint8_t *tlv, const uint8_t *mlist, uint8_t n)
@@ -280,7 +275,7 @@ int ltr_tlv_build_rssi_data(uint8_t *tlv, const ltr_rssi_data *rssi_data)
     LTR_CHECK(tlv != LTR_NULL && rssi_data != LTR_NULL);
     uint8_t *v = put_head(tlv, LTR_TLV_RSSI_DATA, LTR_TLV_RSSI_LEN);
     memcpy(v, rssi_data->ap_mac, 6);
-    put_be16(v + 6, rssi_data->chan_freq);
+    ltr_put_be16(v + 6, rssi_data->chan_freq);
     v[8] = (uint8_t)rssi_data->rssi;
     return LTR_TLV_RSSI_LEN;
 }

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "ltr_alloc.h"
+#include "ltr_bytes.h"
 #include "ltr_engine.h"
 #include "ltr_rssi.h"
 #include "ltr_track.h"
@@ -16,8 +17,6 @@ namespace {
 // addresses; an OUI list has no such value.
 constexpr int mac_per_tlv = 254;
 constexpr int oui_per_tlv = 255;
-
-uint16_t get_be16(const uint8_t *p) { return (uint16_t)(p[0] << 8 | p[1]); }
 
 void unhandled(const ltr_tlv_ref *t)
 {
@@ -32,7 +31,7 @@ bool set_param(ltr_mgt *mgt, const ltr_tlv_ref *t)
     case LTR_TLV_REPORT_INTERVAL:
         if (t->vlen < 2)
             return false;
-        ltr_set_rpt_interval(mgt, get_be16(v));
+        ltr_set_rpt_interval(mgt, ltr_get_be16(v));
         return true;
     case LTR_TLV_RSSI_THRESHOLD:
         if (t->vlen < 1)
@@ -42,7 +41,7 @@ bool set_param(ltr_mgt *mgt, const ltr_tlv_ref *t)
     case LTR_TLV_RSSI_VALID_PERIOD:
         if (t->vlen < 2)
             return false;
-        mgt->cfg->valid_period = get_be16(v);
+        mgt->cfg->valid_period = ltr_get_be16(v);
         return true;
     }
     return false;

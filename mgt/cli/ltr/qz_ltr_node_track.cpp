@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include "ltr_alloc.h"
+#include "ltr_bytes.h"
 #include "ltr_mgt.h"
 
 ltr_track_list ltr_tl;
@@ -18,15 +19,13 @@ ltr_track_key ltr_track_key_make(const uint8_t *addr, uint32_t type)
 {
     ltr_track_key k{};
     memcpy(k.addr, addr, type == LTR_TRACK_OUI ? 3 : 6);
-    for (int i = 0; i < 4; i++)
-        k.type_le[i] = (uint8_t)(type >> (8 * i));
+    ltr_put_le32(k.type_le, type);
     return k;
 }
 
 uint32_t ltr_track_key_type(const ltr_track_key *key)
 {
-    return (uint32_t)key->type_le[0] | (uint32_t)key->type_le[1] << 8 |
-           (uint32_t)key->type_le[2] << 16 | (uint32_t)key->type_le[3] << 24;
+    return ltr_get_le32(key->type_le);
 }
 
 const char *ltr_track_type_name(uint32_t type)

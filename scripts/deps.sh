@@ -28,8 +28,8 @@ echo "Installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 # A mirror in the middle of a sync fails one list; the others are still good.
 apt-get update -qq || echo "deps.sh: apt-get update failed in part; going on with the lists at hand" >&2
-install() { apt-get install -y -qq --no-install-recommends "$@"; }
-install "${missing[@]}" && exit 0
+apt_install() { apt-get install -y -qq --no-install-recommends "$@"; }
+apt_install "${missing[@]}" && exit 0
 
 # Multi-Arch "same" packages need one version on both architectures, and the amd64 and
 # i386 lists can offer different ones while a mirror syncs: pin those to the newest
@@ -45,4 +45,4 @@ for p in "${pkgs32[@]}" libssl3:i386 liblmdb0:i386 libtomlplusplus3:i386; do
 done
 [ ${#pins[@]} -gt 0 ] || exit 1
 echo "Pinning to versions both architectures offer: ${pins[*]}"
-install "${missing[@]}" "${pins[@]}"
+apt_install "${missing[@]}" "${pins[@]}"

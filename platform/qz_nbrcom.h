@@ -16,8 +16,16 @@ struct qz_hc_reg {
     uint32_t caps;      // delivery kinds accepted: bit 1 unicast, bit 2 broadcast
     uint32_t version;   // envelope version the registrant speaks (1)
     uint32_t reserved;
-    qz_hc_recv_cb recv;
-    void *priv;         // passed back as ctx; may be null
+    // Pointers sit in 8-byte slots so that the record has the same bytes on 32- and
+    // 64-bit targets; on a 32-bit target the slot's other half stays zero.
+    union {
+        uint64_t recv_slot;
+        qz_hc_recv_cb recv;
+    };
+    union {
+        uint64_t priv_slot;
+        void *priv;     // passed back as ctx; may be null
+    };
 };
 
 int qz_hc_register(struct qz_hc_reg *reg);
@@ -28,6 +36,7 @@ int qz_hc3u_send(uint32_t dst_ip, void *msg, int len);
 #ifdef __cplusplus
 }
 static_assert(sizeof(qz_hc_reg) == 32);
+static_assert(offsetof(qz_hc_reg, caps) == 4 && offsetof(qz_hc_reg, version) == 8);
 static_assert(offsetof(qz_hc_reg, recv) == 16);
 static_assert(offsetof(qz_hc_reg, priv) == 24);
 #endif

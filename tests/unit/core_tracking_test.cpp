@@ -1,4 +1,6 @@
 // Starting and stopping tracking as a whole, and where the lock is held meanwhile.
+#include <cstring>
+
 #include "core_util.h"
 #include "ltr_alloc.h"
 #include "ltr_engine.h"
@@ -41,6 +43,29 @@ TEST_F(CoreTracking, FailedStartsLeaveTrackingStopped)
     EXPECT_EQ(mgt.cfg->enabled, 0u);
     EXPECT_FALSE(fake::timer_state(mgt.rssi_fetch_timer).armed);
     EXPECT_TRUE(core_lock_free());
+}
+
+// The registration record is read by its bytes: the same 32 on every target, with the
+// 32-bit pointers' slot halves zero.
+TEST_F(CoreTracking, StartRegistersTheRelayReceiverWithTheRecordBytes)
+{
+    ASSERT_EQ(ltr_set_enabled(1), 0);
+    uint8_t raw[32];
+    static_assert(sizeof(raw) == sizeof(qz_hc_reg));
+    std::memcpy(raw, &fake::hc_last_reg(), sizeof(raw));
+    auto u32_at = [&](size_t off) {
+        uint32_t v;
+        std::memcpy(&v, raw + off, 4);
+        return v;
+    };
+    EXPECT_EQ(u32_at(0), 52u);
+    EXPECT_EQ(u32_at(4), 6u);
+    EXPECT_EQ(u32_at(8), 1u);
+    qz_hc_recv_cb cb = ltr_lta_msg_recv;
+    EXPECT_EQ(std::memcmp(raw + 16, &cb, sizeof(cb)), 0);
+    const uint8_t zero[16] = {};
+    EXPECT_EQ(std::memcmp(raw + 16 + sizeof(cb), zero, 8 - sizeof(cb)), 0);
+    EXPECT_EQ(std::memcmp(raw + 24, zero, 8), 0) << "second pointer is null";
 }
 
 TEST_F(CoreTracking, StopUndoesStartAndUnregistersWithoutTheLock)

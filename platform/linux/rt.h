@@ -35,15 +35,29 @@ struct rt_config {
     std::vector<std::string> nb_peers;
     std::string nb_key_file;
     std::vector<rt_radio_cfg> radios;
-    std::string sim_world;
-    uint64_t sim_seed = 1;
-    std::string sim_ap;            // access point of the world this instance is; "" = instance
+    // Drivers' own tables ([sim]) by driver name, as their section_key made them.
+    std::map<std::string, std::shared_ptr<void>> driver_conf;
     std::string owners_mode = "auto"; // "auto" or "external"
     uint32_t owners_peer_timeout_ms = 300;
     std::string store_dir; // "" = store paths as the daemon gives them
     std::string shm_dir;   // unused by System V; reserved
     std::map<std::string, int> lines; // dotted key ("radio[0].driver") -> its line
 };
+
+// A driver's own table, made on its first key; the defaults of T while it has none.
+template <typename T> T &rt_driver_conf(rt_config &c, const std::string &driver)
+{
+    std::shared_ptr<void> &p = c.driver_conf[driver];
+    if (!p)
+        p = std::make_shared<T>();
+    return *static_cast<T *>(p.get());
+}
+template <typename T> const T &rt_driver_conf(const rt_config &c, const std::string &driver)
+{
+    static const T defaults{};
+    auto it = c.driver_conf.find(driver);
+    return it == c.driver_conf.end() ? defaults : *static_cast<const T *>(it->second.get());
+}
 
 // Parses a TOML file. On error returns false and sets err to "file:line: key: what".
 bool rt_config_parse(const std::string &path, rt_config &out, std::string &err);

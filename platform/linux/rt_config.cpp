@@ -262,18 +262,6 @@ constexpr key_def radio_keys[] = {
      }},
 };
 
-constexpr key_def sim_keys[] = {
-    {"world", [](const key_ctx &k, const toml::node &n, rt_config &c) {
-         return get_str(k, n, c.sim_world);
-     }},
-    {"seed", [](const key_ctx &k, const toml::node &n, rt_config &c) {
-         return get_int(k, n, c.sim_seed, 0, INT64_MAX);
-     }},
-    {"ap", [](const key_ctx &k, const toml::node &n, rt_config &c) {
-         return get_str(k, n, c.sim_ap);
-     }},
-};
-
 constexpr key_def owners_keys[] = {
     {"mode",
      [](const key_ctx &k, const toml::node &n, rt_config &c) {
@@ -306,7 +294,7 @@ struct section_def {
 
 constexpr section_def sections[] = {
     {"log", log_keys},         {"mgt", mgt_keys},       {"server", server_keys},
-    {"neighbours", neighbours_keys}, {"sim", sim_keys}, {"owners", owners_keys},
+    {"neighbours", neighbours_keys}, {"owners", owners_keys},
     {"store", store_keys},
 };
 
@@ -454,6 +442,20 @@ bool rt_config_parse(const std::string &path, rt_config &out, std::string &err)
                 return false;
             continue;
         }
+        // A table named after a driver of this build is that driver's.
+        if (const rt_driver_ops *ops = rt_driver_find(name); ops && ops->section_key) {
+            const toml::table *t = node.as_table();
+            if (!t)
+                return k.fail("expected a table ([" + name + "])");
+            for (auto &&[dkey, dnode] : *t) {
+                std::string dname(dkey.str());
+                rt_cfg_key dk{dname.c_str(), name + "." + dname, &path, line_of(dkey), &dnode, &err};
+                if (!ops->section_key(c, dk))
+                    return false;
+                c.lines[dk.name] = dk.line;
+            }
+            continue;
+        }
         const key_def *def = nullptr;
         for (const key_def &d : top_keys)
             if (name == d.name)
@@ -478,7 +480,9 @@ bool rt_config_check(const rt_config &c, std::string &err)
     };
     for (size_t i = 0; i < c.radios.size(); i++) {
         std::string key = "radio[" + std::to_string(i) + "].driver";
-        key_ctx k{c.path, key, line(key), &err};
+        // An unset driver is "sim": name the radio's line then.
+        int l = line(key) ? line(key) : line("radio[" + std::to_string(i) + "].name");
+        key_ctx k{c.path, key, l, &err};
         if (!rt_driver_find(c.radios[i].driver))
             return k.fail("unknown driver \"" + c.radios[i].driver + "\" (this build has: " +
                           rt_driver_names() + ")");

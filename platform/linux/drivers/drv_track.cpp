@@ -91,6 +91,20 @@ void drv_report(drv_track &t, std::span<const drv_heard> heard, lta_rpt_entry *b
     t.stats.rpt_cnt += static_cast<uint32_t>(n);
 }
 
+int drv_one_sta(void *buf, int buflen, const uint8_t *mac, uint16_t freq, int *len)
+{
+    constexpr uint16_t rec_len = 10;
+    if (!buf || buflen < rec_len)
+        return -1;
+    auto *b = static_cast<uint8_t *>(buf);
+    memcpy(b, &rec_len, 2);
+    memcpy(b + 2, &freq, 2);
+    memcpy(b + 4, mac, 6);
+    if (len)
+        *len = rec_len;
+    return 0;
+}
+
 std::string drv_track_text(const drv_track &t)
 {
     std::string s = "track " + std::to_string(t.track) + "\nlmatch " + std::to_string(t.lmatch) + "\n";

@@ -45,5 +45,8 @@ bool drv_matches(const drv_track &t, const uint8_t *mac);
 // tracking is off, only matching stations under list match, at most *count entries
 // (*count set to how many, rpt_cnt counts them).
 void drv_report(drv_track &t, std::span<const drv_heard> heard, lta_rpt_entry *buf, int *count);
+// The associated-station record of get_one_sta: u16 length (10), u16 channel
+// frequency, station MAC, host order. -1 when buflen cannot hold it.
+int drv_one_sta(void *buf, int buflen, const uint8_t *mac, uint16_t freq, int *len);
 // "track", "lmatch", "obj mac|oui" and "stats" lines, each ending in '\n'.
 std::string drv_track_text(const drv_track &t);

@@ -9,6 +9,8 @@
 
 #include "qz_dcd.h"
 
+struct rt_config;
+
 // One [[radio]] table. name, driver and access are common to every driver; every other
 // key of the table belongs to the driver, which parses it into conf.
 struct rt_radio_cfg {
@@ -66,6 +68,10 @@ struct rt_driver_ops {
     // rt_radio_conf). A key the driver does not know is rt_cfg_fail(k, "unknown key").
     // Null: the driver has no keys of its own, every other key is unknown.
     bool (*config_key)(rt_radio_cfg &cfg, const rt_cfg_key &k);
+    // Parses one key of the driver's own top-level table, the one named like the
+    // driver ([sim]), into rt_driver_conf(c, name) (rt.h); unknown keys as above.
+    // Null: a table of that name is an unknown key.
+    bool (*section_key)(rt_config &c, const rt_cfg_key &k);
     // Start-up, once per radio in configuration order, before any other call: makes
     // r->priv. A file descriptor goes to rt_io_add, a capture thread is started here
     // (rt_thread_create). A failure ends the start; log why first.

@@ -67,22 +67,22 @@ double sim_now()
 bool sim_load_world_locked()
 {
     sim_global &s = g();
+    const sim_conf &c = rt_driver_conf<sim_conf>(rt_cfg(), "sim");
     if (s.world_tried)
-        return s.world || rt_cfg().sim_world.empty();
+        return s.world || c.world.empty();
     s.world_tried = true;
-    const rt_config &c = rt_cfg();
-    if (c.sim_world.empty())
+    if (c.world.empty())
         return true;
     std::string err;
-    auto w = sim_world_load(c.sim_world, err);
+    auto w = sim_world_load(c.world, err);
     if (!w) {
         rt_log(LOG_ERR, "sim.world: %s", err.c_str());
         return false;
     }
-    std::string ap = c.sim_ap.empty() ? c.instance : c.sim_ap;
+    std::string ap = c.ap.empty() ? rt_cfg().instance : c.ap;
     s.ap = sim_world_find_ap(*w, ap);
     if (s.ap < 0) {
-        rt_log(LOG_ERR, "sim.ap: no access point \"%s\" in %s", ap.c_str(), c.sim_world.c_str());
+        rt_log(LOG_ERR, "sim.ap: no access point \"%s\" in %s", ap.c_str(), c.world.c_str());
         return false;
     }
     s.world = w;
@@ -90,6 +90,22 @@ bool sim_load_world_locked()
 }
 
 sim_radio *priv(rt_radio *r) { return static_cast<sim_radio *>(r->priv); }
+
+bool sim_section_key(rt_config &c, const rt_cfg_key &k)
+{
+    sim_conf &sc = rt_driver_conf<sim_conf>(c, "sim");
+    int64_t seed;
+    if (strcmp(k.key, "world") == 0)
+        return rt_cfg_str(k, sc.world);
+    if (strcmp(k.key, "ap") == 0)
+        return rt_cfg_str(k, sc.ap);
+    if (strcmp(k.key, "seed") != 0)
+        return rt_cfg_fail(k, "unknown key");
+    if (!rt_cfg_int(k, seed, 0, INT64_MAX))
+        return false;
+    sc.seed = static_cast<uint64_t>(seed);
+    return true;
+}
 
 bool sim_config_key(rt_radio_cfg &cfg, const rt_cfg_key &k)
 {
@@ -173,7 +189,7 @@ int sim_get_rpt_tbl(rt_radio *r, lta_rpt_entry *buf, int *count)
     std::vector<sim_heard> world;
     std::shared_ptr<const sim_world> w;
     int ap;
-    uint64_t seed = rt_cfg().sim_seed;
+    uint64_t seed = rt_driver_conf<sim_conf>(rt_cfg(), "sim").seed;
     {
         std::lock_guard l(g().mu);
         w = g().world;
@@ -222,16 +238,7 @@ int sim_get_one_sta(rt_radio *r, const uint8_t *mac, void *buf, int buflen, int 
         freq = s->freq;
     if (!freq)
         return -1;
-    // Record: u16 length, u16 channel frequency, station MAC.
-    auto *b = static_cast<uint8_t *>(buf);
-    uint16_t rec_len = 10;
-    memset(b, 0, 10);
-    memcpy(b, &rec_len, 2);
-    memcpy(b + 2, &freq, 2);
-    memcpy(b + 4, mac, 6);
-    if (len)
-        *len = rec_len;
-    return 0;
+    return drv_one_sta(buf, buflen, mac, freq, len);
 }
 
 int sim_get_stats(rt_radio *r, lta_stats *st)
@@ -248,6 +255,7 @@ int sim_get_stats(rt_radio *r, lta_stats *st)
 const rt_driver_ops rt_driver_sim = {
     .name = "sim",
     .config_key = sim_config_key,
+    .section_key = sim_section_key,
     .open = sim_open,
     .close = sim_close,
     .set_track_enable = sim_set_track_enable,

@@ -11,6 +11,13 @@ struct sim_radio;
 
 extern const rt_driver_ops rt_driver_sim;
 
+// The driver's [sim] table.
+struct sim_conf {
+    std::string world; // world file; "" = only radio.sock feeds the radios
+    uint64_t seed = 1;
+    std::string ap;    // access point of the world this instance is; "" = instance
+};
+
 // The driver's own keys of a [[radio]] table.
 struct sim_radio_conf {
     uint16_t freq = 0; // channel frequency in MHz (0: from the world file)

@@ -57,15 +57,17 @@ struct rt_radio {
     void *priv;          // the driver's state, set by open
 };
 
-// What a driver implements. The driver library calls the operations of a radio's
-// driver, never two of them at once with close; any member but name may be null, and
+// What a driver implements. Operations of one radio come from several threads at once
+// (the daemon's, under its lock, and the owner service's worker): keep a lock per
+// radio. open and close never overlap any other call. Any member but name may be null;
 // a call whose member is null fails (-1). Return values are those of the qz_dcd_* call
 // of the same name: 0 on success, negative on failure.
 struct rt_driver_ops {
     // The registry name, the value of the [[radio]] `driver` key.
     const char *name;
     // Parses one driver-specific key of a [[radio]] table into cfg.conf (see
-    // rt_radio_conf). A key the driver does not know is rt_cfg_fail(k, "unknown key").
+    // rt_radio_conf) while the configuration is read, long before open: store, touch
+    // nothing else. A key the driver does not know is rt_cfg_fail(k, "unknown key").
     // Null: the driver has no keys of its own, every other key is unknown.
     bool (*config_key)(rt_radio_cfg &cfg, const rt_cfg_key &k);
     // Parses one key of the driver's own top-level table, the one named like the
@@ -87,7 +89,7 @@ struct rt_driver_ops {
     // misses and full tables in the statistics. drv_track does all of it.
     int (*set_trackobj)(rt_radio *r, const lta_trackobj *obj);
     // Report table: fills at most *count entries of buf and sets *count to how many.
-    // Called under the daemon's lock from its timer thread: copy, never wait for I/O.
+    // Called under the daemon's lock every report interval: copy, never wait for I/O.
     int (*get_rpt_tbl)(rt_radio *r, lta_rpt_entry *buf, int *count);
     // One associated station: writes the record u16 length, u16 channel frequency,
     // MAC (10 bytes, host order) to buf and its length to *len; fails when mac is not
@@ -122,5 +124,6 @@ int rt_mgt_ip(uint32_t *ip);
 // must read what is there). The thread starts with the first descriptor and ends with
 // the runtime. 0, or -1 when fd is bad or already added.
 int rt_io_add(int fd, void (*fn)(void *arg), void *arg);
-// Once this returns, fn runs no more for fd (it may be called from fn itself).
+// Once this returns, fn runs no more for fd (it may be called from fn itself). It waits
+// for a running fn: do not hold a lock that fn takes.
 void rt_io_remove(int fd);

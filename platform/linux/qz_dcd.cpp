@@ -20,14 +20,6 @@
 
 namespace {
 
-struct driver_entry {
-    const char *name;
-    const rt_driver_ops *ops;
-};
-const driver_entry drivers[] = {
-    {"sim", &rt_driver_sim},
-};
-
 using mac6 = std::array<uint8_t, 6>;
 
 // The open radios. Calls take it shared; opening and closing take it alone, so a
@@ -176,14 +168,6 @@ int read_if_addr(const char *ifname, uint32_t *ip, uint32_t *mask)
 bool is_mgt(const char *ifname) { return ifname && strcmp(ifname, "mgt0") == 0; }
 
 } // namespace
-
-const rt_driver_ops *rt_driver_find(const std::string &name)
-{
-    for (const driver_entry &d : drivers)
-        if (name == d.name)
-            return d.ops;
-    return nullptr;
-}
 
 int qz_dcd_lib_init(void)
 {

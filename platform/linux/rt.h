@@ -13,16 +13,9 @@
 #include <vector>
 
 #include "qz_dcd.h"
+#include "rt_driver.h"
 
 // ---- Configuration (TOML at $QZ_PLATFORM_CONFIG, else /etc/qz/platform.toml) ----
-
-struct rt_radio_cfg {
-    std::string name;   // Linux interface name
-    std::string driver; // "sim" or "pcap"
-    bool access = true; // false: the radio offers no client access
-    std::string capture; // pcap: capture file or monitor interface
-    uint16_t freq = 0;   // sim: channel frequency in MHz (0: from the world file)
-};
 
 struct rt_config {
     std::string path;              // the file read, or "" when none existed
@@ -42,15 +35,29 @@ struct rt_config {
     std::vector<std::string> nb_peers;
     std::string nb_key_file;
     std::vector<rt_radio_cfg> radios;
-    std::string sim_world;
-    uint64_t sim_seed = 1;
-    std::string sim_ap;            // access point of the world this instance is; "" = instance
+    // Drivers' own tables ([sim]) by driver name, as their section_key made them.
+    std::map<std::string, std::shared_ptr<void>> driver_conf;
     std::string owners_mode = "auto"; // "auto" or "external"
     uint32_t owners_peer_timeout_ms = 300;
     std::string store_dir; // "" = store paths as the daemon gives them
     std::string shm_dir;   // unused by System V; reserved
     std::map<std::string, int> lines; // dotted key ("radio[0].driver") -> its line
 };
+
+// A driver's own table, made on its first key; the defaults of T while it has none.
+template <typename T> T &rt_driver_conf(rt_config &c, const std::string &driver)
+{
+    std::shared_ptr<void> &p = c.driver_conf[driver];
+    if (!p)
+        p = std::make_shared<T>();
+    return *static_cast<T *>(p.get());
+}
+template <typename T> const T &rt_driver_conf(const rt_config &c, const std::string &driver)
+{
+    static const T defaults{};
+    auto it = c.driver_conf.find(driver);
+    return it == c.driver_conf.end() ? defaults : *static_cast<const T *>(it->second.get());
+}
 
 // Parses a TOML file. On error returns false and sets err to "file:line: key: what".
 bool rt_config_parse(const std::string &path, rt_config &out, std::string &err);
@@ -126,48 +133,7 @@ int rt_debug_switch(const char *module, const char *category, bool on);
 // "module category on|off\n" per registered category, in registration order.
 std::string rt_debug_text();
 
-// ---- Radios and drivers ----
-
-struct rt_radio;
-
-// One driver; each member may be null when the driver lacks the operation (the
-// call then fails). Results as the qz_dcd_* calls.
-struct rt_driver_ops {
-    const char *name;
-    int (*open)(rt_radio *r);  // 0 / negative
-    void (*close)(rt_radio *r);
-    int (*set_track_enable)(rt_radio *r, int enable);
-    int (*set_lmatch)(rt_radio *r, int value);
-    int (*set_trackobj)(rt_radio *r, const lta_trackobj *obj);
-    int (*get_rpt_tbl)(rt_radio *r, lta_rpt_entry *buf, int *count);
-    int (*get_one_sta)(rt_radio *r, const uint8_t *mac, void *buf, int buflen, int *len);
-    int (*get_stats)(rt_radio *r, lta_stats *stats);
-};
-
-struct rt_radio {
-    int id;              // position in the configuration
-    rt_radio_cfg cfg;
-    const rt_driver_ops *ops;
-    void *priv;          // the driver's state
-};
-
-extern const rt_driver_ops rt_driver_sim;
-// The driver registry: null for an unknown name.
-const rt_driver_ops *rt_driver_find(const std::string &name);
-
-// Radios of the configuration (opened by qz_dcd_lib_init).
-std::vector<rt_radio *> rt_radios();
-rt_radio *rt_radio_by_ifindex(int ifindex);
-rt_radio *rt_radio_by_name(const std::string &name);
-// Resolves every radio's interface index afresh (driver library open, link events);
-// if_nametoindex and if_indextoname answer radios from this table.
-void rt_radio_index_refresh();
-// Whether a radio's last two report tables held the station (tracking on).
-bool rt_radio_hears(const uint8_t mac[6]);
-
-// The management interface's addresses (configured values win).
-int rt_mgt_mac(uint8_t mac[6]);
-int rt_mgt_ip(uint32_t *ip);
+// ---- Radios and drivers: rt_driver.h ----
 
 // ---- Process ----
 

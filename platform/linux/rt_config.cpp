@@ -260,24 +260,6 @@ constexpr key_def radio_keys[] = {
     {"access", [](const key_ctx &k, const toml::node &n, rt_config &c) {
          return get_bool(k, n, c.radios.back().access);
      }},
-    {"capture", [](const key_ctx &k, const toml::node &n, rt_config &c) {
-         return get_str(k, n, c.radios.back().capture);
-     }},
-    {"freq", [](const key_ctx &k, const toml::node &n, rt_config &c) {
-         return get_int(k, n, c.radios.back().freq, 0, 65535);
-     }},
-};
-
-constexpr key_def sim_keys[] = {
-    {"world", [](const key_ctx &k, const toml::node &n, rt_config &c) {
-         return get_str(k, n, c.sim_world);
-     }},
-    {"seed", [](const key_ctx &k, const toml::node &n, rt_config &c) {
-         return get_int(k, n, c.sim_seed, 0, INT64_MAX);
-     }},
-    {"ap", [](const key_ctx &k, const toml::node &n, rt_config &c) {
-         return get_str(k, n, c.sim_ap);
-     }},
 };
 
 constexpr key_def owners_keys[] = {
@@ -312,7 +294,7 @@ struct section_def {
 
 constexpr section_def sections[] = {
     {"log", log_keys},         {"mgt", mgt_keys},       {"server", server_keys},
-    {"neighbours", neighbours_keys}, {"sim", sim_keys}, {"owners", owners_keys},
+    {"neighbours", neighbours_keys}, {"owners", owners_keys},
     {"store", store_keys},
 };
 
@@ -336,6 +318,16 @@ bool apply_table(const std::string &file, const std::string &prefix, const toml:
     return true;
 }
 
+const key_def *find_key(std::span<const key_def> keys, std::string_view key)
+{
+    for (const key_def &d : keys)
+        if (key == d.name)
+            return &d;
+    return nullptr;
+}
+
+bool is_radio_key(std::string_view key) { return find_key(radio_keys, key) != nullptr; }
+
 bool apply_radios(const std::string &file, const toml::key &key, const toml::node &node,
                   rt_config &c, std::string &err)
 {
@@ -348,9 +340,31 @@ bool apply_radios(const std::string &file, const toml::key &key, const toml::nod
         const toml::table &t = *(*a)[i].as_table();
         std::string prefix = "radio[" + std::to_string(i) + "].";
         c.radios.emplace_back();
-        c.radios.back().driver = "sim";
-        if (!apply_table(file, prefix, t, radio_keys, c, err))
-            return false;
+        rt_radio_cfg &rc = c.radios.back();
+        rc.driver = "sim";
+        for (auto &&[key, node] : t) {
+            if (!is_radio_key(key.str()))
+                continue;
+            key_ctx k{file, prefix + std::string(key.str()), line_of(key), &err};
+            if (!find_key(radio_keys, key.str())->set(k, node, c))
+                return false;
+            c.lines[k.name] = k.line;
+        }
+        // The driver reads the rest; one this build lacks is refused by the check.
+        const rt_driver_ops *ops = rt_driver_find(rc.driver);
+        for (auto &&[key, node] : t) {
+            if (is_radio_key(key.str()))
+                continue;
+            std::string name(key.str());
+            rt_cfg_key dk{name.c_str(), prefix + name, &file, line_of(key), &node, &err};
+            if (!ops)
+                continue;
+            if (!ops->config_key)
+                return rt_cfg_fail(dk, "unknown key");
+            if (!ops->config_key(rc, dk))
+                return false;
+            c.lines[dk.name] = dk.line;
+        }
         key_ctx rk{file, prefix + "name", (int)t.source().begin.line, &err};
         if (c.radios.back().name.empty())
             return rk.fail("missing (every radio needs its interface name)");
@@ -370,6 +384,26 @@ std::string default_runtime_dir(const std::string &instance)
 }
 
 } // namespace
+
+// ---- Readers of drivers' own keys ----
+
+namespace {
+
+key_ctx ctx_of(const rt_cfg_key &k) { return key_ctx{*k.file, k.name, k.line, k.err}; }
+const toml::node &node_of(const rt_cfg_key &k) { return *static_cast<const toml::node *>(k.node); }
+
+} // namespace
+
+bool rt_cfg_fail(const rt_cfg_key &k, const std::string &what) { return ctx_of(k).fail(what); }
+
+bool rt_cfg_str(const rt_cfg_key &k, std::string &out) { return get_str(ctx_of(k), node_of(k), out); }
+
+bool rt_cfg_bool(const rt_cfg_key &k, bool &out) { return get_bool(ctx_of(k), node_of(k), out); }
+
+bool rt_cfg_int(const rt_cfg_key &k, int64_t &out, int64_t lo, int64_t hi)
+{
+    return get_int(ctx_of(k), node_of(k), out, lo, hi);
+}
 
 bool rt_config_parse(const std::string &path, rt_config &out, std::string &err)
 {
@@ -408,6 +442,20 @@ bool rt_config_parse(const std::string &path, rt_config &out, std::string &err)
                 return false;
             continue;
         }
+        // A table named after a driver of this build is that driver's.
+        if (const rt_driver_ops *ops = rt_driver_find(name); ops && ops->section_key) {
+            const toml::table *t = node.as_table();
+            if (!t)
+                return k.fail("expected a table ([" + name + "])");
+            for (auto &&[dkey, dnode] : *t) {
+                std::string dname(dkey.str());
+                rt_cfg_key dk{dname.c_str(), name + "." + dname, &path, line_of(dkey), &dnode, &err};
+                if (!ops->section_key(c, dk))
+                    return false;
+                c.lines[dk.name] = dk.line;
+            }
+            continue;
+        }
         const key_def *def = nullptr;
         for (const key_def &d : top_keys)
             if (name == d.name)
@@ -432,9 +480,12 @@ bool rt_config_check(const rt_config &c, std::string &err)
     };
     for (size_t i = 0; i < c.radios.size(); i++) {
         std::string key = "radio[" + std::to_string(i) + "].driver";
-        key_ctx k{c.path, key, line(key), &err};
+        // An unset driver is "sim": name the radio's line then.
+        int l = line(key) ? line(key) : line("radio[" + std::to_string(i) + "].name");
+        key_ctx k{c.path, key, l, &err};
         if (!rt_driver_find(c.radios[i].driver))
-            return k.fail("unknown driver \"" + c.radios[i].driver + "\" (this build has: sim)");
+            return k.fail("unknown driver \"" + c.radios[i].driver + "\" (this build has: " +
+                          rt_driver_names() + ")");
     }
     if (!c.nb_key_file.empty()) {
         key_ctx k{c.path, "neighbours.key_file", line("neighbours.key_file"), &err};

@@ -21,7 +21,7 @@ class Dcd : public testing::Test {
 
 TEST_F(Dcd, RadiosComeFromTheConfigurationInOrder)
 {
-    c.radios = {{"lo", "sim", true, "", 0}, {"qznone0", "sim", false, "", 0}};
+    c.radios = {{"lo", "sim", true}, {"qznone0", "sim", false}};
     rt_cfg_set(c);
     EXPECT_EQ(qz_radio_count(), 2);
     EXPECT_STREQ(qz_ifname_id2radio(1), "qznone0");
@@ -51,7 +51,7 @@ TEST_F(Dcd, CallsForUnknownInterfacesOrBadArgumentsFail)
     EXPECT_LT(qz_dcd_get_radio_one_sta(lo, mac, sta, sizeof sta, &len), 0);
     EXPECT_LT(qz_dcd_set_lta_track_enable(-5, 1), 0);
 
-    c.radios = {{"lo", "warp", true, "", 0}}; // an unknown driver fails the start
+    c.radios = {{"lo", "warp", true}}; // an unknown driver fails the start
     rt_cfg_set(c);
     qz_dcd_lib_cleanup();
     EXPECT_LT(qz_dcd_lib_init(), 0);
@@ -89,7 +89,7 @@ TEST_F(Dcd, Mgt0MapsToTheConfiguredInterfaceOrFixedValues)
 // tables, nothing once tracking is off; radio names resolve from the table.
 TEST_F(Dcd, RadiosHearWhatTheirLastTwoTablesHeldAndResolveFromTheTable)
 {
-    c.radios = {{"lo", "sim", true, "", 0}, {"qznone0", "sim", true, "", 0}};
+    c.radios = {{"lo", "sim", true}, {"qznone0", "sim", true}};
     rt_cfg_set(c);
     ASSERT_EQ(qz_dcd_lib_init(), 0);
     int lo = (int)if_nametoindex("lo");

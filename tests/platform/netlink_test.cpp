@@ -89,7 +89,7 @@ void netns_child()
         _exit(20);
     rt_scratch s;
     rt_config c = rt_test_config(s);
-    c.radios = {{"wl0", "sim", true, "", 0}, {"wl1", "sim", false, "", 0}, {"wl2", "sim", true, "", 0}};
+    c.radios = {{"wl0", "sim", true}, {"wl1", "sim", false}, {"wl2", "sim", true}};
     c.mgt_interface = "m0";
     rt_cfg_set(c);
     for (const char *i : {"wl0", "wl1", "m0", "other"})

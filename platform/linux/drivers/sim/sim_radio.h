@@ -4,12 +4,27 @@
 #include <memory>
 #include <string>
 
+#include "rt_driver.h"
 #include "sim_world.h"
 
 struct sim_radio;
 
-constexpr size_t SIM_MAX_MAC_OBJ = 512; // track objects per radio, like a driver's table
-constexpr size_t SIM_MAX_OUI_OBJ = 128;
+extern const rt_driver_ops rt_driver_sim;
+
+// The driver's [sim] table.
+struct sim_conf {
+    std::string world; // world file; "" = only radio.sock feeds the radios
+    uint64_t seed = 1;
+    std::string ap;    // access point of the world this instance is; "" = instance
+};
+
+// The driver's own keys of a [[radio]] table.
+struct sim_radio_conf {
+    uint16_t freq = 0; // channel frequency in MHz (0: from the world file)
+};
+
+constexpr size_t SIM_MAX_MAC_OBJ = DRV_MAX_MAC_OBJ;
+constexpr size_t SIM_MAX_OUI_OBJ = DRV_MAX_OUI_OBJ;
 
 // The open simulated radio with that interface name, or null; kept alive while held.
 std::shared_ptr<sim_radio> sim_radio_find(const std::string &name);

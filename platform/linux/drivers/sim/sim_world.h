@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
-using sim_mac = std::array<uint8_t, 6>;
+#include "drv_track.h"
+
+using sim_mac = drv_mac;
 
 struct sim_point {
     double x = 0, y = 0;
@@ -44,12 +46,7 @@ struct sim_world {
 };
 
 // One station as a radio hears it.
-struct sim_heard {
-    sim_mac mac{};
-    int8_t rssi = 0;
-    uint8_t active = 0;
-    uint16_t freq = 0;
-};
+using sim_heard = drv_heard;
 
 // Reads a world file; null with err "file:line: key: what" on any fault.
 std::shared_ptr<const sim_world> sim_world_load(const std::string &path, std::string &err);

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <utility>
 
 #include "rt.h"
 #include "sim_radio.h"
@@ -16,11 +17,7 @@ struct sim_radio {
     std::string name;
     int world_radio = 0;      // index of this radio at its world access point
     uint16_t freq = 2412;
-    int track = 0;
-    int lmatch = 0;
-    std::vector<sim_mac> macs;                 // track objects, in insertion order
-    std::vector<std::array<uint8_t, 3>> ouis;
-    lta_stats stats{};
+    drv_track trk;
     std::map<sim_mac, sim_heard> heard;        // injected readings
     std::map<sim_mac, uint16_t> assoc;         // injected: freq, or 0 = disassociated
 };
@@ -70,22 +67,22 @@ double sim_now()
 bool sim_load_world_locked()
 {
     sim_global &s = g();
+    const sim_conf &c = rt_driver_conf<sim_conf>(rt_cfg(), "sim");
     if (s.world_tried)
-        return s.world || rt_cfg().sim_world.empty();
+        return s.world || c.world.empty();
     s.world_tried = true;
-    const rt_config &c = rt_cfg();
-    if (c.sim_world.empty())
+    if (c.world.empty())
         return true;
     std::string err;
-    auto w = sim_world_load(c.sim_world, err);
+    auto w = sim_world_load(c.world, err);
     if (!w) {
         rt_log(LOG_ERR, "sim.world: %s", err.c_str());
         return false;
     }
-    std::string ap = c.sim_ap.empty() ? c.instance : c.sim_ap;
+    std::string ap = c.ap.empty() ? rt_cfg().instance : c.ap;
     s.ap = sim_world_find_ap(*w, ap);
     if (s.ap < 0) {
-        rt_log(LOG_ERR, "sim.ap: no access point \"%s\" in %s", ap.c_str(), c.sim_world.c_str());
+        rt_log(LOG_ERR, "sim.ap: no access point \"%s\" in %s", ap.c_str(), c.world.c_str());
         return false;
     }
     s.world = w;
@@ -94,12 +91,31 @@ bool sim_load_world_locked()
 
 sim_radio *priv(rt_radio *r) { return static_cast<sim_radio *>(r->priv); }
 
-bool obj_matches(const sim_radio *s, const sim_mac &mac)
+bool sim_section_key(rt_config &c, const rt_cfg_key &k)
 {
-    if (std::find(s->macs.begin(), s->macs.end(), mac) != s->macs.end())
-        return true;
-    return std::any_of(s->ouis.begin(), s->ouis.end(),
-                       [&](const auto &o) { return memcmp(o.data(), mac.data(), 3) == 0; });
+    sim_conf &sc = rt_driver_conf<sim_conf>(c, "sim");
+    int64_t seed;
+    if (strcmp(k.key, "world") == 0)
+        return rt_cfg_str(k, sc.world);
+    if (strcmp(k.key, "ap") == 0)
+        return rt_cfg_str(k, sc.ap);
+    if (strcmp(k.key, "seed") != 0)
+        return rt_cfg_fail(k, "unknown key");
+    if (!rt_cfg_int(k, seed, 0, INT64_MAX))
+        return false;
+    sc.seed = static_cast<uint64_t>(seed);
+    return true;
+}
+
+bool sim_config_key(rt_radio_cfg &cfg, const rt_cfg_key &k)
+{
+    if (strcmp(k.key, "freq") != 0)
+        return rt_cfg_fail(k, "unknown key");
+    int64_t v;
+    if (!rt_cfg_int(k, v, 0, 65535))
+        return false;
+    rt_radio_conf<sim_radio_conf>(cfg).freq = static_cast<uint16_t>(v);
+    return true;
 }
 
 int sim_open(rt_radio *r)
@@ -114,8 +130,8 @@ int sim_open(rt_radio *r)
     auto s = std::make_shared<sim_radio>();
     s->name = r->cfg.name;
     s->world_radio = r->id;
-    if (r->cfg.freq)
-        s->freq = r->cfg.freq;
+    if (uint16_t f = rt_radio_conf<sim_radio_conf>(std::as_const(r->cfg)).freq)
+        s->freq = f;
     else if (g().world) {
         const auto &radios = g().world->aps[static_cast<size_t>(g().ap)].radios;
         if (static_cast<size_t>(r->id) < radios.size())
@@ -144,7 +160,7 @@ int sim_set_track_enable(rt_radio *r, int enable)
     if (sim_take_fail("set_lta_track_enable"))
         return -1;
     std::lock_guard l(priv(r)->mu);
-    priv(r)->track = enable ? 1 : 0;
+    drv_set_track(priv(r)->trk, enable);
     return 0;
 }
 
@@ -153,52 +169,16 @@ int sim_set_lmatch(rt_radio *r, int value)
     if (sim_take_fail("set_lta_lmatch_enable"))
         return -1;
     std::lock_guard l(priv(r)->mu);
-    priv(r)->lmatch = value;
+    drv_set_lmatch(priv(r)->trk, value);
     return 0;
 }
 
 int sim_set_trackobj(rt_radio *r, const lta_trackobj *obj)
 {
-    if (sim_take_fail("set_lta_trackobj") || !obj || obj->is_oui > 1 || obj->del > 1)
+    if (sim_take_fail("set_lta_trackobj"))
         return -1;
-    sim_radio *s = priv(r);
-    std::lock_guard l(s->mu);
-    if (obj->is_oui) {
-        std::array<uint8_t, 3> oui;
-        memcpy(oui.data(), obj->mac, 3);
-        auto it = std::find(s->ouis.begin(), s->ouis.end(), oui);
-        if (obj->del) {
-            if (it == s->ouis.end()) {
-                s->stats.oui_no_node++;
-                return -1;
-            }
-            s->ouis.erase(it);
-        } else if (it == s->ouis.end()) {
-            if (s->ouis.size() >= SIM_MAX_OUI_OBJ) {
-                s->stats.oui_no_mem++;
-                return -1;
-            }
-            s->ouis.push_back(oui);
-        }
-        return 0;
-    }
-    sim_mac mac;
-    memcpy(mac.data(), obj->mac, 6);
-    auto it = std::find(s->macs.begin(), s->macs.end(), mac);
-    if (obj->del) {
-        if (it == s->macs.end()) {
-            s->stats.sta_no_node++;
-            return -1;
-        }
-        s->macs.erase(it);
-    } else if (it == s->macs.end()) {
-        if (s->macs.size() >= SIM_MAX_MAC_OBJ) {
-            s->stats.sta_no_mem++;
-            return -1;
-        }
-        s->macs.push_back(mac);
-    }
-    return 0;
+    std::lock_guard l(priv(r)->mu);
+    return drv_set_trackobj(priv(r)->trk, obj);
 }
 
 int sim_get_rpt_tbl(rt_radio *r, lta_rpt_entry *buf, int *count)
@@ -209,7 +189,7 @@ int sim_get_rpt_tbl(rt_radio *r, lta_rpt_entry *buf, int *count)
     std::vector<sim_heard> world;
     std::shared_ptr<const sim_world> w;
     int ap;
-    uint64_t seed = rt_cfg().sim_seed;
+    uint64_t seed = rt_driver_conf<sim_conf>(rt_cfg(), "sim").seed;
     {
         std::lock_guard l(g().mu);
         w = g().world;
@@ -217,7 +197,7 @@ int sim_get_rpt_tbl(rt_radio *r, lta_rpt_entry *buf, int *count)
     }
     sim_radio *s = priv(r);
     std::lock_guard l(s->mu);
-    if (!s->track) {
+    if (!s->trk.track) {
         *count = 0;
         return 0;
     }
@@ -228,20 +208,11 @@ int sim_get_rpt_tbl(rt_radio *r, lta_rpt_entry *buf, int *count)
         all[h.mac] = h;
     for (const auto &[mac, h] : s->heard)
         all[mac] = h; // what radio.sock says wins
-    int n = 0;
-    for (const auto &[mac, h] : all) {
-        if (n >= *count)
-            break;
-        if (s->lmatch && !obj_matches(s, mac))
-            continue;
-        lta_rpt_entry &e = buf[n++];
-        memcpy(e.mac, mac.data(), 6);
-        e.active = h.active;
-        e.rssi = h.rssi;
-        e.chan_freq = h.freq;
-    }
-    *count = n;
-    s->stats.rpt_cnt += static_cast<uint32_t>(n);
+    std::vector<drv_heard> heard;
+    heard.reserve(all.size());
+    for (const auto &kv : all)
+        heard.push_back(kv.second);
+    drv_report(s->trk, heard, buf, count);
     return 0;
 }
 
@@ -267,16 +238,7 @@ int sim_get_one_sta(rt_radio *r, const uint8_t *mac, void *buf, int buflen, int 
         freq = s->freq;
     if (!freq)
         return -1;
-    // Record: u16 length, u16 channel frequency, station MAC.
-    auto *b = static_cast<uint8_t *>(buf);
-    uint16_t rec_len = 10;
-    memset(b, 0, 10);
-    memcpy(b, &rec_len, 2);
-    memcpy(b + 2, &freq, 2);
-    memcpy(b + 4, mac, 6);
-    if (len)
-        *len = rec_len;
-    return 0;
+    return drv_one_sta(buf, buflen, mac, freq, len);
 }
 
 int sim_get_stats(rt_radio *r, lta_stats *st)
@@ -284,15 +246,24 @@ int sim_get_stats(rt_radio *r, lta_stats *st)
     if (sim_take_fail("get_lta_stats") || !st)
         return -1;
     std::lock_guard l(priv(r)->mu);
-    *st = priv(r)->stats;
+    *st = priv(r)->trk.stats;
     return 0;
 }
 
 } // namespace
 
 const rt_driver_ops rt_driver_sim = {
-    "sim",          sim_open,         sim_close,       sim_set_track_enable, sim_set_lmatch,
-    sim_set_trackobj, sim_get_rpt_tbl, sim_get_one_sta, sim_get_stats,
+    .name = "sim",
+    .config_key = sim_config_key,
+    .section_key = sim_section_key,
+    .open = sim_open,
+    .close = sim_close,
+    .set_track_enable = sim_set_track_enable,
+    .set_lmatch = sim_set_lmatch,
+    .set_trackobj = sim_set_trackobj,
+    .get_rpt_tbl = sim_get_rpt_tbl,
+    .get_one_sta = sim_get_one_sta,
+    .get_stats = sim_get_stats,
 };
 
 std::shared_ptr<sim_radio> sim_radio_find(const std::string &name)
@@ -365,16 +336,7 @@ std::string sim_fail(const std::string &op, int count)
 std::string sim_state_text(sim_radio *r)
 {
     std::lock_guard l(r->mu);
-    std::string s = "track " + std::to_string(r->track) + "\nlmatch " + std::to_string(r->lmatch) + "\n";
-    for (const auto &m : r->macs)
-        s += "obj mac " + sim_mac_text(m.data()) + "\n";
-    for (const auto &o : r->ouis)
-        s += "obj oui " + sim_mac_text(o.data(), 3) + "\n";
-    const lta_stats &st = r->stats;
-    s += "stats " + std::to_string(st.rpt_cnt) + " " + std::to_string(st.sta_no_node) + " " +
-         std::to_string(st.oui_no_node) + " " + std::to_string(st.sta_no_mem) + " " +
-         std::to_string(st.oui_no_mem) + "\n";
-    return s;
+    return drv_track_text(r->trk);
 }
 
 void sim_set_clock(std::function<double()> clock)

@@ -145,7 +145,7 @@ TEST(RadiotapParse, LayoutsAndVerdicts) {
 
     // FCS at the end: the 802.11 header must still fit once the 4 FCS bytes are removed.
     auto fcs = probe_request(0x10);
-    fcs.resize(fcs.size() - 2);
+    fcs.resize(fcs.size() + 2);
     EXPECT_EQ(parse(fcs).verdict, QZ_RT_MALFORMED);
 
     // A vendor namespace between two radiotap namespaces: its data is skipped by its own
@@ -194,19 +194,26 @@ TEST(RadiotapParse, MalformedHeadersRejectedWithinBytes) {
     bad_version[0] = 1;
     EXPECT_EQ(parse(bad_version).verdict, QZ_RT_MALFORMED);
 
-    // Extension bit in every present word up to the end of the header and beyond.
+    // Headers followed by a valid 802.11 header, so that only the radiotap checks can
+    // tell: the extension bit in every present word to the end of the header and beyond.
+    const std::vector<uint8_t> wlan(good.begin() + 15, good.end());
     std::vector<uint8_t> ext = {0, 0, 16, 0, 0, 0, 0, 0x80, 0, 0, 0, 0x80, 0, 0, 0, 0x80};
+    ext.insert(ext.end(), wlan.begin(), wlan.end());
     EXPECT_EQ(parse(ext).verdict, QZ_RT_MALFORMED);
     ext.resize(4096, 0xff);
     ext[2] = 0, ext[3] = 0x10;
     EXPECT_EQ(parse(ext).verdict, QZ_RT_MALFORMED);
 
     // Fields announced past the header length (TSFT needs 8 bytes after alignment).
-    std::vector<uint8_t> tsft = {0, 0, 12, 0, 1, 0, 0, 0, 0, 0, 0, 0};
+    std::vector<uint8_t> tsft = {0, 0, 12, 0, 0x21, 0, 0, 0, 0, 0, 0, 0};
+    tsft.insert(tsft.end(), wlan.begin(), wlan.end());
     EXPECT_EQ(parse(tsft).verdict, QZ_RT_MALFORMED);
     // Vendor data longer than the header.
     std::vector<uint8_t> vend = {0, 0, 14, 0, 0, 0, 0, 0x40, 0, 0x11, 0x22, 0, 0xff, 0xff};
+    vend.insert(vend.end(), wlan.begin(), wlan.end());
     EXPECT_EQ(parse(vend).verdict, QZ_RT_MALFORMED);
+    std::vector<uint8_t> vend_cut = {0, 0, 10, 0, 0, 0, 0, 0x40, 0, 0x11}; // vendor header cut
+    EXPECT_EQ(parse(vend_cut).verdict, QZ_RT_MALFORMED);
 
     // Every truncation of real frames of every layout: a verdict, never a read past the end,
     // and malformed whenever the 802.11 header is cut.

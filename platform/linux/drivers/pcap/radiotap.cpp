@@ -48,7 +48,6 @@ static_assert(sizeof(rt_fields) / sizeof(rt_fields[0]) == 29);
 constexpr uint32_t bit_radiotap_ns = 29, bit_vendor_ns = 30, bit_ext = 31;
 constexpr uint8_t flag_fcs_at_end = 0x10, flag_bad_fcs = 0x40;
 constexpr size_t rt_fixed = 8;     // version, pad, length, first present word
-constexpr size_t max_words = 64;   // more present words than any real header carries
 
 uint16_t le16(const uint8_t *p) { return uint16_t(p[0] | p[1] << 8); }
 uint32_t le32(const uint8_t *p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
@@ -72,7 +71,7 @@ bool rt_walk(std::span<const uint8_t> b, rt_info &ri, qz_rt_frame &out) {
     // Present words run until one without the extension bit.
     size_t nwords = 1;
     while (le32(h + 4 + 4 * (nwords - 1)) & (1u << bit_ext)) {
-        if (nwords == max_words || 4 + 4 * (nwords + 1) > len)
+        if (4 + 4 * (nwords + 1) > len) // bounded by the header length
             return false;
         ++nwords;
     }

@@ -118,6 +118,7 @@ TEST(RadiotapParse, LayoutsAndVerdicts) {
     EXPECT_EQ(f.verdict, QZ_RT_KEPT);
     EXPECT_EQ(f.dbm, -60);
     EXPECT_EQ(f.freq, 2412);
+    EXPECT_FALSE(f.has_bssid); // wildcard
     EXPECT_EQ(parse(probe_request(0x40)).verdict, QZ_RT_BAD_FCS);
     bytes fcs = probe_request(0x10); // the FCS counts against the 802.11 header
     fcs.resize(fcs.size() + 2);

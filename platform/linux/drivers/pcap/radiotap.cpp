@@ -232,7 +232,10 @@ void qz_rt_parse(std::span<const uint8_t> bytes, qz_rt_frame &out) {
         }
         wlan = wlan.first(wlan.size() - 4);
     }
-    if (!wlan_addresses(wlan, out))
+    const bool read = wlan_addresses(wlan, out);
+    if (out.has_bssid && qz_rt_is_group(out.bssid))
+        out.has_bssid = false; // wildcard BSSID of probe requests: no access point to learn
+    if (!read)
         out.verdict = QZ_RT_MALFORMED;
     else if (ri.has_flags && (ri.flags & flag_bad_fcs))
         out.verdict = QZ_RT_BAD_FCS;

@@ -26,7 +26,7 @@ struct qz_rt_frame {
     bool has_signal;
     bool has_ta;        // ta holds the transmitter address
     bool ap_sent;       // the transmitter is an access point (beacon, probe response, FromDS)
-    bool has_bssid;
+    bool has_bssid;     // bssid holds an individual BSSID
     bool has_assoc;     // assoc_sta exchanges data frames with bssid
     uint16_t freq;      // channel field's MHz, 0 when absent
     uint8_t ta[6];

@@ -9,6 +9,9 @@
 #include <mutex>
 
 #include "rt.h"
+#include "rt_config.h"
+#include "rt_life.h"
+#include "rt_log.h"
 #include "sim_radio.h"
 
 struct sim_radio {

@@ -15,7 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "rt.h"
+#include "rt_counter.h"
+#include "rt_log.h"
+#include "rt_process.h"
 #include "rt_event.h"
 
 namespace {

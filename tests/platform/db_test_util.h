@@ -5,6 +5,7 @@
 
 #include "db_store.h"
 #include "rt_test_util.h"
+#include "rt_config.h"
 
 struct DbDir : ::testing::Test {
     rt_scratch scratch;

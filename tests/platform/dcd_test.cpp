@@ -8,6 +8,8 @@
 #include "qz_hw.h"
 #include "sim_radio.h"
 #include "rt_test_util.h"
+#include "rt_config.h"
+#include "rt_process.h"
 
 namespace {
 class Dcd : public testing::Test {

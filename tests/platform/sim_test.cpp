@@ -10,6 +10,7 @@
 
 #include "rt_test_util.h"
 #include "sim_radio.h"
+#include "rt_config.h"
 
 namespace {
 

@@ -2,9 +2,6 @@
 // neighbour messaging within a bound), else rendezvous hashing over the access points
 // that hear the station, so that no station is owned where its relays would be dropped.
 #include "owner_service.h"
-#include "rt_log.h"
-#include "rt_counter.h"
-#include "rt_stop.h"
 
 #include <arpa/inet.h>
 #include <string.h>
@@ -17,6 +14,10 @@
 #include <mutex>
 #include <set>
 #include <thread>
+
+#include "rt_counter.h"
+#include "rt_log.h"
+#include "rt_stop.h"
 
 using owner_clock = std::chrono::steady_clock;
 using owner_mac = std::array<uint8_t, 6>;

@@ -1,8 +1,8 @@
 // The daemon's management channel towards the location server: outgoing
 // messages (event 165) go to the server channel.
 #include "qz_capwap.h"
-#include "qz_evt_srv_msg.h"
 
+#include "qz_evt_srv_msg.h"
 #include "rt_life.h"
 #include "rt_log.h"
 #include "srvchan.h"

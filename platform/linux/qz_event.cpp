@@ -1,7 +1,6 @@
 // Event library: one event thread delivers queued events, kernel events and the
 // copies of sent events, in the order they were posted, each with its true length.
 #include "qz_event.h"
-#include "qz_evt_names.h"
 
 #include <poll.h>
 #include <string.h>
@@ -15,12 +14,13 @@
 #include <mutex>
 #include <vector>
 
+#include "qz_evt_names.h"
 #include "rt_counter.h"
+#include "rt_event.h"
 #include "rt_life.h"
 #include "rt_log.h"
 #include "rt_process.h"
 #include "rt_stop.h"
-#include "rt_event.h"
 #include "srvchan.h"
 
 namespace {

@@ -16,9 +16,9 @@
 #include <vector>
 
 #include "rt_counter.h"
+#include "rt_event.h"
 #include "rt_log.h"
 #include "rt_process.h"
-#include "rt_event.h"
 
 namespace {
 

@@ -18,8 +18,8 @@
 #include "rt.h"
 #include "rt_config.h"
 #include "rt_counter.h"
-#include "rt_log.h"
 #include "rt_event.h"
+#include "rt_log.h"
 
 namespace {
 

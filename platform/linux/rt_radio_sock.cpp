@@ -20,10 +20,10 @@
 #include <thread>
 
 #include "rt_counter.h"
+#include "rt_local_sock.h"
 #include "rt_log.h"
 #include "rt_process.h"
 #include "rt_stop.h"
-#include "rt_local_sock.h"
 #include "sim_radio.h"
 
 namespace {

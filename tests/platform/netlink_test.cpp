@@ -9,9 +9,9 @@
 
 #include "qz_dcd.h"
 #include "qz_event.h"
+#include "rt_config.h"
 #include "rt_event.h"
 #include "rt_test_util.h"
-#include "rt_config.h"
 
 namespace {
 

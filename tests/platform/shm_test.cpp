@@ -4,9 +4,9 @@
 #include <sys/shm.h>
 
 #include "qz.h"
-#include "rt_test_util.h"
 #include "rt_config.h"
 #include "rt_process.h"
+#include "rt_test_util.h"
 
 namespace {
 // Attaches the instance's segment for key 0x10201 (20 bytes).

@@ -8,9 +8,9 @@
 #include <unistd.h>
 
 
+#include "rt_config.h"
 #include "rt_test_util.h"
 #include "sim_radio.h"
-#include "rt_config.h"
 
 namespace {
 

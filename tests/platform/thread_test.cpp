@@ -6,9 +6,9 @@
 
 #include "qz_sys.h"
 #include "qz_tpa.h"
-#include "rt_test_util.h"
 #include "rt_config.h"
 #include "rt_stop.h"
+#include "rt_test_util.h"
 
 namespace {
 void *report_mask(void *arg)

@@ -5,7 +5,9 @@
 #include "cli_agent.h"
 #include "cli_proto.h"
 #include "qz_format.h"
-#include "rt.h"
+#include "rt_counter.h"
+#include "rt_debug.h"
+#include "rt_log.h"
 
 using namespace cli_proto;
 

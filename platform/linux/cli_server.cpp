@@ -18,8 +18,10 @@
 
 #include "cli_agent.h"
 #include "cli_proto.h"
-#include "rt.h"
+#include "rt_counter.h"
 #include "rt_local_sock.h"
+#include "rt_log.h"
+#include "rt_stop.h"
 
 using namespace cli_proto;
 

@@ -20,6 +20,11 @@
 #include <thread>
 
 #include "rt.h"
+#include "rt_config.h"
+#include "rt_counter.h"
+#include "rt_life.h"
+#include "rt_log.h"
+#include "rt_stop.h"
 
 namespace {
 

@@ -15,6 +15,10 @@
 #include <set>
 #include <thread>
 
+#include "rt_counter.h"
+#include "rt_log.h"
+#include "rt_stop.h"
+
 using owner_clock = std::chrono::steady_clock;
 using owner_mac = std::array<uint8_t, 6>;
 
@@ -326,18 +330,19 @@ static void owner_answer(owner_service *s, const std::vector<owner_mac> &macs)
         s->known[macs[i]] = std::move(hearers);
     }
 
-    std::vector<uint8_t> reply(2 + sizeof(owner_reply_rec) * macs.size());
-    auto count = static_cast<uint16_t>(macs.size());
-    memcpy(reply.data(), &count, 2);
+    constexpr size_t hdr = sizeof(qz_owner_reply_evt);
+    std::vector<uint8_t> reply(hdr + sizeof(qz_owner_rec) * macs.size());
+    qz_owner_reply_evt h{static_cast<uint16_t>(macs.size())};
+    memcpy(reply.data(), &h, hdr);
     for (size_t i = 0; i < macs.size(); i++) {
-        owner_reply_rec rec;
+        qz_owner_rec rec;
         memcpy(rec.mac, macs[i].data(), 6);
         rec.owner = owners[i];
-        memcpy(reply.data() + 2 + sizeof rec * i, &rec, sizeof rec);
+        memcpy(reply.data() + hdr + sizeof rec * i, &rec, sizeof rec);
     }
     rt_counter("owner.replies")++;
     if (s->p.post)
-        s->p.post(OWNER_EVT_REPLY, reply.data(), static_cast<int>(reply.size()));
+        s->p.post(QZ_EVT_OWNER_REPLY, reply.data(), static_cast<int>(reply.size()));
 }
 
 static void owner_worker(owner_service *s)
@@ -411,12 +416,12 @@ void owner_service_deleter::operator()(owner_service *s) const
 void owner_service_query(owner_service *s, const void *payload, int len)
 {
     const auto *b = static_cast<const uint8_t *>(payload);
-    uint16_t code = 0, count = 0;
-    if (b && len >= 4) {
-        memcpy(&code, b, 2);
-        memcpy(&count, b + 2, 2);
-    }
-    if (!b || len < 4 || code != OWNER_QUERY_CODE || static_cast<size_t>(len) != 4 + 6 * size_t(count)) {
+    constexpr int hdr = sizeof(qz_owner_query_evt);
+    qz_owner_query_evt h{};
+    if (b && len >= hdr)
+        memcpy(&h, b, hdr);
+    uint16_t code = h.code, count = h.count;
+    if (!b || len < hdr || code != QZ_OWNER_QUERY_CODE || static_cast<size_t>(len) != hdr + 6 * size_t(count)) {
         rt_counter("owner.drop.query")++;
         rt_log_ratelimited("owner.drop.query", 10, LOG_WARNING,
                            "owner query dropped: %d bytes, code %d, count %d", len, code, count);
@@ -425,7 +430,7 @@ void owner_service_query(owner_service *s, const void *payload, int len)
     std::lock_guard l(s->mu);
     for (size_t i = 0; i < count; i++) {
         owner_mac m;
-        memcpy(m.data(), b + 4 + 6 * i, 6);
+        memcpy(m.data(), b + hdr + 6 * i, 6);
         owner_pend_locked(s, m);
     }
     s->reply_due = true;

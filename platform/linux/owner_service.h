@@ -9,19 +9,7 @@
 #include <vector>
 
 #include "nbr_endpoint.h"
-#include "rt.h"
-
-constexpr uint32_t OWNER_EVT_QUERY = 156;
-constexpr uint32_t OWNER_EVT_REPLY = 157;
-constexpr uint16_t OWNER_QUERY_CODE = 302;
-
-// One record of the owner reply event, after its u16 count.
-struct owner_reply_rec {
-    uint8_t mac[6];
-    uint32_t owner; // network order
-} __attribute__((packed));
-static_assert(sizeof(owner_reply_rec) == 10);
-static_assert(offsetof(owner_reply_rec, owner) == 6);
+#include "qz_evt_owner.h"
 
 // Header of the service's own neighbour messages; count MACs follow.
 struct owner_msg_hdr {

@@ -16,7 +16,10 @@
 #include <string>
 
 #include "qz_format.h"
-#include "rt.h"
+#include "rt_config.h"
+#include "rt_log.h"
+#include "rt_process.h"
+#include "rt_stop.h"
 
 namespace {
 int g_ready_fd = -1; // write end held by the detached process until it is ready

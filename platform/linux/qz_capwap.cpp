@@ -2,12 +2,10 @@
 // messages (event 165) go to the server channel.
 #include "qz_capwap.h"
 
-#include "rt.h"
+#include "qz_evt_srv_msg.h"
+#include "rt_life.h"
+#include "rt_log.h"
 #include "srvchan.h"
-
-namespace {
-constexpr uint32_t QZ_EVT_SRV_MSG_OUT = 165;
-}
 
 int qz_capwap_send_event(uint32_t id, int len, void *payload)
 {

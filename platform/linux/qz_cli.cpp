@@ -10,7 +10,8 @@
 
 #include "cli_agent.h"
 #include "qz_format.h"
-#include "rt.h"
+#include "rt_log.h"
+#include "rt_process.h"
 
 namespace {
 

@@ -13,7 +13,9 @@
 #include <vector>
 
 #include "db_store.h"
-#include "rt.h"
+#include "rt_config.h"
+#include "rt_log.h"
+#include "rt_process.h"
 
 struct qz_db {
     MDB_env *env;

@@ -17,6 +17,12 @@
 #include <shared_mutex>
 
 #include "rt.h"
+#include "rt_config.h"
+#include "rt_counter.h"
+#include "rt_life.h"
+#include "rt_log.h"
+#include "rt_process.h"
+#include "rt_stop.h"
 
 namespace {
 

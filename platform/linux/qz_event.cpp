@@ -14,8 +14,13 @@
 #include <mutex>
 #include <vector>
 
-#include "rt.h"
+#include "qz_evt_names.h"
+#include "rt_counter.h"
 #include "rt_event.h"
+#include "rt_life.h"
+#include "rt_log.h"
+#include "rt_process.h"
+#include "rt_stop.h"
 #include "srvchan.h"
 
 namespace {
@@ -44,7 +49,7 @@ struct event_lib {
     // Radios up at open, delivered once the interface-change event has a subscriber:
     // posted earlier they would reach nobody, and a restarted daemon would never
     // re-apply its tracking list to radios that stay up across the restart.
-    std::vector<rt_if_change> link_dump;
+    std::vector<qz_if_change> link_dump;
     int wake_fd = -1;
     int nl_fd = -1;
     int sock_fd = -1;
@@ -97,7 +102,7 @@ void deliver(event_lib &l, delivery &d)
     // Radios up at open, delivered once the interface-change event has a subscriber:
     // posted earlier they would reach nobody, and a restarted daemon would never
     // re-apply its tracking list to radios that stay up across the restart.
-    std::vector<rt_if_change> link_dump;
+    std::vector<qz_if_change> link_dump;
         {
             std::lock_guard g(l.mu);
             taps = l.taps;
@@ -286,15 +291,15 @@ int qz_kevent_subscribe(uint32_t id, qz_event_handler handler)
     if (!handler)
         return -1;
     event_lib &l = lib();
-    std::vector<rt_if_change> dump;
+    std::vector<qz_if_change> dump;
     {
         std::lock_guard g(l.mu);
         l.kevents[id] = handler;
-        if (id == RT_KEVT_IF_CHANGE)
+        if (id == QZ_KEVT_IF_CHANGE)
             dump.swap(l.link_dump);
     }
-    for (const rt_if_change &c : dump)
-        rt_kevent_post(RT_KEVT_IF_CHANGE, &c, sizeof c);
+    for (const qz_if_change &c : dump)
+        rt_kevent_post(QZ_KEVT_IF_CHANGE, &c, sizeof c);
     return 0;
 }
 
@@ -344,18 +349,5 @@ void rt_event_add_send_tap(rt_event_tap_fn fn)
 
 const char *qz_eventid_to_name(uint32_t id)
 {
-    switch (id) {
-    case RT_EVT_OWNER_QUERY:
-        return "STA_OWNER_QUERY";
-    case RT_EVT_OWNER_REPLY:
-        return "STA_OWNER_REPLY";
-    case RT_EVT_SRV_MSG_IN:
-        return "SERVER_MSG_IN";
-    case RT_EVT_SRV_MSG_OUT:
-        return "SERVER_MSG_OUT";
-    case RT_EVT_MGT_IP:
-        return "MGT_ADDR_CHANGE";
-    default:
-        return "UNKNOWN";
-    }
+    return qz_evt_name(id);
 }

@@ -1,7 +1,7 @@
 // Radio enumeration: the [[radio]] entries of the configuration, in order.
 #include "qz_hw.h"
 
-#include "rt.h"
+#include "rt_config.h"
 
 int qz_radio_count(void)
 {

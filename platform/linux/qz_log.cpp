@@ -12,7 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "rt.h"
+#include "rt_debug.h"
+#include "rt_log.h"
 
 uint32_t qz_lib_dbg;
 

@@ -3,7 +3,7 @@
 
 #include <syslog.h>
 
-#include "rt.h"
+#include "rt_log.h"
 
 int qz_pm_init(int module_id)
 {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "nbr_endpoint.h"
-#include "rt.h"
+#include "rt_log.h"
 
 static std::mutex g_mu;
 static std::vector<uint16_t> g_modules; // registered through qz_hc_register, newest last

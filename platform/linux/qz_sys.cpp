@@ -9,7 +9,9 @@
 
 #include <atomic>
 
-#include "rt.h"
+#include "rt_log.h"
+#include "rt_process.h"
+#include "rt_stop.h"
 
 int qz_sys_ready(void)
 {

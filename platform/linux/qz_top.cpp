@@ -11,7 +11,9 @@
 #include <set>
 #include <utility>
 
-#include "rt.h"
+#include "rt_life.h"
+#include "rt_log.h"
+#include "rt_process.h"
 
 using steady = std::chrono::steady_clock;
 

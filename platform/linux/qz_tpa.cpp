@@ -9,7 +9,8 @@
 #include <string.h>
 #include <syslog.h>
 
-#include "rt.h"
+#include "rt_log.h"
+#include "rt_process.h"
 
 namespace {
 // New threads never take SIGTERM/SIGINT: the signal thread waits for them.

@@ -1,6 +1,8 @@
 // The runtime's configuration: a TOML file read once at start-up. Every key is known
 // here; an unknown key or a wrong value is an error naming file, line and key.
 #include "rt.h"
+#include "rt_config.h"
+#include "rt_log.h"
 
 #include <arpa/inet.h>
 #include <errno.h>

@@ -1,6 +1,11 @@
 // The runtime's core: its own log lines, status counters, the stop request with the
 // signal thread, and the paths of this instance's sockets.
-#include "rt.h"
+#include "rt_config.h"
+#include "rt_counter.h"
+#include "rt_life.h"
+#include "rt_log.h"
+#include "rt_process.h"
+#include "rt_stop.h"
 
 #include <errno.h>
 #include <fcntl.h>

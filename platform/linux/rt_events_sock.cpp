@@ -15,8 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "rt.h"
+#include "rt_counter.h"
 #include "rt_event.h"
+#include "rt_log.h"
+#include "rt_process.h"
 
 namespace {
 

@@ -8,7 +8,9 @@
 #include <mutex>
 #include <vector>
 
-#include "rt.h"
+#include "rt_life.h"
+#include "rt_log.h"
+#include "rt_stop.h"
 
 namespace {
 

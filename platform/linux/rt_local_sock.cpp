@@ -8,7 +8,8 @@
 
 #include <string>
 
-#include "rt.h"
+#include "rt_counter.h"
+#include "rt_log.h"
 
 int64_t rt_now_ms()
 {

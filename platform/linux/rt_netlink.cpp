@@ -16,7 +16,10 @@
 #include <vector>
 
 #include "rt.h"
+#include "rt_config.h"
+#include "rt_counter.h"
 #include "rt_event.h"
+#include "rt_log.h"
 
 namespace {
 
@@ -40,21 +43,21 @@ const rt_radio_cfg *radio_cfg(const std::string &name)
     return nullptr;
 }
 
-rt_if_change make_change(uint32_t type, int ifindex, const link_info &l, const rt_radio_cfg &r)
+qz_if_change make_change(uint32_t type, int ifindex, const link_info &l, const rt_radio_cfg &r)
 {
-    rt_if_change c{};
+    qz_if_change c{};
     c.type = type;
     c.ifindex = ifindex;
-    c.flags = (l.flags & IFF_UP ? RT_IFF_UP : 0) | (l.flags & IFF_LOOPBACK ? RT_IFF_LOOPBACK : 0) |
-              (r.access ? 0 : RT_IFF_NO_ACCESS);
+    c.flags = (l.flags & IFF_UP ? QZ_IFF_UP : 0) | (l.flags & IFF_LOOPBACK ? QZ_IFF_LOOPBACK : 0) |
+              (r.access ? 0 : QZ_IFF_NO_ACCESS);
     strncpy(c.name, l.name.c_str(), sizeof c.name - 1);
     return c;
 }
 
 void post_change(uint32_t type, int ifindex, const link_info &l, const rt_radio_cfg &r)
 {
-    rt_if_change c = make_change(type, ifindex, l, r);
-    rt_kevent_post(RT_KEVT_IF_CHANGE, &c, sizeof c);
+    qz_if_change c = make_change(type, ifindex, l, r);
+    rt_kevent_post(QZ_KEVT_IF_CHANGE, &c, sizeof c);
 }
 
 void parse_link_attrs(const nlmsghdr *h, const ifinfomsg *ifi, link_info &out)
@@ -86,7 +89,7 @@ void on_link(const nlmsghdr *h, bool emit)
             if (const rt_radio_cfg *r = radio_cfg(prev.name)) {
                 link_info gone = prev;
                 gone.flags &= ~IFF_UP;
-                post_change(RT_IF_DOWN, idx, gone, *r);
+                post_change(QZ_IF_DOWN, idx, gone, *r);
             }
         g_links.erase(idx);
         return;
@@ -107,15 +110,15 @@ void on_link(const nlmsghdr *h, bool emit)
     if (!r)
         return;
     if (known && prev.name != now.name)
-        post_change(RT_IF_NAME, idx, now, *r);
+        post_change(QZ_IF_NAME, idx, now, *r);
     if (known && !prev.mac.empty() && prev.mac != now.mac)
-        post_change(RT_IF_MAC, idx, now, *r);
+        post_change(QZ_IF_MAC, idx, now, *r);
     bool was_up = known && (prev.flags & IFF_UP);
     bool is_up = now.flags & IFF_UP;
     if (!was_up && is_up)
-        post_change(RT_IF_UP, idx, now, *r);
+        post_change(QZ_IF_UP, idx, now, *r);
     else if (was_up && !is_up)
-        post_change(RT_IF_DOWN, idx, now, *r);
+        post_change(QZ_IF_DOWN, idx, now, *r);
 }
 
 int mgt_ifindex()
@@ -163,12 +166,12 @@ void on_addr(const nlmsghdr *h)
         return;
     g_mgt_ip = ip;
     g_mgt_ifindex = idx;
-    rt_mgt_addr_evt e{};
+    qz_mgt_addr_evt e{};
     strncpy(e.ifname, rt_cfg().mgt_interface.c_str(), sizeof e.ifname - 1);
     e.ifindex = idx;
     e.ip = ip;
     e.mask = mask;
-    rt_event_post(RT_EVT_MGT_IP, &e, sizeof e);
+    rt_event_post(QZ_EVT_MGT_IP, &e, sizeof e);
 }
 
 void handle_messages(const char *buf, int len, bool emit)
@@ -291,14 +294,14 @@ void rt_netlink_readable()
     }
 }
 
-std::vector<rt_if_change> rt_netlink_up_radios()
+std::vector<qz_if_change> rt_netlink_up_radios()
 {
     // In radio order, so that the daemon sees them as a kernel dump would list them.
-    std::vector<rt_if_change> out;
+    std::vector<qz_if_change> out;
     for (const rt_radio_cfg &r : rt_cfg().radios)
         for (auto &[idx, l] : g_links)
             if (l.name == r.name && (l.flags & IFF_UP))
-                out.push_back(make_change(RT_IF_UP, idx, l, r));
+                out.push_back(make_change(QZ_IF_UP, idx, l, r));
     return out;
 }
 

@@ -6,6 +6,10 @@
 
 #include "owner_service.h"
 #include "rt.h"
+#include "rt_config.h"
+#include "rt_event.h"
+#include "rt_life.h"
+#include "rt_log.h"
 
 static std::mutex g_mu;
 
@@ -18,7 +22,7 @@ static owner_service_ptr &owner_slot()
 
 static void owner_tap(uint32_t id, const void *payload, int len)
 {
-    if (id != OWNER_EVT_QUERY)
+    if (id != QZ_EVT_OWNER_QUERY)
         return;
     std::lock_guard l(g_mu);
     if (owner_slot())

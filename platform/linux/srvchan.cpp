@@ -16,12 +16,18 @@
 #include <mutex>
 #include <thread>
 
+#include "qz_evt_srv_msg.h"
 #include "rt.h"
+#include "rt_config.h"
+#include "rt_counter.h"
+#include "rt_event.h"
+#include "rt_life.h"
+#include "rt_log.h"
+#include "rt_stop.h"
 #include "srvchan.h"
 
 namespace {
 
-constexpr uint32_t SRV_EVT_MSG_IN = 164;
 constexpr size_t OUT_HIGH_WATER = 1 << 16; // frames moved from the queue per round
 constexpr int HOLD_POLL_MS = 20;       // how often a full event queue is looked at again
 
@@ -276,7 +282,7 @@ bool session(unique_fd &sock, const std::string &addr)
                 if (fn)
                     fn(f.payload.data(), len);
                 else
-                    rt_event_post(SRV_EVT_MSG_IN, f.payload.data(), len);
+                    rt_event_post(QZ_EVT_SRV_MSG_IN, f.payload.data(), len);
             } else if (f.type == SRV_FRAME_PING) {
                 srv_frame_put(out, SRV_FRAME_PONG, f.payload.data(), f.payload.size());
             } else if (f.type != SRV_FRAME_PONG) {

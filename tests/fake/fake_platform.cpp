@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 
+#include "qz_evt_names.h"
 #include "qz_format.h"
 
 namespace fake {
@@ -405,17 +406,7 @@ int qz_start_cli_agent(int module, int flags, pthread_t *thread)
     return idle_thread(RESULT, thread);
 }
 
-const char *qz_eventid_to_name(uint32_t id)
-{
-    switch (id) {
-    case 156: return "STA_OWNER_QUERY";
-    case 157: return "STA_OWNER_REPLY";
-    case 164: return "LOC_SRV_MSG_IN";
-    case 165: return "LOC_SRV_MSG_OUT";
-    case 280: return "MGT_IP_CHANGE";
-    default: return "UNKNOWN";
-    }
-}
+const char *qz_eventid_to_name(uint32_t id) { return qz_evt_name(id); }
 
 int qz_hc_register(qz_hc_reg *reg)
 {

@@ -20,8 +20,10 @@
 #include "cli_agent.h"
 #include "cli_proto.h"
 #include "qz_log.h"
-#include "rt.h"
+#include "rt_config.h"
+#include "rt_counter.h"
 #include "rt_local_sock.h"
+#include "rt_log.h"
 #include "rt_test_util.h"
 
 using namespace cli_proto;

@@ -8,7 +8,8 @@
 
 #include <fstream>
 
-#include "rt.h"
+#include "rt_config.h"
+#include "rt_process.h"
 #include "rt_test_util.h"
 #include "sim_radio.h"
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "db_store.h"
+#include "rt_config.h"
 #include "rt_test_util.h"
 
 struct DbDir : ::testing::Test {

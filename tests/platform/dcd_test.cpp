@@ -6,8 +6,10 @@
 
 #include "qz_dcd.h"
 #include "qz_hw.h"
-#include "sim_radio.h"
+#include "rt_config.h"
+#include "rt_process.h"
 #include "rt_test_util.h"
+#include "sim_radio.h"
 
 namespace {
 class Dcd : public testing::Test {

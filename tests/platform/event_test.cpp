@@ -9,7 +9,11 @@
 #include "qz_dcd.h"
 #include "qz_event.h"
 #include "qz_sys.h"
+#include "rt_config.h"
+#include "rt_counter.h"
 #include "rt_event.h"
+#include "rt_process.h"
+#include "rt_stop.h"
 #include "rt_test_util.h"
 
 namespace {

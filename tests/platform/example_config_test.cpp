@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "rt.h"
+#include "rt_config.h"
 
 TEST(ExampleConfig, StartsUnderTheSystemdUnit)
 {

@@ -8,6 +8,9 @@
 
 #include "qz.h"
 #include "qz_log.h"
+#include "rt_config.h"
+#include "rt_debug.h"
+#include "rt_log.h"
 #include "rt_test_util.h"
 
 namespace {

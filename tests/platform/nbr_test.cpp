@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "nbr_endpoint.h"
-#include "rt.h"
+#include "rt_counter.h"
 
 namespace {
 

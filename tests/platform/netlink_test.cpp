@@ -9,6 +9,7 @@
 
 #include "qz_dcd.h"
 #include "qz_event.h"
+#include "rt_config.h"
 #include "rt_event.h"
 #include "rt_test_util.h"
 
@@ -16,8 +17,8 @@ namespace {
 
 std::mutex g_mu;
 std::condition_variable g_cv;
-std::vector<rt_if_change> g_links;
-std::vector<rt_mgt_addr_evt> g_addrs;
+std::vector<qz_if_change> g_links;
+std::vector<qz_mgt_addr_evt> g_addrs;
 int g_short; // deliveries shorter than their record
 
 template <typename T> T load(const void *p) // payloads need not be aligned
@@ -30,10 +31,10 @@ template <typename T> T load(const void *p) // payloads need not be aligned
 void on_kevent(uint32_t, int len, void *p)
 {
     std::lock_guard g(g_mu);
-    if (len != sizeof(rt_if_change))
+    if (len != sizeof(qz_if_change))
         g_short++;
     else
-        g_links.push_back(load<rt_if_change>(p));
+        g_links.push_back(load<qz_if_change>(p));
     g_cv.notify_all();
 }
 
@@ -43,7 +44,7 @@ void on_event(uint32_t, int len, void *p)
     if (len < 24)
         g_short++;
     else
-        g_addrs.push_back(load<rt_mgt_addr_evt>(p));
+        g_addrs.push_back(load<qz_mgt_addr_evt>(p));
     g_cv.notify_all();
 }
 
@@ -59,7 +60,7 @@ void sh(const std::string &cmd)
 }
 
 // The next link change, if one comes within the time.
-bool next_link(rt_if_change &out, int ms = 3000)
+bool next_link(qz_if_change &out, int ms = 3000)
 {
     std::unique_lock l(g_mu);
     if (!g_cv.wait_for(l, std::chrono::milliseconds(ms), [] { return !g_links.empty(); }))
@@ -71,7 +72,7 @@ bool next_link(rt_if_change &out, int ms = 3000)
 
 bool link_is(uint32_t type, const char *name, uint32_t flags, bool check_index = true)
 {
-    rt_if_change c;
+    qz_if_change c;
     return next_link(c) && c.type == type && strcmp(c.name, name) == 0 && c.flags == flags &&
            (!check_index || c.ifindex == (int)if_nametoindex(name));
 }
@@ -97,32 +98,32 @@ void netns_child()
     CHILD_CHECK(qz_dcd_lib_init() == 0); // radio indexes resolved here, then on link changes
     pthread_t t;
     CHILD_CHECK(qz_event_init(52, &t) == 0);
-    qz_kevent_subscribe(RT_KEVT_IF_CHANGE, on_kevent);
-    qz_event_subscribe(RT_EVT_MGT_IP, on_event);
-    rt_if_change none;
+    qz_kevent_subscribe(QZ_KEVT_IF_CHANGE, on_kevent);
+    qz_event_subscribe(QZ_EVT_MGT_IP, on_event);
+    qz_if_change none;
 
     sh("ip link set wl0 up");
-    CHILD_CHECK(link_is(RT_IF_UP, "wl0", RT_IFF_UP));
+    CHILD_CHECK(link_is(QZ_IF_UP, "wl0", QZ_IFF_UP));
     sh("ip link set wl1 up");
-    CHILD_CHECK(link_is(RT_IF_UP, "wl1", RT_IFF_UP | RT_IFF_NO_ACCESS));
+    CHILD_CHECK(link_is(QZ_IF_UP, "wl1", QZ_IFF_UP | QZ_IFF_NO_ACCESS));
     sh("ip link set other up");     // not a radio: not reported
     sh("ip link set wl0 mtu 1400"); // no transition: not reported
     CHILD_CHECK(!next_link(none, 500));
     sh("ip link set wl0 down");
-    CHILD_CHECK(link_is(RT_IF_DOWN, "wl0", 0));
+    CHILD_CHECK(link_is(QZ_IF_DOWN, "wl0", 0));
     // (ifb cannot change its MAC, so the "new MAC" change is not exercised here.)
     int wl0 = (int)if_nametoindex("wl0");
     sh("ip link set wl0 name wl0x"); // renamed away: reported once under its new name
-    CHILD_CHECK(link_is(RT_IF_NAME, "wl0x", 0));
+    CHILD_CHECK(link_is(QZ_IF_NAME, "wl0x", 0));
     CHILD_CHECK(if_nametoindex("wl0") == 0 && qz_dcd_set_lta_track_enable(wl0, 1) < 0);
     sh("ip link add wl2 type ifb"); // a radio that appears later is reached by its index
     sh("ip link set wl2 up");
-    CHILD_CHECK(link_is(RT_IF_UP, "wl2", RT_IFF_UP));
+    CHILD_CHECK(link_is(QZ_IF_UP, "wl2", QZ_IFF_UP));
     CHILD_CHECK(qz_dcd_set_lta_track_enable((int)if_nametoindex("wl2"), 1) == 0);
     sh("ip link set wl0x up");
     CHILD_CHECK(!next_link(none, 500));
     sh("ip link del wl1"); // an up radio vanishing goes down
-    CHILD_CHECK(link_is(RT_IF_DOWN, "wl1", RT_IFF_NO_ACCESS, false));
+    CHILD_CHECK(link_is(QZ_IF_DOWN, "wl1", QZ_IFF_NO_ACCESS, false));
 
     sh("ip link set m0 up");
     sh("ip addr add 10.9.8.7/24 dev m0");
@@ -132,7 +133,7 @@ void netns_child()
         std::lock_guard g(g_mu);
         return g_addrs.at(i);
     };
-    rt_mgt_addr_evt first = addr(0);
+    qz_mgt_addr_evt first = addr(0);
     uint32_t ip;
     memcpy(&ip, (const uint8_t *)&first + 20, 4); // the word the daemon reads
     CHILD_CHECK(ip == inet_addr("10.9.8.7") && strcmp(first.ifname, "m0") == 0);
@@ -155,9 +156,9 @@ void netns_child()
     sh("ip link set wl0 up");
     sh("ip link add wl1 type ifb");
     CHILD_CHECK(qz_event_init(52, &t) == 0);
-    qz_kevent_subscribe(RT_KEVT_IF_CHANGE, on_kevent);
-    CHILD_CHECK(link_is(RT_IF_UP, "wl0", RT_IFF_UP));
-    CHILD_CHECK(link_is(RT_IF_UP, "wl2", RT_IFF_UP));
+    qz_kevent_subscribe(QZ_KEVT_IF_CHANGE, on_kevent);
+    CHILD_CHECK(link_is(QZ_IF_UP, "wl0", QZ_IFF_UP));
+    CHILD_CHECK(link_is(QZ_IF_UP, "wl2", QZ_IFF_UP));
     CHILD_CHECK(!next_link(none, 300));
     qz_event_cleanup();
     pthread_join(t, nullptr);

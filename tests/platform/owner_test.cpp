@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "owner_service.h"
+#include "rt_counter.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ template <class F> bool wait_for(F pred)
     return pred();
 }
 
-std::vector<uint8_t> query(const std::vector<mac_t> &macs, uint16_t code = OWNER_QUERY_CODE)
+std::vector<uint8_t> query(const std::vector<mac_t> &macs, uint16_t code = QZ_OWNER_QUERY_CODE)
 {
     auto n = (uint16_t)macs.size();
     std::vector<uint8_t> q(4 + 6 * n);
@@ -73,12 +74,12 @@ struct ap {
                        [this, caller](uint32_t id, const void *payload, int len) {
                            auto b = (const uint8_t *)payload;
                            uint16_t n;
-                           ASSERT_EQ(id, OWNER_EVT_REPLY);
+                           ASSERT_EQ(id, QZ_EVT_OWNER_REPLY);
                            ASSERT_TRUE(len >= 2 && (memcpy(&n, b, 2), len == 2 + 10 * n)) << len;
                            std::lock_guard g(mu);
                            reply &r = got.emplace_back();
                            for (int i = 0; i < n; i++) {
-                               owner_reply_rec rec;
+                               qz_owner_rec rec;
                                memcpy(&rec, b + 2 + 10 * i, 10);
                                r[to_mac(rec.mac)] = rec.owner;
                            }

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <string>
 
-#include "rt.h"
+#include "rt_config.h"
 
 struct rt_scratch {
     std::string dir;

@@ -4,6 +4,8 @@
 #include <sys/shm.h>
 
 #include "qz.h"
+#include "rt_config.h"
+#include "rt_process.h"
 #include "rt_test_util.h"
 
 namespace {

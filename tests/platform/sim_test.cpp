@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 
+#include "rt_config.h"
 #include "rt_test_util.h"
 #include "sim_radio.h"
 

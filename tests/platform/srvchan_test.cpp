@@ -16,7 +16,8 @@
 
 #include "qz_capwap.h"
 #include "qz_event.h"
-#include "rt.h"
+#include "rt_config.h"
+#include "rt_counter.h"
 #include "srvchan.h"
 
 namespace {

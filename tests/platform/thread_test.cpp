@@ -6,6 +6,8 @@
 
 #include "qz_sys.h"
 #include "qz_tpa.h"
+#include "rt_config.h"
+#include "rt_stop.h"
 #include "rt_test_util.h"
 
 namespace {

@@ -49,7 +49,7 @@ TEST_F(CoreEvent, ShortDeliveriesAreDroppedUnread)
     for (auto &l : fake::logs())
         texts.push_back(l.text);
     EXPECT_EQ(texts, (std::vector<std::string>{
-                         "drop short event 280 (MGT_IP_CHANGE): 23 bytes, need 24\n",
+                         "drop short event 280 (MGT_ADDR_CHANGE): 23 bytes, need 24\n",
                          "drop short event 157 (STA_OWNER_REPLY): 12 bytes, need 22\n",
                          "drop short event 157 (STA_OWNER_REPLY): 1 bytes, need 2\n",
                          "drop short kevent 19 (ifchange): 12 bytes, need 13\n",

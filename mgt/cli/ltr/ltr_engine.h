@@ -6,8 +6,9 @@
 
 #include "ltr_mgt.h"
 #include "qz_cli.h"
+#include "qz_evt_srv_msg.h"
 
-#define LTR_EVT_SRV_MSG_OUT 165
+#define LTR_EVT_SRV_MSG_OUT QZ_EVT_SRV_MSG_OUT
 #define LTR_MSG_TYPE 2
 
 enum ltr_opcode : uint16_t {

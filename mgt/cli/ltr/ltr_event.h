@@ -1,25 +1,25 @@
 // Event subscription and dispatch.
 #pragma once
 #include <pthread.h>
+#include <stddef.h>
 #include <stdint.h>
 
-#define LTR_EVT_SRV_MSG_IN 164
-#define LTR_EVT_MGT_IP 280
-#define LTR_KEVT_IF_CHANGE 19
+#include "qz_evt_mgt_addr.h"
+#include "qz_evt_srv_msg.h"
+#include "qz_kevt_if_change.h"
 
-#define LTR_IF_UP_FLAG 0x1u
-#define LTR_IF_NOACCESS_FLAG 0x2u
-#define LTR_IF_LOOPBACK_FLAG 0x8u
+#define LTR_EVT_SRV_MSG_IN QZ_EVT_SRV_MSG_IN
+#define LTR_EVT_MGT_IP QZ_EVT_MGT_IP
+#define LTR_KEVT_IF_CHANGE QZ_KEVT_IF_CHANGE
 
-// Interface-change record of kernel event 19, host order.
-struct ltr_if_change {
-    uint32_t type;
-    int32_t ifindex;
-    uint32_t flags;
-    char name[]; // NUL-terminated
-};
-#define LTR_IF_CHANGE_HDR 12
-#define LTR_MGT_IP_OFFSET 20
+#define LTR_IF_UP_FLAG QZ_IFF_UP
+#define LTR_IF_NOACCESS_FLAG QZ_IFF_NO_ACCESS
+#define LTR_IF_LOOPBACK_FLAG QZ_IFF_LOOPBACK
+
+using ltr_if_change = qz_if_change;
+#define LTR_IF_CHANGE_HDR QZ_IF_CHANGE_HDR
+// The daemon reads only the address word of the management address event.
+#define LTR_MGT_IP_OFFSET ((int)offsetof(qz_mgt_addr_evt, ip))
 
 int ltr_event_init(pthread_t *thread);
 int ltr_event_cleanup(void);

@@ -4,10 +4,11 @@
 #include <stdint.h>
 
 #include "ltr_mgt.h"
+#include "qz_evt_owner.h"
 
-#define LTR_EVT_OWNER_QUERY 156
-#define LTR_EVT_OWNER_REPLY 157
-#define LTR_OWNER_QUERY_CODE 302
+#define LTR_EVT_OWNER_QUERY QZ_EVT_OWNER_QUERY
+#define LTR_EVT_OWNER_REPLY QZ_EVT_OWNER_REPLY
+#define LTR_OWNER_QUERY_CODE QZ_OWNER_QUERY_CODE
 #define LTR_BAND_BOUNDARY 4000
 #define LTR_LOCAL_HORIZON 60
 
@@ -32,23 +33,9 @@ struct ltr_rssi_relay {
 static_assert(sizeof(ltr_rssi_relay) == 16);
 #define LTR_RELAY_MSG_LEN 28
 
-// Owner query (event 156), host order: code, count, then count MACs.
-struct ltr_owner_query_evt {
-    uint16_t code;
-    uint16_t count;
-} __attribute__((packed));
-static_assert(sizeof(ltr_owner_query_evt) == 4);
-
-// Owner reply (event 157), host order: count, then count records.
-struct ltr_owner_rec {
-    uint8_t mac[6];
-    uint32_t owner; // network order; 0 = none
-} __attribute__((packed));
-static_assert(sizeof(ltr_owner_rec) == 10);
-struct ltr_owner_reply_evt {
-    uint16_t count;
-} __attribute__((packed));
-static_assert(sizeof(ltr_owner_reply_evt) == 2);
+using ltr_owner_query_evt = qz_owner_query_evt;
+using ltr_owner_reply_evt = qz_owner_reply_evt;
+using ltr_owner_rec = qz_owner_rec;
 
 // Due rule. All with the lock held.
 // One cycle of a reading's life; false once it has run out.

@@ -71,7 +71,7 @@ struct rt_driver_ops {
     // Null: the driver has no keys of its own, every other key is unknown.
     bool (*config_key)(rt_radio_cfg &cfg, const rt_cfg_key &k);
     // Parses one key of the driver's own top-level table, the one named like the
-    // driver ([sim]), into rt_driver_conf(c, name) (rt.h); unknown keys as above.
+    // driver ([sim]), into rt_driver_conf(c, name) (rt_config.h); unknown keys as above.
     // Null: a table of that name is an unknown key.
     bool (*section_key)(rt_config &c, const rt_cfg_key &k);
     // Start-up, once per radio in configuration order, before any other call: makes

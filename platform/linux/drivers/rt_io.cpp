@@ -13,6 +13,10 @@
 #include <vector>
 
 #include "rt.h"
+#include "rt_life.h"
+#include "rt_log.h"
+#include "rt_process.h"
+#include "rt_stop.h"
 
 namespace {
 

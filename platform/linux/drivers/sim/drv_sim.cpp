@@ -10,6 +10,9 @@
 #include <utility>
 
 #include "rt.h"
+#include "rt_config.h"
+#include "rt_life.h"
+#include "rt_log.h"
 #include "sim_radio.h"
 
 struct sim_radio {

@@ -19,8 +19,11 @@
 #include <sstream>
 #include <thread>
 
-#include "rt.h"
+#include "rt_counter.h"
 #include "rt_local_sock.h"
+#include "rt_log.h"
+#include "rt_process.h"
+#include "rt_stop.h"
 #include "sim_radio.h"
 
 namespace {

@@ -10,7 +10,7 @@
 
 #include <toml++/toml.h>
 
-#include "rt.h"
+#include "rt_config.h"
 
 namespace {
 

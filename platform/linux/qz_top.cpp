@@ -45,7 +45,9 @@ void *timer_thread(void *)
 {
     timer_service &s = svc();
     std::unique_lock l(s.mu);
+    std::atomic<uint64_t> &wakes = rt_counter("wake.timer"); // loop turns, to spot ticking
     while (!s.quit) {
+        wakes++;
         if (s.queue.empty()) {
             s.cv.wait(l);
             continue;

@@ -224,6 +224,18 @@ TEST_F(SrvChan, HelloThenMessagesBothWays)
     close(c);
 }
 
+// With no server configured the channel only waits for messages and the stop.
+TEST_F(SrvChan, WithoutServerTheThreadSleepsUntilStopped)
+{
+    configure("");
+    uint64_t before = counter("wake.srvchan");
+    srvchan_open();
+    EXPECT_EQ(qz_capwap_send_event(165, 1, (void *)"x"), 0);
+    std::this_thread::sleep_for(ms(2500));
+    EXPECT_LE(counter("wake.srvchan") - before, 2u);
+    EXPECT_EQ(srvchan_queue_bytes(), 1u);
+}
+
 TEST_F(SrvChan, KeepAlivePingsAndGivesUpOnSilentServer)
 {
     timing(100, 400);

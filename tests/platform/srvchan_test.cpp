@@ -257,6 +257,23 @@ TEST_F(SrvChan, KeepAlivePingsAndGivesUpOnSilentServer)
     close(accept_hello(l));
 }
 
+// What the configuration accepts, the channel reaches: an IPv6 server in brackets.
+TEST_F(SrvChan, ReachesAServerAtABracketedIPv6Address)
+{
+    listener l;
+    close(l.fd);
+    l.fd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6, a.sin6_addr = in6addr_loopback;
+    socklen_t al = sizeof a;
+    if (bind(l.fd, (sockaddr *)&a, sizeof a) != 0 || listen(l.fd, 8) != 0)
+        GTEST_SKIP() << "no IPv6 loopback here";
+    getsockname(l.fd, (sockaddr *)&a, &al);
+    configure("[::1]:" + std::to_string(ntohs(a.sin6_port)));
+    srvchan_open();
+    close(accept_hello(l));
+}
+
 TEST_F(SrvChan, QueueWhileDownKeepsNewestWithinBoundAndDeliversInOrder)
 {
     uint16_t port = listener().port; // nobody listens there now: every attempt is refused

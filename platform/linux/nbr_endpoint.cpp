@@ -130,8 +130,9 @@ static void nbr_rx_loop(nbr_endpoint *ep)
     while (!ep->stop && !rt_stopping()) {
         wakes++;
         // Woken by a datagram, by our own stop, or by the runtime's.
-        pollfd p[3] = {{ep->sock.fd, POLLIN, 0}, {ep->wake.fd, POLLIN, 0}, {rt_stop_fd(), POLLIN, 0}};
-        if (poll(p, 3, -1) <= 0 || !(p[0].revents & POLLIN))
+        pollfd p[3] = {{ep->sock.fd, POLLIN, 0}, {ep->wake.fd, POLLIN, 0},
+                       {rt_stop_fd(), POLLIN, 0}};
+        if (poll(p, 3, -1) <= 0 || !p[0].revents) // an error is read (and cleared) below too
             continue;
         sockaddr_in from{};
         iovec iov{buf.data(), buf.size()};

@@ -190,7 +190,9 @@ void *serve(void *)
 {
     std::vector<pollfd> pfds;
     constexpr size_t FIXED = 3; // listener, wake, stop
+    std::atomic<uint64_t> &wakes = rt_counter("wake.cli"); // loop turns, to spot ticking
     while (!rt_stopping() && !g_srv.stop) {
+        wakes++;
         int64_t now = rt_now_ms();
         int64_t next = expire(now);
         std::erase_if(g_srv.clients, [](const client &c) { return c.fd < 0; });

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <string.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -51,8 +52,19 @@ struct nbr_endpoint {
     std::map<uint16_t, nbr_recv_fn> modules;
     std::mutex deliver_mu;         // held while a callback runs
     std::atomic<bool> stop{false};
+    unique_fd wake;                // eventfd: stop the receive thread
     std::thread rx;
 };
+
+// Ends the receive thread's wait; it then sees stop.
+static void nbr_stop_rx(nbr_endpoint *ep)
+{
+    ep->stop = true;
+    if (ep->wake.fd >= 0)
+        eventfd_write(ep->wake.fd, 1);
+    if (ep->rx.joinable() && ep->rx.get_id() != std::this_thread::get_id())
+        ep->rx.join();
+}
 
 static void nbr_drop(const char *reason, uint32_t src, size_t len)
 {
@@ -119,10 +131,13 @@ static void nbr_rx_loop(nbr_endpoint *ep)
     std::vector<uint8_t> buf(65536);
     alignas(cmsghdr) char ctrl[CMSG_SPACE(sizeof(uint32_t))];
     uint32_t overflow_seen = 0;
+    std::atomic<uint64_t> &wakes = rt_counter("wake.nbr_rx"); // loop turns, to spot ticking
     while (!ep->stop && !rt_stopping()) {
-        pollfd p{ep->sock.fd, POLLIN, 0};
-        int r = poll(&p, 1, 200);
-        if (r <= 0)
+        wakes++;
+        // Woken by a datagram, by our own stop, or by the runtime's.
+        pollfd p[3] = {{ep->sock.fd, POLLIN, 0}, {ep->wake.fd, POLLIN, 0},
+                       {rt_stop_fd(), POLLIN, 0}};
+        if (poll(p, 3, -1) <= 0 || !p[0].revents) // an error is read (and cleared) below too
             continue;
         sockaddr_in from{};
         iovec iov{buf.data(), buf.size()};
@@ -152,9 +167,7 @@ static void nbr_rx_loop(nbr_endpoint *ep)
 
 void nbr_endpoint_deleter::operator()(nbr_endpoint *ep) const
 {
-    ep->stop = true;
-    if (ep->rx.joinable())
-        ep->rx.join();
+    nbr_stop_rx(ep);
     delete ep;
 }
 
@@ -186,6 +199,11 @@ nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err)
         setsockopt(ep->sock.fd, SOL_SOCKET, SO_RCVBUF, &want, sizeof want);
     setsockopt(ep->sock.fd, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
     ep->port = ntohs(a.sin_port);
+    ep->wake.fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (ep->wake.fd < 0) {
+        err = std::string("eventfd: ") + strerror(errno);
+        return nullptr;
+    }
     ep->rx = std::thread(nbr_rx_loop, ep.get());
     return ep;
 }
@@ -303,9 +321,7 @@ static void nbr_global_stop_rx()
     nbr_endpoint *ep = g_global_ep;
     if (!ep)
         return;
-    ep->stop = true;
-    if (ep->rx.joinable() && ep->rx.get_id() != std::this_thread::get_id())
-        ep->rx.join();
+    nbr_stop_rx(ep);
 }
 
 nbr_endpoint *nbr_global()

@@ -213,8 +213,9 @@ static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int 
         s->heard[src] = owner_clock::now();
         // A new voice: greet back at once so that both sides count each other.
         greet = !was_live && h.type == OWNER_MSG_HELLO;
-        if (s->targets.size() < s->configured.size() + k_max_learned)
-            s->targets.insert(src);
+        if (s->targets.size() < s->configured.size() + k_max_learned &&
+            s->targets.insert(src).second && s->targets.size() == 1)
+            s->cv.notify_all(); // the worker slept with nobody to greet
         if (h.type == OWNER_MSG_ANSWER && s->ask && s->ask->seq == seq &&
             s->ask->waiting.erase(src)) {
             for (size_t i = 0; i < count; i++) {
@@ -349,7 +350,9 @@ static void owner_worker(owner_service *s)
 {
     auto next_hello = owner_clock::now();
     std::unique_lock l(s->mu);
+    std::atomic<uint64_t> &wakes = rt_counter("wake.owner"); // loop turns, to spot ticking
     while (!s->stop && !rt_stopping()) {
+        wakes++;
         if (owner_clock::now() >= next_hello) {
             // Forget access points silent for long; configured peers stay greeted.
             auto stale = owner_clock::now() - 10 * std::chrono::milliseconds(s->p.live_ms);
@@ -377,8 +380,13 @@ static void owner_worker(owner_service *s)
             l.lock();
             continue;
         }
-        auto until = std::min(next_hello, owner_clock::now() + std::chrono::milliseconds(200));
-        s->cv.wait_until(l, until);
+        if (s->targets.empty() && s->heard.empty()) {
+            // Nobody to greet or forget: sleep until a query, a peer or the stop.
+            s->cv.wait(l);
+            next_hello = owner_clock::now() + std::chrono::milliseconds(s->p.hello_ms);
+        } else {
+            s->cv.wait_until(l, next_hello);
+        }
     }
 }
 

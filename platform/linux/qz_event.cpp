@@ -131,7 +131,9 @@ void *event_thread(void *)
     std::unique_lock lk(l.mu);
     l.running = true;
     pollfd fds[4];
+    std::atomic<uint64_t> &wakes = rt_counter("wake.event"); // loop turns, to spot ticking
     for (;;) {
+        wakes++;
         while (!l.queue.empty() && !l.quit && !rt_stopping()) {
             delivery d = std::move(l.queue.front());
             l.queue.pop_front();

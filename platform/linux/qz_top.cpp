@@ -11,6 +11,7 @@
 #include <set>
 #include <utility>
 
+#include "rt_counter.h"
 #include "rt_life.h"
 #include "rt_log.h"
 #include "rt_process.h"
@@ -47,7 +48,9 @@ void *timer_thread(void *)
 {
     timer_service &s = svc();
     std::unique_lock l(s.mu);
+    std::atomic<uint64_t> &wakes = rt_counter("wake.timer"); // loop turns, to spot ticking
     while (!s.quit) {
+        wakes++;
         if (s.queue.empty()) {
             s.cv.wait(l);
             continue;

@@ -3,6 +3,7 @@
 #include "rt.h"
 #include "rt_config.h"
 #include "rt_log.h"
+#include "srvchan.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -14,6 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <mutex>
 #include <set>
 #include <span>
@@ -125,18 +127,6 @@ bool valid_instance(const std::string &s)
     return true;
 }
 
-bool valid_host_port(const std::string &s)
-{
-    size_t colon = s.rfind(':');
-    if (colon == std::string::npos || colon == 0 || colon + 1 == s.size())
-        return false;
-    std::string port = s.substr(colon + 1);
-    if (port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos)
-        return false;
-    long p = atol(port.c_str());
-    return p >= 1 && p <= 65535;
-}
-
 // One key of a section: its name and how its value lands in the configuration.
 using setter_fn = bool (*)(const key_ctx &k, const toml::node &n, rt_config &c);
 struct key_def {
@@ -215,9 +205,14 @@ constexpr key_def server_keys[] = {
      [](const key_ctx &k, const toml::node &n, rt_config &c) {
          if (!get_str(k, n, c.server_address))
              return false;
-         if (!valid_host_port(c.server_address))
-             return k.fail("expected \"host:port\" with a port from 1 to 65535");
-         return true;
+         // The channel's own split: whatever is accepted here, it can connect to.
+         std::string host, port;
+         if (srv_split_address(c.server_address, host, port))
+             return true;
+         const std::string &a = c.server_address;
+         if (a[0] != '[' && std::count(a.begin(), a.end(), ':') > 1)
+             return k.fail("expected an IPv6 address in brackets: \"[address]:port\"");
+         return k.fail("expected \"host:port\" with a port from 1 to 65535");
      }},
     {"queue_limit", [](const key_ctx &k, const toml::node &n, rt_config &c) {
          return get_int(k, n, c.server_queue_limit, 0, 1 << 30);

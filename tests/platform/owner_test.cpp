@@ -168,6 +168,23 @@ TEST(OwnerService, LoneApOwnsEverythingOffTheCallersThreadAndDropsBadQueries)
     EXPECT_TRUE(a.ask({}).empty()) << "an empty query still gets its (empty) reply";
 }
 
+// Idle, the receive thread and a lone service wait for work instead of ticking; a
+// peer learned later is still greeted every hello period.
+TEST(OwnerService, IdleThreadsSleepUntilThereIsWork)
+{
+    ap a, b;
+    uint16_t port = a.start("127.0.0.2", 0, {});
+    uint64_t rx = rt_counter("wake.nbr_rx"), worker = rt_counter("wake.owner");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    EXPECT_LE(rt_counter("wake.nbr_rx") - rx, 1u);
+    EXPECT_LE(rt_counter("wake.owner") - worker, 1u);
+    b.start("127.0.0.3", port, {a.ip});
+    EXPECT_TRUE(wait_for([&] { return owner_service_live(a.svc.get()).size() == 1; }));
+    // a stays live for b past b's live time only through a's periodic hellos.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_EQ(owner_service_live(b.svc.get()), std::vector<uint32_t>{a.ip});
+}
+
 // b knows a, a knows nobody and learns b from its hello; both must then agree.
 TEST(OwnerService, AssociatedHereThenAtAPeerThenRendezvous)
 {

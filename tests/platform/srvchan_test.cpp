@@ -225,6 +225,18 @@ TEST_F(SrvChan, HelloThenMessagesBothWays)
     close(c);
 }
 
+// With no server configured the channel only waits for messages and the stop.
+TEST_F(SrvChan, WithoutServerTheThreadSleepsUntilStopped)
+{
+    configure("");
+    uint64_t before = counter("wake.srvchan");
+    srvchan_open();
+    EXPECT_EQ(qz_capwap_send_event(165, 1, (void *)"x"), 0);
+    std::this_thread::sleep_for(ms(2500));
+    EXPECT_LE(counter("wake.srvchan") - before, 2u);
+    EXPECT_EQ(srvchan_queue_bytes(), 1u);
+}
+
 TEST_F(SrvChan, KeepAlivePingsAndGivesUpOnSilentServer)
 {
     timing(100, 400);
@@ -243,6 +255,23 @@ TEST_F(SrvChan, KeepAlivePingsAndGivesUpOnSilentServer)
     // A server that stops answering is dropped, and the channel comes back.
     EXPECT_TRUE(sees_close(c, 2000));
     close(c);
+    close(accept_hello(l));
+}
+
+// What the configuration accepts, the channel reaches: an IPv6 server in brackets.
+TEST_F(SrvChan, ReachesAServerAtABracketedIPv6Address)
+{
+    listener l;
+    close(l.fd);
+    l.fd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 a{};
+    a.sin6_family = AF_INET6, a.sin6_addr = in6addr_loopback;
+    socklen_t al = sizeof a;
+    if (bind(l.fd, (sockaddr *)&a, sizeof a) != 0 || listen(l.fd, 8) != 0)
+        GTEST_SKIP() << "no IPv6 loopback here";
+    getsockname(l.fd, (sockaddr *)&a, &al);
+    configure("[::1]:" + std::to_string(ntohs(a.sin6_port)));
+    srvchan_open();
     close(accept_hello(l));
 }
 

@@ -308,15 +308,17 @@ void usage(FILE *f)
             command_help);
 }
 
-} // namespace
-
-int main(int argc, char **argv)
-{
+// What the command line asked for.
+struct options {
     std::string listen_addr = "127.0.0.1:7420";
-    double duration = -1;
-    server s;
+    double duration = -1; // seconds; negative: until the last command
+    bool json = false;
     std::deque<std::string> cmds;
-    bool use_stdin = true;
+};
+
+// Fills o from argv; -1 to go on, else the exit status.
+int parse_options(int argc, char **argv, options &o)
+{
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         auto value = [&](const char *opt) -> const char * {
@@ -327,14 +329,14 @@ int main(int argc, char **argv)
             return argv[++i];
         };
         if (a == "--listen" || a == "-l") {
-            listen_addr = value("--listen");
+            o.listen_addr = value("--listen");
         } else if (a == "--json") {
-            s.json = true;
+            o.json = true;
         } else if (a == "--duration" || a == "-d") {
             char *end = nullptr;
             const char *v = value("--duration");
-            duration = strtod(v, &end);
-            if (!end || *end || duration < 0) {
+            o.duration = strtod(v, &end);
+            if (!end || *end || o.duration < 0) {
                 fprintf(stderr, "ltr-server: --duration wants seconds >= 0, got \"%s\"\n", v);
                 return 2;
             }
@@ -343,148 +345,139 @@ int main(int argc, char **argv)
             return 0;
         } else if (a == "--") {
             for (++i; i < argc; ++i)
-                cmds.push_back(argv[i]);
+                o.cmds.push_back(argv[i]);
         } else if (a.size() > 1 && a[0] == '-') {
             fprintf(stderr, "ltr-server: unknown option %s\n", a.c_str());
             usage(stderr);
             return 2;
         } else {
-            cmds.push_back(a);
+            o.cmds.push_back(a);
         }
     }
-    use_stdin = cmds.empty();
+    return -1;
+}
 
-    struct sigaction sa{};
-    sa.sa_handler = on_signal;
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-
-    if (!open_listener(s, listen_addr))
-        return 2;
-    if (!s.json)
-        s.out("listening on " + listen_addr + "\n");
-
-    const int64_t start = now_ms();
-    const int64_t end = duration > 0 ? start + int64_t(duration * 1000) : -1;
-    bool input_done = !use_stdin;
+// The command script: lines still to run, standard input, the wait in progress.
+struct script {
+    std::deque<std::string> cmds;
+    bool input_done = false;
     std::string stdin_buf;
-
-    // The command being waited for, if any.
     cmd_kind waiting = CMD_NONE;
     int64_t wait_until = 0;
     unsigned wait_count = 0;
+};
 
-    for (;;) {
-        if (g_signalled)
-            break;
-        int64_t now = now_ms();
-        if (end >= 0 && now >= end)
-            break;
+// Ends a wait whose condition holds or whose time is up.
+void finish_wait(server &s, script &sc, int64_t now)
+{
+    if (sc.waiting == CMD_NONE)
+        return;
+    bool met = (sc.waiting == CMD_WAIT_AP && s.hello_count() >= sc.wait_count) ||
+               (sc.waiting == CMD_WAIT_REPLY && s.pending_count() == 0);
+    if (met) {
+        sc.waiting = CMD_NONE;
+    } else if (now >= sc.wait_until) {
+        if (sc.waiting == CMD_WAIT_AP)
+            s.fail("wait-ap: " + std::to_string(s.hello_count()) + " of " +
+                   std::to_string(sc.wait_count) + " access points after the timeout");
+        else if (sc.waiting == CMD_WAIT_REPLY)
+            s.fail("wait-reply: " + std::to_string(s.pending_count()) +
+                   " request(s) unanswered after the timeout");
+        sc.waiting = CMD_NONE;
+    }
+}
 
-        // Finish a wait whose condition holds or whose time is up.
-        if (waiting != CMD_NONE) {
-            bool met = (waiting == CMD_WAIT_AP && s.hello_count() >= wait_count) ||
-                       (waiting == CMD_WAIT_REPLY && s.pending_count() == 0);
-            if (met) {
-                waiting = CMD_NONE;
-            } else if (now >= wait_until) {
-                if (waiting == CMD_WAIT_AP)
-                    s.fail("wait-ap: " + std::to_string(s.hello_count()) + " of " +
-                           std::to_string(wait_count) + " access points after the timeout");
-                else if (waiting == CMD_WAIT_REPLY)
-                    s.fail("wait-reply: " + std::to_string(s.pending_count()) +
-                           " request(s) unanswered after the timeout");
-                waiting = CMD_NONE;
-            }
+// Runs commands until one has to wait; true on quit.
+bool run_commands(server &s, script &sc)
+{
+    while (sc.waiting == CMD_NONE && !sc.cmds.empty()) {
+        std::string line = sc.cmds.front();
+        sc.cmds.pop_front();
+        command c;
+        std::string err;
+        if (!parse_command(line, c, err)) {
+            s.fail(err);
+            continue;
         }
-
-        // Run commands until one has to wait.
-        bool quit = false;
-        while (waiting == CMD_NONE && !cmds.empty() && !quit) {
-            std::string line = cmds.front();
-            cmds.pop_front();
-            command c;
-            std::string err;
-            if (!parse_command(line, c, err)) {
-                s.fail(err);
-                continue;
-            }
-            switch (c.kind) {
-            case CMD_QUIT:
-                quit = true;
-                break;
-            case CMD_WAIT:
-            case CMD_WAIT_AP:
-            case CMD_WAIT_REPLY:
-                waiting = c.kind;
-                wait_until = now_ms() + int64_t(c.seconds * 1000);
-                wait_count = c.count;
-                break;
-            default:
-                s.run(c);
-            }
-        }
-        if (quit)
+        switch (c.kind) {
+        case CMD_QUIT:
+            return true;
+        case CMD_WAIT:
+        case CMD_WAIT_AP:
+        case CMD_WAIT_REPLY:
+            sc.waiting = c.kind;
+            sc.wait_until = now_ms() + int64_t(c.seconds * 1000);
+            sc.wait_count = c.count;
             break;
-        if (waiting == CMD_NONE && cmds.empty() && input_done && duration < 0)
-            break;
-
-        // Drop closed connections.
-        for (size_t i = 0; i < s.aps.size();)
-            if (s.aps[i]->closing)
-                s.aps.erase(s.aps.begin() + std::ptrdiff_t(i));
-            else
-                ++i;
-
-        std::vector<pollfd> pf;
-        pf.push_back({s.listen_sock.fd, POLLIN, 0});
-        bool read_stdin = !input_done && waiting == CMD_NONE && cmds.empty();
-        pf.push_back({read_stdin ? 0 : -1, POLLIN, 0});
-        for (const auto &a : s.aps)
-            pf.push_back({a->sock.fd, short(POLLIN | (a->out_off < a->out.size() ? POLLOUT : 0)), 0});
-        int64_t timeout = 1000;
-        if (waiting != CMD_NONE)
-            timeout = std::min(timeout, std::max<int64_t>(0, wait_until - now_ms()));
-        if (end >= 0)
-            timeout = std::min(timeout, std::max<int64_t>(0, end - now_ms()));
-        if (waiting == CMD_NONE && !cmds.empty())
-            timeout = 0;
-        if (poll(pf.data(), pf.size(), int(timeout)) < 0 && errno != EINTR) {
-            perror("ltr-server: poll");
-            return 1;
-        }
-        if (pf[0].revents & POLLIN)
-            s.accept_one();
-        if (pf[1].revents & (POLLIN | POLLHUP)) {
-            char buf[4096];
-            ssize_t n = read(0, buf, sizeof buf);
-            if (n <= 0) {
-                input_done = true;
-                if (!stdin_buf.empty())
-                    cmds.push_back(stdin_buf);
-                stdin_buf.clear();
-            } else {
-                stdin_buf.append(buf, size_t(n));
-                size_t nl;
-                while ((nl = stdin_buf.find('\n')) != std::string::npos) {
-                    cmds.push_back(stdin_buf.substr(0, nl));
-                    stdin_buf.erase(0, nl + 1);
-                }
-            }
-        }
-        // pf[2 + i] matches s.aps[i]: nothing was added or removed since pf was built.
-        size_t n_aps = pf.size() - 2;
-        for (size_t i = 0; i < n_aps; ++i) {
-            ap_conn &a = *s.aps[i];
-            short re = pf[2 + i].revents;
-            if (re & (POLLIN | POLLHUP | POLLERR))
-                s.read_ap(a);
-            if (!a.closing && (re & POLLOUT))
-                s.write_ap(a);
+        default:
+            s.run(c);
         }
     }
-    // Let queued requests reach the APs before closing.
+    return false;
+}
+
+// Takes whole lines from standard input as commands; the rest at its end.
+void read_stdin(script &sc)
+{
+    char buf[4096];
+    ssize_t n = read(0, buf, sizeof buf);
+    if (n <= 0) {
+        sc.input_done = true;
+        if (!sc.stdin_buf.empty())
+            sc.cmds.push_back(sc.stdin_buf);
+        sc.stdin_buf.clear();
+        return;
+    }
+    sc.stdin_buf.append(buf, size_t(n));
+    size_t nl;
+    while ((nl = sc.stdin_buf.find('\n')) != std::string::npos) {
+        sc.cmds.push_back(sc.stdin_buf.substr(0, nl));
+        sc.stdin_buf.erase(0, nl + 1);
+    }
+}
+
+// One wait for the listener, standard input and the access points; false when
+// polling failed.
+bool serve_once(server &s, script &sc, int64_t end)
+{
+    std::erase_if(s.aps, [](const std::unique_ptr<ap_conn> &a) { return a->closing; });
+    std::vector<pollfd> pf;
+    pf.push_back({s.listen_sock.fd, POLLIN, 0});
+    bool want_stdin = !sc.input_done && sc.waiting == CMD_NONE && sc.cmds.empty();
+    pf.push_back({want_stdin ? 0 : -1, POLLIN, 0});
+    for (const auto &a : s.aps)
+        pf.push_back({a->sock.fd, short(POLLIN | (a->out_off < a->out.size() ? POLLOUT : 0)), 0});
+    int64_t timeout = 1000;
+    if (sc.waiting != CMD_NONE)
+        timeout = std::min(timeout, std::max<int64_t>(0, sc.wait_until - now_ms()));
+    if (end >= 0)
+        timeout = std::min(timeout, std::max<int64_t>(0, end - now_ms()));
+    if (sc.waiting == CMD_NONE && !sc.cmds.empty())
+        timeout = 0;
+    if (poll(pf.data(), pf.size(), int(timeout)) < 0 && errno != EINTR) {
+        perror("ltr-server: poll");
+        return false;
+    }
+    if (pf[0].revents & POLLIN)
+        s.accept_one();
+    if (pf[1].revents & (POLLIN | POLLHUP))
+        read_stdin(sc);
+    // pf[2 + i] matches s.aps[i]: nothing was added or removed since pf was built.
+    size_t n_aps = pf.size() - 2;
+    for (size_t i = 0; i < n_aps; ++i) {
+        ap_conn &a = *s.aps[i];
+        short re = pf[2 + i].revents;
+        if (re & (POLLIN | POLLHUP | POLLERR))
+            s.read_ap(a);
+        if (!a.closing && (re & POLLOUT))
+            s.write_ap(a);
+    }
+    return true;
+}
+
+// Lets queued requests reach the access points before closing.
+void flush_all(server &s)
+{
     for (const auto &a : s.aps)
         while (!a->closing && a->out_off < a->out.size()) {
             pollfd p{a->sock.fd, POLLOUT, 0};
@@ -492,5 +485,45 @@ int main(int argc, char **argv)
                 break;
             s.write_ap(*a);
         }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    options o;
+    if (int rc = parse_options(argc, argv, o); rc >= 0)
+        return rc;
+    server s;
+    s.json = o.json;
+    script sc;
+    sc.input_done = !o.cmds.empty(); // commands given: standard input is not read
+    sc.cmds = std::move(o.cmds);
+
+    struct sigaction sa{};
+    sa.sa_handler = on_signal;
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    if (!open_listener(s, o.listen_addr))
+        return 2;
+    if (!s.json)
+        s.out("listening on " + o.listen_addr + "\n");
+
+    const int64_t end = o.duration > 0 ? now_ms() + int64_t(o.duration * 1000) : -1;
+    while (!g_signalled) {
+        int64_t now = now_ms();
+        if (end >= 0 && now >= end)
+            break;
+        finish_wait(s, sc, now);
+        if (run_commands(s, sc))
+            break;
+        if (sc.waiting == CMD_NONE && sc.cmds.empty() && sc.input_done && o.duration < 0)
+            break;
+        if (!serve_once(s, sc, end))
+            return 1;
+    }
+    flush_all(s);
     return s.failures ? 1 : 0;
 }

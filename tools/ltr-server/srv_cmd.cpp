@@ -149,6 +149,107 @@ bool parse_item(const std::string &item, bytes &tlv, std::string &err)
     return false;
 }
 
+// Whether the verb has from lo to hi arguments; err says so when not.
+bool arg_count(const std::vector<std::string> &w, size_t lo, size_t hi, std::string &err)
+{
+    if (w.size() - 1 >= lo && w.size() - 1 <= hi)
+        return true;
+    err = w[0] + ": wrong number of arguments (try help)";
+    return false;
+}
+
+// wait / sleep, wait-ap, wait-reply.
+bool parse_wait(const std::vector<std::string> &w, command &c, std::string &err)
+{
+    const std::string &verb = w[0];
+    if (verb == "wait" || verb == "sleep") {
+        if (!arg_count(w, 1, 1, err))
+            return false;
+        if (!parse_seconds(w[1], c.seconds)) {
+            err = verb + ": seconds must be a number from 0 to 86400, got \"" + w[1] + "\"";
+            return false;
+        }
+        c.kind = CMD_WAIT;
+    } else if (verb == "wait-ap") {
+        unsigned long n;
+        if (!arg_count(w, 1, 2, err))
+            return false;
+        if (!parse_uint(w[1], 100000, n) || n == 0) {
+            err = "wait-ap: count must be a number from 1, got \"" + w[1] + "\"";
+            return false;
+        }
+        c.count = unsigned(n);
+        c.seconds = 10;
+        if (w.size() == 3 && !parse_seconds(w[2], c.seconds)) {
+            err = "wait-ap: timeout must be a number of seconds from 0 to 86400";
+            return false;
+        }
+        c.kind = CMD_WAIT_AP;
+    } else {
+        if (!arg_count(w, 0, 1, err))
+            return false;
+        c.seconds = 5;
+        if (w.size() == 2 && !parse_seconds(w[1], c.seconds)) {
+            err = "wait-reply: timeout must be a number of seconds from 0 to 86400";
+            return false;
+        }
+        c.kind = CMD_WAIT_REPLY;
+    }
+    return true;
+}
+
+// A request to access points: start, stop, modify, query, or send with an opcode.
+bool parse_request(const std::vector<std::string> &w, command &c, std::string &err)
+{
+    const std::string &verb = w[0];
+    size_t first_item = 2;
+    if (verb == "start")
+        c.op = OP_START;
+    else if (verb == "stop")
+        c.op = OP_STOP;
+    else if (verb == "modify" || verb == "modif")
+        c.op = OP_MODIF;
+    else if (verb == "query")
+        c.op = OP_QUERY;
+    else if (verb == "send") {
+        unsigned long n;
+        if (w.size() < 3) {
+            err = "send: wants TARGET OPCODE [ITEM...]";
+            return false;
+        }
+        if (!parse_uint(w[2], 65535, n)) {
+            err = "send: opcode must be a number from 0 to 65535, got \"" + w[2] + "\"";
+            return false;
+        }
+        c.op = uint16_t(n);
+        first_item = 3;
+    } else {
+        err = "unknown command \"" + verb + "\" (try help)";
+        return false;
+    }
+    if (w.size() < 2) {
+        err = verb + ": wants a TARGET (all, #N, a name or a MAC)";
+        return false;
+    }
+    c.target = w[1];
+    size_t total = 0;
+    for (size_t i = first_item; i < w.size(); ++i) {
+        bytes tlv;
+        if (!parse_item(w[i], tlv, err)) {
+            err = verb + ": " + err;
+            return false;
+        }
+        total += tlv.size();
+        c.tlvs.push_back(std::move(tlv));
+    }
+    if (total + REQ_HEAD > 65535 || c.tlvs.size() > 65535) {
+        err = verb + ": the message would exceed 65535 bytes";
+        return false;
+    }
+    c.kind = CMD_REQUEST;
+    return true;
+}
+
 } // namespace
 
 bool parse_command(const std::string &line, command &out, std::string &err)
@@ -164,53 +265,17 @@ bool parse_command(const std::string &line, command &out, std::string &err)
         return true;
     }
     const std::string &verb = w[0];
-    auto args = [&](size_t lo, size_t hi) {
-        if (w.size() - 1 >= lo && w.size() - 1 <= hi)
-            return true;
-        err = verb + ": wrong number of arguments (try help)";
-        return false;
-    };
-
     if (verb == "help") {
         c.kind = CMD_HELP;
     } else if (verb == "list") {
         c.kind = CMD_LIST;
     } else if (verb == "quit" || verb == "exit") {
         c.kind = CMD_QUIT;
-    } else if (verb == "wait" || verb == "sleep") {
-        if (!args(1, 1))
+    } else if (verb == "wait" || verb == "sleep" || verb == "wait-ap" || verb == "wait-reply") {
+        if (!parse_wait(w, c, err))
             return false;
-        if (!parse_seconds(w[1], c.seconds)) {
-            err = verb + ": seconds must be a number from 0 to 86400, got \"" + w[1] + "\"";
-            return false;
-        }
-        c.kind = CMD_WAIT;
-    } else if (verb == "wait-ap") {
-        unsigned long n;
-        if (!args(1, 2))
-            return false;
-        if (!parse_uint(w[1], 100000, n) || n == 0) {
-            err = "wait-ap: count must be a number from 1, got \"" + w[1] + "\"";
-            return false;
-        }
-        c.count = unsigned(n);
-        c.seconds = 10;
-        if (w.size() == 3 && !parse_seconds(w[2], c.seconds)) {
-            err = "wait-ap: timeout must be a number of seconds from 0 to 86400";
-            return false;
-        }
-        c.kind = CMD_WAIT_AP;
-    } else if (verb == "wait-reply") {
-        if (!args(0, 1))
-            return false;
-        c.seconds = 5;
-        if (w.size() == 2 && !parse_seconds(w[1], c.seconds)) {
-            err = "wait-reply: timeout must be a number of seconds from 0 to 86400";
-            return false;
-        }
-        c.kind = CMD_WAIT_REPLY;
     } else if (verb == "raw") {
-        if (!args(2, 2))
+        if (!arg_count(w, 2, 2, err))
             return false;
         if (!parse_hex(w[2], c.raw) || c.raw.empty() || c.raw.size() >= FRAME_MAX) {
             err = "raw: the message must be 1 to 65535 bytes of hex digits";
@@ -218,52 +283,8 @@ bool parse_command(const std::string &line, command &out, std::string &err)
         }
         c.target = w[1];
         c.kind = CMD_RAW;
-    } else {
-        size_t first_item = 2;
-        if (verb == "start")
-            c.op = OP_START;
-        else if (verb == "stop")
-            c.op = OP_STOP;
-        else if (verb == "modify" || verb == "modif")
-            c.op = OP_MODIF;
-        else if (verb == "query")
-            c.op = OP_QUERY;
-        else if (verb == "send") {
-            unsigned long n;
-            if (w.size() < 3) {
-                err = "send: wants TARGET OPCODE [ITEM...]";
-                return false;
-            }
-            if (!parse_uint(w[2], 65535, n)) {
-                err = "send: opcode must be a number from 0 to 65535, got \"" + w[2] + "\"";
-                return false;
-            }
-            c.op = uint16_t(n);
-            first_item = 3;
-        } else {
-            err = "unknown command \"" + verb + "\" (try help)";
-            return false;
-        }
-        if (w.size() < 2) {
-            err = verb + ": wants a TARGET (all, #N, a name or a MAC)";
-            return false;
-        }
-        c.target = w[1];
-        size_t total = 0;
-        for (size_t i = first_item; i < w.size(); ++i) {
-            bytes tlv;
-            if (!parse_item(w[i], tlv, err)) {
-                err = verb + ": " + err;
-                return false;
-            }
-            total += tlv.size();
-            c.tlvs.push_back(std::move(tlv));
-        }
-        if (total + REQ_HEAD > 65535 || c.tlvs.size() > 65535) {
-            err = verb + ": the message would exceed 65535 bytes";
-            return false;
-        }
-        c.kind = CMD_REQUEST;
+    } else if (!parse_request(w, c, err)) {
+        return false;
     }
     out = std::move(c);
     return true;

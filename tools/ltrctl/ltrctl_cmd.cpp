@@ -188,20 +188,13 @@ std::string oui_text(const uint8_t *o)
     return b;
 }
 
-bool parse(const std::string &line, request &out, std::string &err)
+// The requests that are not agent commands: running configuration, status, help and
+// debug switches. False when line is none of them; else ok says whether it parsed.
+bool parse_special(const std::vector<std::string> &w, bool neg, request &out, std::string &err,
+                   bool &ok)
 {
-    out = request{};
-    std::vector<std::string> w = words(line);
-    if (w.empty()) {
-        err = "empty command";
-        return false;
-    }
-    size_t at = 0;
-    bool neg = w[0] == "no";
-    if (neg)
-        at = 1;
-    size_t rest = w.size() - at;
-
+    ok = true;
+    size_t at = neg ? 1 : 0, rest = w.size() - at;
     if (!neg && w == std::vector<std::string>{"show", "running-config"}) {
         out.kind = req_kind::running_config;
         return true;
@@ -214,26 +207,83 @@ bool parse(const std::string &line, request &out, std::string &err)
         out.kind = req_kind::help;
         return true;
     }
-    if (rest >= 1 && w[at] == "debug") {
-        if (rest != 3 || w[at + 1] != "location-tracking") {
-            err = "usage: [no] debug location-tracking <category>";
-            return false;
-        }
-        const std::string &cat = w[at + 2];
-        bool known = false;
-        for (auto c : debug_categories)
-            known |= cat == c;
-        if (!known) {
-            err = "debug: unknown category '" + cat +
-                  "' (error, event, info, packet, all, scdlib, dcdlib, alllib)";
-            return false;
-        }
-        out.kind = req_kind::debug;
-        out.debug_on = !neg;
-        out.module = "ltr";
-        out.category = cat;
+    if (rest < 1 || w[at] != "debug")
+        return false;
+    ok = false;
+    if (rest != 3 || w[at + 1] != "location-tracking") {
+        err = "usage: [no] debug location-tracking <category>";
         return true;
     }
+    const std::string &cat = w[at + 2];
+    bool known = false;
+    for (auto c : debug_categories)
+        known |= cat == c;
+    if (!known) {
+        err = "debug: unknown category '" + cat +
+              "' (error, event, info, packet, all, scdlib, dcdlib, alllib)";
+        return true;
+    }
+    out.kind = req_kind::debug;
+    out.debug_on = !neg;
+    out.module = "ltr";
+    out.category = cat;
+    ok = true;
+    return true;
+}
+
+// The argument block of a command with its one argument a (flags without the
+// argument flag); false with err set when a does not fit the command.
+bool put_argument(const cmd_def &d, const std::string &name, const std::string &a,
+                  uint32_t flags, request &out, std::string &err)
+{
+    flags |= FLAG_ARG;
+    if (d.arg == arg_kind::value) {
+        uint32_t v;
+        if (!parse_value(a, v)) {
+            err = name + ": '" + a + "' is not a number";
+            return false;
+        }
+        if (v < d.min || v > d.max) {
+            err = name + ": " + a + " is out of range (" + std::to_string(d.min) + "-" +
+                  std::to_string(d.max) + ")";
+            return false;
+        }
+        out.block.assign(16, 0);
+        put_le32(out.block, 12, v);
+    } else if (d.arg == arg_kind::mac) {
+        uint8_t mac[6];
+        if (!parse_mac(a, mac)) {
+            err = name + ": '" + a +
+                  "' is not a MAC address (aa:bb:cc:dd:ee:ff, aa-bb-cc-dd-ee-ff or aabb.ccdd.eeff)";
+            return false;
+        }
+        out.block.assign(20, 0);
+        memcpy(&out.block[12], mac, 6);
+    } else {
+        uint8_t oui[3];
+        if (!parse_oui(a, oui)) {
+            err = name + ": '" + a + "' is not an OUI (aa:bb:cc, aa-bb-cc or aabb.cc)";
+            return false;
+        }
+        out.block.assign(16, 0);
+        memcpy(&out.block[12], oui, 3);
+    }
+    put_le32(out.block, 0, flags);
+    return true;
+}
+
+bool parse(const std::string &line, request &out, std::string &err)
+{
+    out = request{};
+    std::vector<std::string> w = words(line);
+    if (w.empty()) {
+        err = "empty command";
+        return false;
+    }
+    bool neg = w[0] == "no", ok = false;
+    size_t at = neg ? 1 : 0;
+    if (parse_special(w, neg, out, err, ok))
+        return ok;
 
     const cmd_def *d = nullptr;
     size_t n = 0;
@@ -257,64 +307,21 @@ bool parse(const std::string &line, request &out, std::string &err)
     out.negated = neg;
     uint32_t flags = neg ? FLAG_NEG : 0;
 
-    if (d->arg == arg_kind::none || (neg && d->arg == arg_kind::value)) {
-        if (!args.empty()) {
-            err = name + ": unexpected '" + args[0] + "'";
-            return false;
-        }
-        out.block.assign(cli_proto::BLOCK_MIN, 0);
-        put_le32(out.block, 0, flags);
-        return true;
-    }
-    if (args.size() > 1) {
-        err = name + ": unexpected '" + args[1] + "'";
+    bool takes_none = d->arg == arg_kind::none || (neg && d->arg == arg_kind::value);
+    if (args.size() > (takes_none ? 0u : 1u)) {
+        err = name + ": unexpected '" + args[takes_none ? 0 : 1] + "'";
         return false;
     }
-    if (args.empty()) {
-        if (!neg) {
-            const char *what = d->arg == arg_kind::value ? "a value"
-                               : d->arg == arg_kind::mac ? "a MAC address"
-                                                         : "an OUI";
-            err = name + ": needs " + what;
-            return false;
-        }
-        out.block.assign(cli_proto::BLOCK_MIN, 0); // "no ... mac": every MAC
-        put_le32(out.block, 0, flags);
-        return true;
+    if (!args.empty())
+        return put_argument(*d, name, args[0], flags, out, err);
+    if (!takes_none && !neg) {
+        const char *what = d->arg == arg_kind::value ? "a value"
+                           : d->arg == arg_kind::mac ? "a MAC address"
+                                                     : "an OUI";
+        err = name + ": needs " + what;
+        return false;
     }
-    const std::string &a = args[0];
-    flags |= FLAG_ARG;
-    if (d->arg == arg_kind::value) {
-        uint32_t v;
-        if (!parse_value(a, v)) {
-            err = name + ": '" + a + "' is not a number";
-            return false;
-        }
-        if (v < d->min || v > d->max) {
-            err = name + ": " + a + " is out of range (" + std::to_string(d->min) + "-" +
-                  std::to_string(d->max) + ")";
-            return false;
-        }
-        out.block.assign(16, 0);
-        put_le32(out.block, 12, v);
-    } else if (d->arg == arg_kind::mac) {
-        uint8_t mac[6];
-        if (!parse_mac(a, mac)) {
-            err = name + ": '" + a +
-                  "' is not a MAC address (aa:bb:cc:dd:ee:ff, aa-bb-cc-dd-ee-ff or aabb.ccdd.eeff)";
-            return false;
-        }
-        out.block.assign(20, 0);
-        memcpy(&out.block[12], mac, 6);
-    } else {
-        uint8_t oui[3];
-        if (!parse_oui(a, oui)) {
-            err = name + ": '" + a + "' is not an OUI (aa:bb:cc, aa-bb-cc or aabb.cc)";
-            return false;
-        }
-        out.block.assign(16, 0);
-        memcpy(&out.block[12], oui, 3);
-    }
+    out.block.assign(cli_proto::BLOCK_MIN, 0); // also "no ... mac": every MAC
     put_le32(out.block, 0, flags);
     return true;
 }

@@ -240,7 +240,9 @@ void serve(int lfd, int wake_fd, rt_sock_limits lim)
     rt_listener l{lfd, 0};
     std::vector<pollfd> p;
     constexpr size_t FIXED = 3; // listener, wake, stop
+    std::atomic<uint64_t> &wakes = rt_counter("wake.radio_sock"); // loop turns
     while (!srv().stop && !rt_stopping()) {
+        wakes++;
         int64_t now = rt_now_ms(), next = -1;
         for (auto &c : clients) {
             int64_t due = c.last_ms + (c.busy() ? lim.stall_ms : lim.idle_ms);

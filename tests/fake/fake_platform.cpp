@@ -26,7 +26,6 @@ struct state {
     std::vector<dbg_line> dbgs;
     std::string cli;
     std::vector<std::unique_ptr<timer>> timers;
-    std::map<qz_pmpt_timer_t *, int> t2f;
     std::vector<std::pair<std::string, int>> radios;
     std::map<int, radio> radio_states;
     mac_t mgt_mac{0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
@@ -185,7 +184,6 @@ void echo_logs(bool on) { S().echo_logs = on; }
 const std::vector<log_line> &logs() { return S().logs; }
 const std::vector<dbg_line> &dbgs() { return S().dbgs; }
 std::string log_text() { return join(S().logs); }
-std::string dbg_text() { return join(S().dbgs); }
 std::string cli_text() { return S().cli; }
 bool dbg_has(const std::string &text) { return has(S().dbgs, text); }
 bool log_has(const std::string &text) { return has(S().logs, text); }
@@ -201,19 +199,16 @@ void fire(qz_pmpt_timer_t *t)
     tm->cb(t, tm->arg);
 }
 
-void set_time2fire(qz_pmpt_timer_t *t, int seconds) { S().t2f[t] = seconds; }
 void set_radios(const std::vector<std::pair<std::string, int>> &radios) { S().radios = radios; }
 radio &radio_state(int ifindex) { return S().radio_states[ifindex]; }
 void set_mgt(const mac_t &mac, uint32_t ip) { S().mgt_mac = mac, S().mgt_ip = ip; }
 void deliver_event(uint32_t id, bytes payload) { deliver(S().subs, id, payload); }
 void deliver_kevent(uint32_t id, bytes payload) { deliver(S().ksubs, id, payload); }
-bool subscribed(uint32_t id) { return S().subs.count(id) != 0; }
 const std::vector<sent> &events_sent() { return S().events_sent; }
 const std::vector<sent> &capwap_sent() { return S().capwap_sent; }
 const std::vector<sent> &hc_sent() { return S().hc_sent; }
 bool hc_registered() { return S().hc_reg; }
 const qz_hc_reg &hc_last_reg() { return S().last_reg; }
-bytes shm_bytes(int key) { return shm()[key]; }
 std::map<bytes, bytes> &db() { return S().db; }
 const std::vector<dbg_flag> &dbg_flags() { return S().flags; }
 void set_not_ready_polls(int n) { S().not_ready = n; }
@@ -232,7 +227,6 @@ int run_cmd(int cmd_id, bool negated, const bytes &block, int nth, uint16_t type
     return -9999;
 }
 
-std::vector<int> cmd_ids() { return map_all(S().vectors, [](auto &v) { return v.first; }); }
 
 std::vector<cfg_tlv> run_cfg_gen()
 {
@@ -240,14 +234,6 @@ std::vector<cfg_tlv> run_cfg_gen()
     if (S().gen)
         S().gen(&out);
     return out;
-}
-
-bool set_debug(const std::string &module, const std::string &name, bool on)
-{
-    for (auto &f : S().flags)
-        if (f.module == module && f.name == name)
-            return *f.word = on ? (*f.word | f.mask) : (*f.word & ~f.mask), true;
-    return false;
 }
 
 } // namespace fake
@@ -394,8 +380,7 @@ int qz_pmpt_timer_time2fire(qz_pmpt_timer_t *t)
     timer *tm = find_timer(t);
     if (!tm || !tm->armed)
         return -1;
-    auto it = S().t2f.find(t);
-    return it != S().t2f.end() ? it->second : (int)tm->period;
+    return (int)tm->period;
 }
 
 int qz_event_init(int module, pthread_t *thread) { CALL({module}); return idle_thread(RESULT, thread); }

@@ -54,7 +54,6 @@ struct dbg_line { std::string tag; int line; std::string text; };
 const std::vector<log_line> &logs();
 const std::vector<dbg_line> &dbgs();
 std::string log_text(); // all qz_log lines concatenated
-std::string dbg_text(); // all debug lines concatenated (hex dumps included)
 std::string cli_text(); // qz_cli_printf output
 void clear_text();
 // Also write every qz_log line to stderr (death tests read it there).
@@ -67,7 +66,6 @@ struct timer { // period: seconds of the last start
 };
 timer &timer_state(qz_pmpt_timer_t *t);
 void fire(qz_pmpt_timer_t *t); // disarms, then runs the callback on this thread
-void set_time2fire(qz_pmpt_timer_t *t, int seconds);
 
 // Radios (name, ifindex): the only interfaces if_nametoindex and if_indextoname know.
 void set_radios(const std::vector<std::pair<std::string, int>> &radios);
@@ -84,7 +82,6 @@ void set_mgt(const mac_t &mac, uint32_t ip_net_order);
 
 void deliver_event(uint32_t id, bytes payload);
 void deliver_kevent(uint32_t id, bytes payload);
-bool subscribed(uint32_t id);
 struct sent { uint32_t id; bytes data; }; // id: event id, or a neighbour's IPv4 address
 const std::vector<sent> &events_sent(); // qz_event_send
 const std::vector<sent> &capwap_sent(); // qz_capwap_send_event
@@ -95,21 +92,18 @@ const qz_hc_reg &hc_last_reg();
 
 // Shared memory: survives reset_keep_shm(); reset() clears it.
 void reset_keep_shm();
-bytes shm_bytes(int key);
 
 // Store: ordered by key bytes.
 std::map<bytes, bytes> &db();
 
 // Runs the nth (0 = first) vector registered for cmd_id on block; output is in cli_text().
 int run_cmd(int cmd_id, bool negated, const bytes &block, int nth = 0, uint16_t type = 17);
-std::vector<int> cmd_ids(); // registration order
 struct cfg_tlv { int cmd_id; bytes block; int tag; };
 std::vector<cfg_tlv> run_cfg_gen();
 
 // Debug categories registered by the daemon, and the operator's switch.
 struct dbg_flag { std::string module, name; uint32_t *word; uint32_t mask; bool lib; };
 const std::vector<dbg_flag> &dbg_flags();
-bool set_debug(const std::string &module, const std::string &name, bool on);
 
 // System readiness: qz_sys_ready returns 0 this many times, then 1.
 void set_not_ready_polls(int n);

@@ -27,6 +27,23 @@ request parsed(const std::string &line)
     return r;
 }
 
+// A listening cli.sock in a private scratch directory; nobody answers on it.
+struct listening_sock {
+    std::string dir, path;
+    int fd = -1;
+    explicit listening_sock(int backlog)
+    {
+        char d[] = "/tmp/ltrctl_conn.XXXXXX";
+        dir = mkdtemp(d), path = dir + "/cli.sock";
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        strcpy(sa.sun_path, path.c_str());
+        EXPECT_EQ(bind(fd, (sockaddr *)&sa, sizeof sa) | listen(fd, backlog), 0);
+    }
+    ~listening_sock() { close(fd), unlink(path.c_str()), rmdir(dir.c_str()); }
+};
+
 } // namespace
 
 TEST(LtrctlParse, BadWordsAndValuesAreRefusedWithTheReason)
@@ -148,14 +165,9 @@ TEST(LtrctlConfig, SocketFromOptionsOrThePlatformConfiguration)
 
 TEST(LtrctlConn, GivesUpOnADaemonThatDoesNotAnswer)
 {
-    char dir[] = "/tmp/ltrctl_conn.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    std::string path = std::string(dir) + "/cli.sock", err;
-    int l = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    strcpy(sa.sun_path, path.c_str());
-    ASSERT_EQ(bind(l, (sockaddr *)&sa, sizeof sa) | listen(l, 0), 0);
+    listening_sock l(0);
+    const std::string &path = l.path;
+    std::string err;
 
     // Connected through the backlog, never answered.
     conn silent;
@@ -169,23 +181,14 @@ TEST(LtrctlConn, GivesUpOnADaemonThatDoesNotAnswer)
     full.timeout_ms = 200;
     EXPECT_FALSE(full.open(path, err));
     EXPECT_EQ(err, "no room at " + path + " within 0.2 s (is ltrd busy?)");
-    close(l);
-    unlink(path.c_str());
-    rmdir(dir);
 }
 
 // A socket or directory another user could have made or changed is not talked to.
 TEST(LtrctlConn, SocketOthersCouldHaveMadeIsRefused)
 {
-    char d[] = "/tmp/ltrctl_sock.XXXXXX";
-    ASSERT_TRUE(mkdtemp(d));
-    std::string dir = d, path = dir + "/cli.sock";
-    int l = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    strcpy(sa.sun_path, path.c_str());
-    ASSERT_EQ(bind(l, (sockaddr *)&sa, sizeof sa), 0);
-    ASSERT_EQ(listen(l, 4), 0);
+    listening_sock l(4);
+    const std::string &dir = l.dir, &path = l.path;
+    const char *d = dir.c_str();
     auto open_err = [&] {
         conn c;
         std::string err;
@@ -204,7 +207,4 @@ TEST(LtrctlConn, SocketOthersCouldHaveMadeIsRefused)
         ASSERT_EQ(chown(d, 65534, 65534), 0);
         EXPECT_NE(open_err().find(dir + " belongs to uid 65534"), std::string::npos);
     }
-    close(l);
-    unlink(path.c_str());
-    rmdir(d);
 }

@@ -254,8 +254,7 @@ TEST_F(CliAgent, OversizedOrTruncatedFramesCloseTheConnectionOnly)
     close(fd);
 
     EXPECT_EQ(text_of(request(command(100, 0, mac_block(3)))), "neg=0 mac=0011.22aa.bbcc tail=3\n");
-    for (int i = 0; i < 100 && rt_counter("cli.truncated") == before; i++)
-        usleep(20000);
+    rt_poll_until([&] { return rt_counter("cli.truncated") != before; }, 2000);
     EXPECT_EQ(rt_counter("cli.truncated") - before, 1u);
 }
 
@@ -328,8 +327,7 @@ TEST_F(CliAgent, OutOfDescriptorsTheListenerRestsThenServesAgain)
     sa.sun_family = AF_UNIX;
     strncpy(sa.sun_path, g_path.c_str(), sizeof(sa.sun_path) - 1);
     EXPECT_EQ(connect(waiting, (sockaddr *)&sa, sizeof(sa)), 0);
-    for (int i = 0; i < 200 && rt_counter("cli.accept_errors") == errors; i++)
-        usleep(10000);
+    rt_poll_until([&] { return rt_counter("cli.accept_errors") != errors; });
     errors = rt_counter("cli.accept_errors");
     usleep(1000000);
     // A rest of 250 ms: a handful of tries in that second, not a busy loop.

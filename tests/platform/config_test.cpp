@@ -210,20 +210,13 @@ TEST(Config, RuntimeDirOthersCouldChangeEndsTheStart)
 // A bad process configuration ends the process with status 1 and the error on stderr.
 TEST(Config, ProcessConfigBadFileExitsWithStatus1)
 {
-    tmp_file f("foreground = 1\n");
-    EXPECT_EXIT(
-        {
-            setenv("QZ_PLATFORM_CONFIG", f.path.c_str(), 1);
-            rt_cfg();
-            exit(0);
-        },
-        testing::ExitedWithCode(1), "foreground: expected true or false");
-    tmp_file key("[neighbours]\nkey_file = \"/dev/zero\"\n");
-    EXPECT_EXIT(
-        {
-            setenv("QZ_PLATFORM_CONFIG", key.path.c_str(), 1);
-            rt_cfg();
-            exit(0);
-        },
-        testing::ExitedWithCode(1), ":2: neighbours.key_file: /dev/zero: not a regular file");
+    const std::pair<const char *, const char *> cases[] = {
+        {"foreground = 1\n", "foreground: expected true or false"},
+        {"[neighbours]\nkey_file = \"/dev/zero\"\n", ":2: neighbours.key_file: /dev/zero: not a regular file"},
+    };
+    for (auto &[text, err] : cases) {
+        tmp_file f(text);
+        EXPECT_EXIT((setenv("QZ_PLATFORM_CONFIG", f.path.c_str(), 1), rt_cfg(), exit(0)),
+                    testing::ExitedWithCode(1), err);
+    }
 }

@@ -9,19 +9,13 @@
 
 #include "nbr_endpoint.h"
 #include "rt_counter.h"
+#include "rt_test_util.h"
 
 namespace {
 
 using bytes = std::vector<uint8_t>;
 
 uint32_t ip4(const char *s) { return inet_addr(s); }
-
-template <class F> bool wait_for(F pred)
-{
-    for (int i = 0; i < 400 && !pred(); i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return pred();
-}
 
 bytes seal(uint16_t module, const bytes &payload, const char *key)
 {
@@ -110,7 +104,7 @@ TEST(NbrEndpoint, DeliversTrueLengthAndSourceAndDropsBadInput)
     const bytes msg = {0, 0, 0, 0, 127, 0, 0, 2, 0, 16, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9};
     ASSERT_EQ(nbr_endpoint_send(a.get(), ip4("127.0.0.3"), 52, msg.data(), (int)msg.size()), 0);
     ASSERT_EQ(nbr_endpoint_send(a.get(), ip4("127.0.0.3"), 52, nullptr, 0), 0);
-    ASSERT_TRUE(wait_for([&] { return std::lock_guard(mu), got.size() == 2; }));
+    ASSERT_TRUE(rt_poll_until([&] { return std::lock_guard(mu), got.size() == 2; }));
 
     // Bad datagrams: each counted under its reason, none delivered.
     struct {
@@ -131,13 +125,13 @@ TEST(NbrEndpoint, DeliversTrueLengthAndSourceAndDropsBadInput)
         send_raw(src, "127.0.0.3", port, d);
     }
     for (size_t i = 0; i < std::size(bad); i++)
-        EXPECT_TRUE(wait_for([&] { return rt_counter(bad[i].counter) == before[i] + 1; }))
+        EXPECT_TRUE(rt_poll_until([&] { return rt_counter(bad[i].counter) == before[i] + 1; }))
             << bad[i].counter;
     // Once removed, the module's datagrams are dropped too.
     EXPECT_EQ(nbr_endpoint_remove(b.get(), 52), 0);
     EXPECT_EQ(nbr_endpoint_remove(b.get(), 52), -1);
     send_raw("127.0.0.2", "127.0.0.3", port, seal(52, msg, "site"));
-    EXPECT_TRUE(wait_for([&] { return rt_counter("nbr.drop.module") == before[5] + 2; }));
+    EXPECT_TRUE(rt_poll_until([&] { return rt_counter("nbr.drop.module") == before[5] + 2; }));
     std::lock_guard g(mu);
     EXPECT_EQ(got, (decltype(got){{msg, ip4("127.0.0.2")}, {{}, ip4("127.0.0.2")}}));
 }

@@ -11,6 +11,7 @@
 
 #include "owner_service.h"
 #include "rt_counter.h"
+#include "rt_test_util.h"
 
 namespace {
 
@@ -20,13 +21,6 @@ mac_t mac(int last, int mid = 0) { return {0x02, 0, 0, 0, (uint8_t)mid, (uint8_t
 mac_t to_mac(const uint8_t *m) { return {m[0], m[1], m[2], m[3], m[4], m[5]}; }
 
 uint32_t ip4(const char *s) { return inet_addr(s); }
-
-template <class F> bool wait_for(F pred)
-{
-    for (int i = 0; i < 600 && !pred(); i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return pred();
-}
 
 std::vector<uint8_t> query(const std::vector<mac_t> &macs, uint16_t code = QZ_OWNER_QUERY_CODE)
 {
@@ -110,7 +104,7 @@ struct ap {
                 }
             return false;
         };
-        EXPECT_TRUE(wait_for(names_all));
+        EXPECT_TRUE(rt_poll_until(names_all));
         return out;
     }
     // The owner of m in the newest reply that names it, 0 when none does.
@@ -179,7 +173,7 @@ TEST(OwnerService, IdleThreadsSleepUntilThereIsWork)
     EXPECT_LE(rt_counter("wake.nbr_rx") - rx, 1u);
     EXPECT_LE(rt_counter("wake.owner") - worker, 1u);
     b.start("127.0.0.3", port, {a.ip});
-    EXPECT_TRUE(wait_for([&] { return owner_service_live(a.svc.get()).size() == 1; }));
+    EXPECT_TRUE(rt_poll_until([&] { return owner_service_live(a.svc.get()).size() == 1; }));
     // a stays live for b past b's live time only through a's periodic hellos.
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_EQ(owner_service_live(b.svc.get()), std::vector<uint32_t>{a.ip});
@@ -193,7 +187,7 @@ TEST(OwnerService, AssociatedHereThenAtAPeerThenRendezvous)
     b.assoc = {mac(2), mac(1)}; // both claim 1: the local association wins at a
     uint16_t port = a.start("127.0.0.2", 0, {}, 3000); // the wait ends when the peer answers
     b.start("127.0.0.3", port, {a.ip}, 3000);
-    ASSERT_TRUE(wait_for([&] {
+    ASSERT_TRUE(rt_poll_until([&] {
         return owner_service_live(a.svc.get()) == std::vector{b.ip} &&
                owner_service_live(b.svc.get()) == std::vector{a.ip};
     }));
@@ -221,7 +215,7 @@ TEST(OwnerService, SilentPeerCostsOnlyTheBoundAndBadMessagesAreDropped)
     ASSERT_TRUE(c);
     owner_msg_hdr hello{OWNER_MSG_HELLO, 0, {0, 0}, {0, 0, 0, 0}};
     ASSERT_EQ(nbr_endpoint_send(c.get(), a.ip, NBR_MODULE_OWNER, &hello, sizeof hello), 0);
-    ASSERT_TRUE(wait_for([&] { return owner_service_live(a.svc.get()).size() == 1; }));
+    ASSERT_TRUE(rt_poll_until([&] { return owner_service_live(a.svc.get()).size() == 1; }));
 
     uint64_t timeouts = rt_counter("owner.peer_timeout");
     auto r = a.ask({mac(7), mac(8)});
@@ -237,7 +231,7 @@ TEST(OwnerService, SilentPeerCostsOnlyTheBoundAndBadMessagesAreDropped)
         auto q = query({mac(i, 1)});
         owner_service_query(a.svc.get(), q.data(), (int)q.size());
     }
-    EXPECT_TRUE(wait_for([&] {
+    EXPECT_TRUE(rt_poll_until([&] {
         for (int i = 0; i < 512; i++)
             if (a.latest(mac(i, 1)) != a.ip)
                 return false;
@@ -249,7 +243,7 @@ TEST(OwnerService, SilentPeerCostsOnlyTheBoundAndBadMessagesAreDropped)
     uint64_t bad = rt_counter("owner.drop.malformed");
     owner_msg_hdr lying{OWNER_MSG_ANSWER, 0, {0, 5}, {0, 0, 0, 1}}; // 5 MACs announced, none sent
     ASSERT_EQ(nbr_endpoint_send(c.get(), a.ip, NBR_MODULE_OWNER, &lying, sizeof lying), 0);
-    EXPECT_TRUE(wait_for([&] { return rt_counter("owner.drop.malformed") == bad + 1; }));
+    EXPECT_TRUE(rt_poll_until([&] { return rt_counter("owner.drop.malformed") == bad + 1; }));
 }
 
 // Stations heard by a and b only: c, though live, never owns them (its relays would be
@@ -261,7 +255,7 @@ TEST(OwnerService, OwnerIsElectedAmongTheApsThatHearTheStation)
     uint16_t port = a.start("127.0.0.2", 0, {ib, ic}, 3000);
     b.start("127.0.0.3", port, {ia, ic}, 3000);
     c.start("127.0.0.4", port, {ia, ib}, 3000);
-    ASSERT_TRUE(wait_for([&] {
+    ASSERT_TRUE(rt_poll_until([&] {
         return owner_service_live(a.svc.get()).size() == 2 && owner_service_live(b.svc.get()).size() == 2 &&
                owner_service_live(c.svc.get()).size() == 2;
     }));
@@ -291,7 +285,7 @@ TEST(OwnerService, OwnerIsElectedAmongTheApsThatHearTheStation)
 
     b.hear({moving});
     EXPECT_EQ(b.ask({moving})[moving], ib);
-    EXPECT_TRUE(wait_for([&] { return a.latest(moving) == ib; })) << "a learns b hears it too";
+    EXPECT_TRUE(rt_poll_until([&] { return a.latest(moving) == ib; })) << "a learns b hears it too";
     EXPECT_EQ(c.ask({mac(1, 9)})[mac(1, 9)], 0u) << "heard by nobody: no owner";
     EXPECT_FALSE(a.on_caller || b.on_caller || c.on_caller);
 }

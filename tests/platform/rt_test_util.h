@@ -10,6 +10,7 @@
 #include <iterator>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "rt_config.h"
 
@@ -47,4 +48,12 @@ template <typename P> bool rt_wait_for(std::mutex &mu, std::condition_variable &
 {
     std::unique_lock l(mu);
     return cv.wait_for(l, std::chrono::milliseconds(ms), pred);
+}
+
+// Polls pred until it holds or the time runs out, for state no condition variable guards.
+template <typename P> bool rt_poll_until(P pred, int ms = 3000)
+{
+    for (int i = 0; i < ms / 5 && !pred(); i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return pred();
 }

@@ -18,6 +18,7 @@
 #include "qz_event.h"
 #include "rt_config.h"
 #include "rt_counter.h"
+#include "rt_test_util.h"
 #include "srvchan.h"
 
 namespace {
@@ -130,10 +131,7 @@ size_t flood(int fd, const bytes &frame, size_t times)
 // Waits (bounded) until counter n has moved past before.
 bool counter_moves(const char *n, uint64_t before, int timeout_ms = 10000)
 {
-    for (auto end = clk::now() + ms(timeout_ms); clk::now() < end; std::this_thread::sleep_for(ms(10)))
-        if (counter(n) > before)
-            return true;
-    return false;
+    return rt_poll_until([&] { return counter(n) > before; }, timeout_ms);
 }
 
 class SrvChan : public ::testing::Test {

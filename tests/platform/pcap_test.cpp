@@ -40,13 +40,17 @@ bytes beacon(const mac &ap) { return frame(0x80, 0, k_bcast, ap, ap, -30); }
 
 void put32(std::ofstream &f, uint32_t v) { f.write(reinterpret_cast<const char *>(&v), 4); }
 
-void write_pcap(const std::string &path, const std::vector<bytes> &frames, uint32_t link = 127)
+// Frames 1 ms apart, or step_s seconds apart when given.
+void write_pcap(const std::string &path, const std::vector<bytes> &frames, uint32_t link = 127,
+                uint32_t step_s = 0)
 {
     std::ofstream f(path, std::ios::binary);
     put32(f, 0xa1b2c3d4), put32(f, 0x00040002), put32(f, 0), put32(f, 0), put32(f, 65535), put32(f, link);
     uint32_t ms = 0;
     for (const bytes &b : frames) {
-        put32(f, 1000), put32(f, 1000 * ms++), put32(f, uint32_t(b.size())), put32(f, uint32_t(b.size()));
+        put32(f, 1000 + step_s * ms), put32(f, step_s ? 0 : 1000 * ms);
+        put32(f, uint32_t(b.size())), put32(f, uint32_t(b.size()));
+        ms++;
         f.write(reinterpret_cast<const char *>(b.data()), std::streamsize(b.size()));
     }
 }
@@ -77,14 +81,15 @@ struct PcapTest : ::testing::Test {
         if (opened)
             rt_driver_pcap.close(&r);
     }
-    int open(const std::string &name, const std::string &capture, bool ignore_local = false)
+    int open(const std::string &name, const std::string &capture, bool ignore_local = false,
+             double speed = 1e6)
     {
         pcap_radio_conf c;
         c.capture = capture;
         c.ignore_local = ignore_local;
+        c.speed = speed;
         r.cfg.name = name;
         r.cfg.driver = "pcap";
-        c.speed = 1e6;
         r.cfg.conf = std::make_shared<pcap_radio_conf>(c);
         int rc = rt_driver_pcap.open(&r);
         opened = rc == 0;
@@ -170,8 +175,18 @@ TEST_F(PcapTest, ListMatchObjectsAndPrivacySwitchFilterTheTable)
     EXPECT_TRUE(table().empty());
 }
 
-TEST_F(PcapTest, OpenRefusesOtherLinkTypesAndMissingSources)
+TEST_F(PcapTest, OpenRefusesBadSourcesAndCloseEndsAWaitingReplay)
 {
+    // Real time, a day between two frames: close must not wait for the second.
+    write_pcap(s.path("slow.pcap"), {probe(k_s1, -40), probe(k_s1, -41)}, 127, 86400);
+    ASSERT_EQ(open("wlan6", s.path("slow.pcap"), false, 1), 0);
+    for (int i = 0; i < 500 && counter("frames_read") == 0; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(counter("frames_read"), 1u);
+    rt_driver_pcap.close(&r);
+    opened = false;
+    EXPECT_FALSE(r.priv);
+
     write_pcap(s.path("eth.pcap"), {probe(k_s1, -40)}, 1);
     EXPECT_LT(open("wlan9", s.path("eth.pcap")), 0);
     EXPECT_LT(open("wlan9", ""), 0);

@@ -1,6 +1,8 @@
 // The pcap driver: capture files replayed through its operations, as the daemon calls them.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <thread>
@@ -186,6 +188,24 @@ TEST_F(PcapTest, OpenRefusesBadSourcesAndCloseEndsAWaitingReplay)
     rt_driver_pcap.close(&r);
     opened = false;
     EXPECT_FALSE(r.priv);
+
+    // The same for a FIFO whose writer went quiet without closing it.
+    ASSERT_EQ(mkfifo(s.path("fifo").c_str(), 0600), 0);
+    write_pcap(s.path("one.pcap"), {probe(k_s1, -40)});
+    std::string one = rt_read_file(s.path("one.pcap"));
+    int wfd = -1;
+    std::thread writer([&] {
+        wfd = ::open(s.path("fifo").c_str(), O_WRONLY);
+        EXPECT_EQ(write(wfd, one.data(), one.size()), ssize_t(one.size()));
+    });
+    ASSERT_EQ(open("wlan5", s.path("fifo"), false, 1), 0);
+    writer.join();
+    for (int i = 0; i < 500 && counter("frames_read") == 0; i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(counter("frames_read"), 1u);
+    rt_driver_pcap.close(&r);
+    opened = false;
+    ::close(wfd);
 
     write_pcap(s.path("eth.pcap"), {probe(k_s1, -40)}, 1);
     EXPECT_LT(open("wlan9", s.path("eth.pcap")), 0);

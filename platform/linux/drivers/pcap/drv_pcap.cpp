@@ -2,10 +2,12 @@
 // libpcap from a live monitor-mode interface or from a capture file (or FIFO) replayed
 // in capture time. One capture thread per radio fills the station window; the report
 // table only copies out of it under the radio's lock.
+#include <fcntl.h>
 #include <pcap/pcap.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -54,6 +56,7 @@ struct pcap_radio {
     pcap_radio_conf conf;
     std::string source;      // the file or interface, for log lines
     bool live = false;
+    bool fifo = false;
     pcap_t *h = nullptr;
     pthread_t thread{};
     bool started = false;
@@ -174,7 +177,7 @@ void replay(pcap_radio &p)
                 return;
             take_frame(p, {data, hdr->caplen});
         }
-        if (rc == PCAP_ERROR)
+        if (rc == PCAP_ERROR && !quitting(p))
             rt_log(LOG_ERR, "pcap: %s: %s: %s", p.name.c_str(), p.source.c_str(), pcap_geterr(p.h));
         if (!p.conf.loop || rc == PCAP_ERROR || first || quitting(p))
             return;
@@ -222,6 +225,19 @@ void *capture_thread(void *arg)
     p.done = true;
     p.wake.notify_all();
     return nullptr;
+}
+
+// A read waiting on an idle FIFO writer: bytes that no capture record can start with
+// (an absurd length) end it with an error, which the quitting thread does not log.
+void unblock_fifo(const pcap_radio &p)
+{
+    int fd = open(p.source.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return; // no reader left: the thread is not waiting there
+    std::vector<uint8_t> junk(4096, 0xff);
+    ssize_t n = write(fd, junk.data(), junk.size());
+    (void)n; // a full pipe means the thread has data and will see quit
+    close(fd);
 }
 
 bool is_fifo(const std::string &path)
@@ -303,7 +319,8 @@ int pcap_open_radio(rt_radio *r)
     }
     p->live = !p->conf.monitor.empty();
     p->source = p->live ? p->conf.monitor : p->conf.capture;
-    if (p->conf.loop && !p->live && is_fifo(p->source))
+    p->fifo = !p->live && is_fifo(p->source);
+    if (p->fifo)
         p->conf.loop = false; // a FIFO cannot be read twice
     counters_init(*p);
     qz_sw_init(p->win, k_window_stations, p->conf.ignore_local);
@@ -332,6 +349,8 @@ void pcap_close_radio(rt_radio *r)
         if (p->live)
             pcap_breakloop(p->h);
     }
+    if (p->fifo)
+        unblock_fifo(*p);
     if (p->started)
         pthread_join(p->thread, nullptr);
     pcap_close(p->h);

@@ -391,6 +391,13 @@ const toml::node &node_of(const rt_cfg_key &k) { return *static_cast<const toml:
 
 } // namespace
 
+static std::string fmt_num(double v)
+{
+    char b[32];
+    snprintf(b, sizeof b, "%g", v);
+    return b;
+}
+
 bool rt_cfg_fail(const rt_cfg_key &k, const std::string &what) { return ctx_of(k).fail(what); }
 
 bool rt_cfg_str(const rt_cfg_key &k, std::string &out) { return get_str(ctx_of(k), node_of(k), out); }
@@ -400,6 +407,20 @@ bool rt_cfg_bool(const rt_cfg_key &k, bool &out) { return get_bool(ctx_of(k), no
 bool rt_cfg_int(const rt_cfg_key &k, int64_t &out, int64_t lo, int64_t hi)
 {
     return get_int(ctx_of(k), node_of(k), out, lo, hi);
+}
+
+bool rt_cfg_num(const rt_cfg_key &k, double &out, double lo, double hi)
+{
+    const toml::node &n = node_of(k);
+    std::optional<double> v = n.value_exact<double>();
+    if (auto i = n.value_exact<int64_t>())
+        v = double(*i); // "speed = 2" is as good as 2.0
+    if (!v)
+        return rt_cfg_fail(k, "expected a number");
+    if (!(*v >= lo && *v <= hi)) // NaN fails too
+        return rt_cfg_fail(k, "must be between " + fmt_num(lo) + " and " + fmt_num(hi));
+    out = *v;
+    return true;
 }
 
 bool rt_config_parse(const std::string &path, rt_config &out, std::string &err)

@@ -171,7 +171,8 @@ class AccessPoint:
         for r in self.radios:
             add_interface(r)
 
-    def write_config(self, peers, extra=""):
+    def write_config(self, peers, extra="", radio_lines=('driver = "sim"',)):
+        """radio_lines: the keys of every [[radio]] table after its name."""
         s = self.site
         lines = [
             f'instance = "{self.name}"',
@@ -197,7 +198,7 @@ class AccessPoint:
         if s.world:
             lines.append(f'world = "{s.world}"')
         for r in self.radios:
-            lines += ["[[radio]]", f'name = "{r}"', 'driver = "sim"']
+            lines += ["[[radio]]", f'name = "{r}"', *radio_lines]
         with open(self.config, "w") as f:
             f.write("\n".join(lines) + "\n" + extra)
 

@@ -35,6 +35,8 @@ bool rt_cfg_fail(const rt_cfg_key &k, const std::string &what);
 bool rt_cfg_str(const rt_cfg_key &k, std::string &out);
 bool rt_cfg_bool(const rt_cfg_key &k, bool &out);
 bool rt_cfg_int(const rt_cfg_key &k, int64_t &out, int64_t lo, int64_t hi);
+// A number, integer or not, in [lo, hi].
+bool rt_cfg_num(const rt_cfg_key &k, double &out, double lo, double hi);
 
 // The driver's configuration of a radio, made on its first key.
 template <typename T> T &rt_radio_conf(rt_radio_cfg &c)

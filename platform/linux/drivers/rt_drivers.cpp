@@ -6,12 +6,18 @@
 #ifdef LTR_DRIVER_SIM
 extern const rt_driver_ops rt_driver_sim;
 #endif
+#ifdef LTR_DRIVER_PCAP
+extern const rt_driver_ops rt_driver_pcap;
+#endif
 
 namespace {
 
 const rt_driver_ops *const drivers[] = {
 #ifdef LTR_DRIVER_SIM
     &rt_driver_sim,
+#endif
+#ifdef LTR_DRIVER_PCAP
+    &rt_driver_pcap,
 #endif
     nullptr, // keeps the array valid in a build without drivers
 };

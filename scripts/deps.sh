@@ -10,7 +10,7 @@ pkgs=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-de
       libpcap-dev)
 # The 32-bit build (cmake/i386.cmake) links against Debian's i386 multiarch libraries.
 pkgs32=(g++-multilib liblmdb-dev:i386 libtomlplusplus-dev:i386 libssl-dev:i386
-        libgtest-dev:i386 libgmock-dev:i386 libpcap-dev:i386)
+        libgtest-dev:i386 libgmock-dev:i386)
 
 missing_of() { # package names... -> the ones not installed
     local p

@@ -30,17 +30,6 @@ int add_or_del(std::vector<T> &v, const T &key, bool del, size_t max, uint32_t &
     return 0;
 }
 
-std::string hex(const uint8_t *b, size_t n)
-{
-    std::string s;
-    char part[4];
-    for (size_t i = 0; i < n; i++) {
-        snprintf(part, sizeof part, i ? ":%02x" : "%02x", b[i]);
-        s += part;
-    }
-    return s;
-}
-
 } // namespace
 
 void drv_set_track(drv_track &t, int enable) { t.track = enable ? 1 : 0; }
@@ -109,12 +98,23 @@ std::string drv_track_text(const drv_track &t)
 {
     std::string s = "track " + std::to_string(t.track) + "\nlmatch " + std::to_string(t.lmatch) + "\n";
     for (const auto &m : t.macs)
-        s += "obj mac " + hex(m.data(), 6) + "\n";
+        s += "obj mac " + drv_mac_text(m.data(), 6) + "\n";
     for (const auto &o : t.ouis)
-        s += "obj oui " + hex(o.data(), 3) + "\n";
+        s += "obj oui " + drv_mac_text(o.data(), 3) + "\n";
     const lta_stats &st = t.stats;
     s += "stats " + std::to_string(st.rpt_cnt) + " " + std::to_string(st.sta_no_node) + " " +
          std::to_string(st.oui_no_node) + " " + std::to_string(st.sta_no_mem) + " " +
          std::to_string(st.oui_no_mem) + "\n";
+    return s;
+}
+
+std::string drv_mac_text(const uint8_t *b, size_t n)
+{
+    std::string s;
+    char part[4];
+    for (size_t i = 0; i < n; i++) {
+        snprintf(part, sizeof part, i ? ":%02x" : "%02x", b[i]);
+        s += part;
+    }
     return s;
 }

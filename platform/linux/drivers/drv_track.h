@@ -50,3 +50,5 @@ void drv_report(drv_track &t, std::span<const drv_heard> heard, lta_rpt_entry *b
 int drv_one_sta(void *buf, int buflen, const uint8_t *mac, uint16_t freq, int *len);
 // "track", "lmatch", "obj mac|oui" and "stats" lines, each ending in '\n'.
 std::string drv_track_text(const drv_track &t);
+// "aa:bb:cc:dd:ee:ff" (n = 6) or "aa:bb:cc" (n = 3), as radio.sock and the state lines write them.
+std::string drv_mac_text(const uint8_t *b, size_t n = 6);

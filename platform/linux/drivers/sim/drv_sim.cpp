@@ -9,6 +9,7 @@
 #include <mutex>
 #include <utility>
 
+#include "drv_track.h"
 #include "rt.h"
 #include "rt_config.h"
 #include "rt_life.h"
@@ -286,7 +287,7 @@ std::string sim_hear(sim_radio *r, const sim_heard &h)
 std::string sim_forget(sim_radio *r, const sim_mac &mac)
 {
     std::lock_guard l(r->mu);
-    return r->heard.erase(mac) ? "" : sim_mac_text(mac.data()) + " is not heard on " + r->name;
+    return r->heard.erase(mac) ? "" : drv_mac_text(mac.data()) + " is not heard on " + r->name;
 }
 
 void sim_clear(sim_radio *r)
@@ -321,7 +322,7 @@ std::string sim_disassoc(sim_radio *r, const sim_mac &mac)
         if (was)
             r->assoc[mac] = 0;
     }
-    return was ? "" : sim_mac_text(mac.data()) + " is not associated on " + r->name;
+    return was ? "" : drv_mac_text(mac.data()) + " is not associated on " + r->name;
 }
 
 std::string sim_fail(const std::string &op, int count)

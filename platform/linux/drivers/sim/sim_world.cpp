@@ -318,13 +318,3 @@ bool sim_parse_hex(const std::string &s, uint8_t *out, int n)
     return true;
 }
 
-std::string sim_mac_text(const uint8_t *mac, int n)
-{
-    std::string s;
-    char b[4];
-    for (int i = 0; i < n; i++) {
-        snprintf(b, sizeof b, i ? ":%02x" : "%02x", mac[i]);
-        s += b;
-    }
-    return s;
-}

@@ -68,4 +68,3 @@ bool sim_world_assoc(const sim_world &w, int ap, int radio, const sim_mac &mac);
 
 // "aa:bb:cc:dd:ee:ff" (n = 6) or "aa:bb:cc" (n = 3); false on anything else.
 bool sim_parse_hex(const std::string &s, uint8_t *out, int n);
-std::string sim_mac_text(const uint8_t *mac, int n = 6);

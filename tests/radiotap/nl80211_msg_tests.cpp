@@ -181,6 +181,9 @@ TEST(Nl80211Msg, WalkDeliversOnlyThisRequestsMessagesUntilItsEnd)
     EXPECT_EQ(qz_nl_walk(d, 7, fn, &s, err), QZ_NL_DONE);
     EXPECT_EQ(s.macs.size(), 3u) << "the other request's end is not ours; nothing after ours";
 
+    // No station associated: the dump is its end alone.
+    EXPECT_EQ(qz_nl_walk(join({control(NLMSG_DONE, 7, 0)}), 7, fn, &s, err), QZ_NL_DONE);
+    EXPECT_EQ(s.macs.size(), 3u);
     d = join({control(NLMSG_ERROR, 7, -ENODEV)});
     EXPECT_EQ(qz_nl_walk(d, 7, fn, &s, err), QZ_NL_ERROR);
     EXPECT_EQ(err, -ENODEV);

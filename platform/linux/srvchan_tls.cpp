@@ -167,18 +167,17 @@ bool load_key(SSL_CTX *ctx, const std::string &path, std::string &why)
     pem_password_cb *no_prompt = [](char *, int, int, void *) { return -1; };
     EVP_PKEY *k = PEM_read_bio_PrivateKey(b.get(), nullptr, no_prompt, nullptr);
     OPENSSL_cleanse(text.data(), text.size());
-    bool ok = k && SSL_CTX_use_PrivateKey(ctx, k) == 1;
+    if (!k) {
+        why = path + ": no unencrypted PEM private key in it (" + ssl_reason() + ")";
+        return false;
+    }
+    bool ok = SSL_CTX_use_PrivateKey(ctx, k) == 1 && SSL_CTX_check_private_key(ctx) == 1;
     EVP_PKEY_free(k);
     if (!ok) {
-        why = path + ": no usable unencrypted PEM private key in it (" + ssl_reason() + ")";
-        return false;
-    }
-    if (SSL_CTX_check_private_key(ctx) != 1) {
         ERR_clear_error();
         why = path + ": the key does not belong to server.cert_file";
-        return false;
     }
-    return true;
+    return ok;
 }
 
 ctx_ptr make_ctx(const rt_config &c, std::string &key, std::string &why)

@@ -12,6 +12,7 @@
 #include <openssl/ssl.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <fstream>
 #include <optional>
 #include <mutex>
@@ -550,6 +551,49 @@ TEST_F(SrvChanTls, ServerThatWantsAClientCertificateRefusesOneWithoutOrFromAnoth
         srvchan_close();
         std::ofstream(dir.path("log"), std::ios::trunc).flush();
     }
+}
+
+// A delivery that waits until the test opens the gate: holds the channel thread.
+std::mutex g_gate_mu;
+std::condition_variable g_gate_cv;
+bool g_gate_open = false, g_gate_reached = false;
+void gated(const void *, int)
+{
+    std::unique_lock l(g_gate_mu);
+    g_gate_reached = true;
+    g_gate_cv.notify_all();
+    g_gate_cv.wait(l, [] { return g_gate_open; });
+}
+
+// The server closes while the channel is busy with its message and a large PONG
+// waits: the writes after the server's reset fail with EPIPE, never a SIGPIPE.
+TEST_F(SrvChanTls, WritesToAServerThatClosedCostAReconnectNotTheProcess)
+{
+    srvchan_set_deliver(gated);
+    listener l;
+    configure_tls(l);
+    srvchan_open();
+    {
+        tls_peer peer(srv);
+        ASSERT_TRUE(peer.accept(l));
+        frame f;
+        ASSERT_TRUE(peer.read_frame(f));
+        bytes wire = make_frame(SRV_FRAME_PING, bytes(60000, 0x42)), msg = make_frame(SRV_FRAME_MESSAGE, {1});
+        wire.insert(wire.end(), msg.begin(), msg.end());
+        peer.send(wire);
+        ASSERT_TRUE(rt_wait_for(g_gate_mu, g_gate_cv, [] { return g_gate_reached; }));
+        uint8_t sink[4096];
+        while (recv(peer.fd, sink, sizeof sink, MSG_DONTWAIT) > 0) {
+        }
+    } // closed with nothing unread or unsent: a FIN the channel has not seen
+    std::this_thread::sleep_for(ms(100));
+    {
+        std::lock_guard g(g_gate_mu);
+        g_gate_open = true;
+    }
+    g_gate_cv.notify_all();
+    tls_peer again(srv);
+    EXPECT_TRUE(again.accept(l));
 }
 
 // Plain TCP only as configured, and it says so at start.

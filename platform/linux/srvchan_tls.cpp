@@ -236,6 +236,7 @@ bool is_ip_literal(const std::string &s)
 // certificate check when that is what refused the server.
 void handshake_failed(srv_conn *c, int ssl_err, const std::string &name)
 {
+    int sys_err = errno;
     rt_counter("srvchan.tls_failures")++;
     long v = SSL_get_verify_result(c->ssl);
     if (v != X509_V_OK) {
@@ -259,7 +260,7 @@ void handshake_failed(srv_conn *c, int ssl_err, const std::string &name)
         return;
     }
     std::string why = ssl_err == SSL_ERROR_SYSCALL
-                          ? (errno ? strerror(errno) : "connection closed by the server")
+                          ? (sys_err ? strerror(sys_err) : "connection closed by the server")
                           : ssl_reason();
     rt_log_ratelimited("srvchan.tls.handshake", 300, 4,
                        "server channel: TLS handshake with %s failed: %s\n", c->addr.c_str(),

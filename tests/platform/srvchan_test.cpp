@@ -538,6 +538,21 @@ TEST_F(SrvChanTls, RefusedServerCertificatesNameTheirReason)
     EXPECT_EQ(counter("srvchan.connected"), 0u);
 }
 
+// An access point set for TLS meeting a plain-TCP server: one line, no session.
+TEST_F(SrvChanTls, PlainServerFailsTheHandshake)
+{
+    listener l;
+    configure_tls(l);
+    srvchan_open();
+    pollfd p{l.fd, POLLIN, 0};
+    int c = poll(&p, 1, 3000) > 0 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    ASSERT_GE(c, 0);
+    send_all(c, make_frame(SRV_FRAME_PING, {}));
+    EXPECT_TRUE(logged("server channel: TLS handshake with " + l.address() + " failed: "));
+    EXPECT_FALSE(srvchan_connected());
+    close(c);
+}
+
 TEST_F(SrvChanTls, ServerThatWantsAClientCertificateRefusesOneWithoutOrFromAnotherCa)
 {
     test_ca other(dir.dir, "other");

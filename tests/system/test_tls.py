@@ -1,6 +1,7 @@
 """A site over mutual TLS: the access points check the server's certificate, the
 server sees which access point speaks, and certificates that do not fit are refused."""
 import os
+import shutil
 import subprocess
 
 import systest
@@ -12,6 +13,10 @@ STA = "02:cc:00:00:00:01"
 
 class Tls(SiteTest):
     tls = True
+
+    def setUp(self):
+        if not shutil.which("openssl"):
+            self.skipTest("needs the openssl command (scripts/deps.sh installs it)")
 
     def test_readings_reach_the_server_over_tls_from_named_access_points(self):
         site = self.make_site(aps=2)

@@ -10,6 +10,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,10 +45,19 @@ struct unique_fd {
 
 } // namespace
 
+// Senders remembered with a replay window; past this new ones are refused (a sender
+// needs the key to get here, and with peers configured the list bounds it anyway).
+constexpr size_t k_max_senders = 1024;
+constexpr size_t k_max_sources = 1024; // source addresses remembered per destination
+
 struct nbr_endpoint {
     nbr_params params;
     unique_fd sock;
     uint16_t port = 0;
+    std::atomic<uint64_t> counter{0};            // the last one sent
+    std::mutex src_mu;                           // guards sources
+    std::map<uint32_t, uint32_t> sources;        // destination -> our source (bound to any)
+    std::map<uint32_t, nbr_window> windows;      // sender -> window; receive thread only
     std::mutex mu;                 // guards modules
     std::map<uint16_t, nbr_recv_fn> modules;
     std::mutex deliver_mu;         // held while a callback runs
@@ -75,6 +85,40 @@ static void nbr_drop(const char *reason, uint32_t src, size_t len)
                        static_cast<int>(len));
 }
 
+// With a key: the tagged sender must be where the datagram came from, and its
+// (epoch, counter) new. False when dropped (counted and logged).
+static bool nbr_fresh(nbr_endpoint *ep, const nbr_opened &o, uint32_t src, size_t len)
+{
+    if (o.from.sender != src) {
+        nbr_drop("spoofed", src, len);
+        return false;
+    }
+    auto it = ep->windows.find(src);
+    if (it == ep->windows.end()) {
+        if (ep->windows.size() >= k_max_senders) {
+            nbr_drop("senders", src, len);
+            return false;
+        }
+        it = ep->windows.emplace(src, nbr_window{}).first;
+    }
+    switch (nbr_window_check(it->second, o.from.epoch, o.from.counter)) {
+    case NBR_FRESH:
+        return true;
+    case NBR_RESTARTED:
+        rt_counter("nbr.restart")++;
+        rt_log_ratelimited("nbr.restart", 10, LOG_INFO, "neighbour %i started again (epoch %llu)",
+                           src, static_cast<unsigned long long>(o.from.epoch));
+        return true;
+    case NBR_REPLAYED:
+        nbr_drop("replay", src, len);
+        return false;
+    case NBR_STALE_EPOCH:
+        nbr_drop("stale_epoch", src, len);
+        return false;
+    }
+    return false;
+}
+
 static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_t src)
 {
     const auto &peers = ep->params.peers;
@@ -82,13 +126,17 @@ static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_
         nbr_drop("foreign", src, len);
         return;
     }
-    uint16_t module = 0;
-    size_t off = 0, plen = 0;
-    nbr_verdict v = nbr_unseal(buf, len, ep->params.key, &module, &off, &plen);
+    nbr_opened o;
+    nbr_verdict v = nbr_unseal(buf, len, ep->params.key, &o);
     if (v != NBR_OK) {
         nbr_drop(nbr_verdict_name(v), src, len);
         return;
     }
+    // Without a key nothing is authenticated: sender, epoch and counter are advisory.
+    if (o.tagged && !nbr_fresh(ep, o, src, len))
+        return;
+    uint16_t module = o.module;
+    size_t off = o.off, plen = o.plen;
     std::lock_guard deliver(ep->deliver_mu);
     nbr_recv_fn fn;
     {
@@ -175,6 +223,13 @@ nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err)
 {
     nbr_endpoint_ptr ep(new nbr_endpoint);
     ep->params = p;
+    if (!ep->params.epoch) {
+        // Later on every start, as long as the clock does not go back across a restart.
+        timespec ts{};
+        clock_gettime(CLOCK_REALTIME, &ts);
+        ep->params.epoch = static_cast<uint64_t>(ts.tv_sec) * 1000000 +
+                           static_cast<uint64_t>(ts.tv_nsec) / 1000;
+    }
     ep->sock.fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (ep->sock.fd < 0) {
         err = std::string("socket: ") + strerror(errno);
@@ -232,11 +287,39 @@ int nbr_endpoint_remove(nbr_endpoint *ep, uint16_t module)
     return 0;
 }
 
+// The address our datagrams to dst leave from: the bound one, else the one the
+// kernel's route picks (the receiver checks it against the source).
+static uint32_t nbr_source_for(nbr_endpoint *ep, uint32_t dst_ip, uint16_t port)
+{
+    if (ep->params.bind_ip)
+        return ep->params.bind_ip;
+    std::lock_guard g(ep->src_mu);
+    auto it = ep->sources.find(dst_ip);
+    if (it != ep->sources.end())
+        return it->second;
+    uint32_t src = 0;
+    unique_fd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port ? port : 7421);
+    a.sin_addr.s_addr = dst_ip;
+    socklen_t al = sizeof a;
+    if (probe.fd >= 0 && connect(probe.fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+        getsockname(probe.fd, reinterpret_cast<sockaddr *>(&a), &al) == 0)
+        src = a.sin_addr.s_addr;
+    if (ep->sources.size() >= k_max_sources)
+        ep->sources.clear();
+    if (src)
+        ep->sources[dst_ip] = src;
+    return src;
+}
+
 int nbr_endpoint_send_to(nbr_endpoint *ep, uint32_t dst_ip, uint16_t port, uint16_t module,
                          const void *payload, size_t len)
 {
     std::vector<uint8_t> dgram;
-    if (!nbr_seal(module, payload, len, ep->params.key, dgram)) {
+    nbr_origin from{nbr_source_for(ep, dst_ip, port), ep->params.epoch, ++ep->counter};
+    if (!nbr_seal(module, payload, len, ep->params.key, from, dgram)) {
         rt_counter("nbr.tx_error")++;
         rt_log_ratelimited("nbr.send.size", 10, LOG_ERR,
                            "neighbour message to %i too large: %d bytes", dst_ip,
@@ -343,6 +426,17 @@ nbr_endpoint *nbr_global()
     }
     rt_log(LOG_INFO, "neighbour messaging on %i:%d%s", p.bind_ip, static_cast<int>(ep->port),
            p.key.empty() ? "" : " (authenticated)");
+    if (p.key.empty() && p.peers.empty())
+        rt_log(LOG_WARNING, "NEIGHBOUR MESSAGING IS OPEN: no neighbours.key_file and no "
+                            "neighbours.peers, so any host that reaches port %d can inject "
+                            "readings and owner messages; set both",
+               static_cast<int>(ep->port));
+    else if (p.key.empty())
+        rt_log(LOG_WARNING, "neighbour messaging is not authenticated (no neighbours.key_file): "
+                            "datagrams are trusted by their source address alone");
+    else if (p.peers.empty())
+        rt_log(LOG_NOTICE, "neighbours.peers is empty: a holder of the site key is heard "
+                           "from any address");
     g_global_ep = ep.get();
     rt_life_started("neighbour receive", nbr_global_stop_rx);
     return ep.get();

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -56,7 +57,8 @@ struct nbr_endpoint {
     uint16_t port = 0;
     std::atomic<uint64_t> counter{0};            // the last one sent
     std::mutex src_mu;                           // guards sources
-    std::map<uint32_t, uint32_t> sources;        // destination -> our source (bound to any)
+    // Bound to any address: destination -> our source address and when it was looked up.
+    std::map<uint32_t, std::pair<uint32_t, std::chrono::steady_clock::time_point>> sources;
     std::map<uint32_t, nbr_window> windows;      // sender -> window; receive thread only
     std::mutex mu;                 // guards modules
     std::map<uint16_t, nbr_recv_fn> modules;
@@ -151,7 +153,9 @@ static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_
     }
     rt_counter("nbr.rx")++;
     // A copy of exactly the payload: the receiver may write it and cannot read past it.
+    // An empty payload still comes as a real pointer: receivers check it is not null.
     std::vector<uint8_t> payload(buf + off, buf + off + plen);
+    payload.reserve(1);
     fn(src, payload.data(), static_cast<int>(plen));
 }
 
@@ -293,10 +297,11 @@ static uint32_t nbr_source_for(nbr_endpoint *ep, uint32_t dst_ip, uint16_t port)
 {
     if (ep->params.bind_ip)
         return ep->params.bind_ip;
+    auto now = std::chrono::steady_clock::now();
     std::lock_guard g(ep->src_mu);
     auto it = ep->sources.find(dst_ip);
-    if (it != ep->sources.end())
-        return it->second;
+    if (it != ep->sources.end() && now - it->second.second < std::chrono::seconds(10))
+        return it->second.first; // looked up again now and then: addresses and routes change
     uint32_t src = 0;
     unique_fd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in a{};
@@ -310,7 +315,7 @@ static uint32_t nbr_source_for(nbr_endpoint *ep, uint32_t dst_ip, uint16_t port)
     if (ep->sources.size() >= k_max_sources)
         ep->sources.clear();
     if (src)
-        ep->sources[dst_ip] = src;
+        ep->sources[dst_ip] = {src, now};
     return src;
 }
 

@@ -102,7 +102,8 @@ struct nbr_params {
     uint64_t epoch = 0;            // 0: the wall clock at open, in microseconds (tests set it)
 };
 
-// Receives the payload (exactly plen bytes, writable, valid during the call) and the
+// Receives the payload (exactly plen bytes, writable, valid during the call, never null
+// even when plen is 0) and the
 // sender's IPv4 address (network order). Runs on the endpoint's receive thread.
 using nbr_recv_fn = std::function<void(uint32_t src_ip, uint8_t *payload, int plen)>;
 

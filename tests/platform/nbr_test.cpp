@@ -51,6 +51,7 @@ struct sink {
         ep = open_at(addr, port, key, peers);
         ASSERT_TRUE(ep);
         nbr_endpoint_add(ep.get(), 52, [this](uint32_t src, uint8_t *p, int len) {
+            EXPECT_NE(p, nullptr) << "the daemon's receiver refuses a null payload";
             std::lock_guard g(mu);
             got.emplace_back(bytes(p, p + len), src);
         });
@@ -242,9 +243,15 @@ TEST(NbrEndpoint, ReplaysAndSpoofsDroppedReorderingAndRestartAccepted)
     EXPECT_EQ(rt_counter("nbr.restart"), restarts + 1);
     send_raw("127.0.0.2", "127.0.0.3", port, cap[1]);
     dropped("nbr.drop.stale_epoch", stale, "a datagram of the earlier start");
+    // Bound to every address, a sender names the address the route gives its datagrams.
+    auto any = open_at("0.0.0.0", 0, "site");
+    ASSERT_TRUE(any);
+    z = 10;
+    ASSERT_EQ(nbr_endpoint_send_to(any.get(), ip4("127.0.0.3"), port, 52, &z, 1), 0);
+    delivered(6, "a sender bound to every address");
     std::lock_guard g(b.mu);
     std::vector<uint8_t> order;
     for (auto &[p, src] : b.got)
         order.push_back(p.at(0));
-    EXPECT_EQ(order, (bytes{0, 3, 1, 2, 9}));
+    EXPECT_EQ(order, (bytes{0, 3, 1, 2, 9, 10}));
 }

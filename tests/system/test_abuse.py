@@ -252,5 +252,49 @@ class Abuse(SiteTest):
         self.assertLess(end[2] - start[2], 8 << 10, f"resident memory grew from {start[2]} to {end[2]} KiB")
 
 
+    def test_recorded_datagrams_of_a_stopped_access_point_do_not_keep_it_live(self):
+        site = self.make_site()
+        ap1, ap2 = site.aps
+        # What an attacker on the site's network records: ap2's datagrams to ap1.
+        tap = socket.socket(socket.AF_PACKET, socket.SOCK_DGRAM, socket.htons(0x0800))
+        tap.bind(("lo", 0))
+        tap.settimeout(0.2)
+        site.start(interval=1)
+        recorded, end = [], time.monotonic() + 3
+        while time.monotonic() < end:
+            try:
+                pkt = tap.recv(65536)
+            except socket.timeout:
+                continue
+            ihl = (pkt[0] & 15) * 4
+            src, dst = socket.inet_ntoa(pkt[12:16]), socket.inet_ntoa(pkt[16:20])
+            dport = struct.unpack(">H", pkt[ihl + 2:ihl + 4])[0]
+            if pkt[9] == 17 and src == ap2.ip and dst == ap1.ip and dport == 7421:
+                recorded.append(pkt[ihl + 8:])
+        tap.close()
+        self.assertGreaterEqual(len(recorded), 2, "ap2 greets ap1 every second")
+
+        ap2.stop()
+        time.sleep(4)  # longer than a peer stays live unheard
+        before = counters(ap1)
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+            s.bind((ap2.ip, 7421))
+            ap1.radio(f"hear {ap1.radios[0]} {STA} -50 1 2412")
+            mark = site.server.mark()
+            site.server.send(f"start ap1 mac={STA}")
+            for _ in range(5):  # ap2 sounds alive for five seconds
+                for d in recorded:
+                    s.sendto(d, (ap1.ip, 7421))
+                time.sleep(1)
+        site.server.wait_for(lambda m: m.get("op") == "rssi report" and m.get("ap") == "ap1"
+                             and any(st["mac"] == STA for st in m["stations"]), 20, mark,
+                             "ap1 to report the station it owns alone")
+        after = counters(ap1)
+        grew = {k: after.get(k, 0) - before.get(k, 0) for k in after}
+        self.assertGreaterEqual(grew.get("nbr.drop.replay", 0), 5 * len(recorded), grew)
+        self.assertEqual(grew.get("nbr.rx", 0), 0, grew)
+        self.assertEqual(grew.get("owner.ask", 0), 0, f"ap1 asked a dead access point: {grew}")
+
+
 if __name__ == "__main__":
     systest.main(__file__)

@@ -296,5 +296,18 @@ class Abuse(SiteTest):
         self.assertEqual(grew.get("owner.ask", 0), 0, f"ap1 asked a dead access point: {grew}")
 
 
+    def test_an_open_site_is_said_loudly_at_start(self):
+        site = self.make_site(aps=1, key=None)  # no key, and nobody else to list as peer
+        site.start(enable=False)
+        self.assertIn("NEIGHBOUR MESSAGING IS OPEN", site.aps[0].log_tail(100))
+        site.close()
+        keyed = self.make_site(aps=1)
+        keyed.aps[0].write_config(["127.0.0.40"])
+        keyed.start(enable=False)
+        log = keyed.aps[0].log_tail(100)
+        self.assertIn("(authenticated)", log)
+        self.assertNotIn("OPEN", log)
+
+
 if __name__ == "__main__":
     systest.main(__file__)

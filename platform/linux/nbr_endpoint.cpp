@@ -27,6 +27,7 @@
 #include "rt_counter.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_process.h"
 #include "rt_stop.h"
 
 namespace {
@@ -46,9 +47,6 @@ struct unique_fd {
 
 } // namespace
 
-// Senders remembered with a replay window; past this new ones are refused (a sender
-// needs the key to get here, and with peers configured the list bounds it anyway).
-constexpr size_t k_max_senders = 1024;
 constexpr size_t k_max_sources = 1024; // source addresses remembered per destination
 
 struct nbr_endpoint {
@@ -60,6 +58,8 @@ struct nbr_endpoint {
     // Bound to any address: destination -> our source address and when it was looked up.
     std::map<uint32_t, std::pair<uint32_t, std::chrono::steady_clock::time_point>> sources;
     std::map<uint32_t, nbr_window> windows;      // sender -> window; receive thread only
+    std::chrono::steady_clock::time_point saved; // windows last written to windows_file
+    bool unsaved = false;
     std::mutex mu;                 // guards modules
     std::map<uint16_t, nbr_recv_fn> modules;
     std::mutex deliver_mu;         // held while a callback runs
@@ -74,8 +74,12 @@ static void nbr_stop_rx(nbr_endpoint *ep)
     ep->stop = true;
     if (ep->wake.fd >= 0)
         eventfd_write(ep->wake.fd, 1);
-    if (ep->rx.joinable() && ep->rx.get_id() != std::this_thread::get_id())
+    if (ep->rx.joinable() && ep->rx.get_id() != std::this_thread::get_id()) {
         ep->rx.join();
+        if (ep->unsaved && !ep->params.windows_file.empty())
+            nbr_windows_save(ep->params.windows_file, ep->windows);
+        ep->unsaved = false;
+    }
 }
 
 static void nbr_drop(const char *reason, uint32_t src, size_t len)
@@ -97,13 +101,25 @@ static bool nbr_fresh(nbr_endpoint *ep, const nbr_opened &o, uint32_t src, size_
     }
     auto it = ep->windows.find(src);
     if (it == ep->windows.end()) {
-        if (ep->windows.size() >= k_max_senders) {
+        // A sender needs the key to get here, and configured peers bound them anyway.
+        if (ep->windows.size() >= NBR_MAX_SENDERS) {
             nbr_drop("senders", src, len);
             return false;
         }
         it = ep->windows.emplace(src, nbr_window{}).first;
     }
-    switch (nbr_window_check(it->second, o.from.epoch, o.from.counter)) {
+    nbr_freshness f = nbr_window_check(it->second, o.from.epoch, o.from.counter);
+    if (f == NBR_FRESH || f == NBR_RESTARTED) {
+        ep->unsaved = true;
+        // Written now and then: a crash forgets at most the last seconds' counters.
+        auto now = std::chrono::steady_clock::now();
+        if (!ep->params.windows_file.empty() && now - ep->saved >= std::chrono::seconds(2)) {
+            nbr_windows_save(ep->params.windows_file, ep->windows);
+            ep->saved = now;
+            ep->unsaved = false;
+        }
+    }
+    switch (f) {
     case NBR_FRESH:
         return true;
     case NBR_RESTARTED:
@@ -233,6 +249,8 @@ nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err)
         clock_gettime(CLOCK_REALTIME, &ts);
         ep->params.epoch = static_cast<uint64_t>(ts.tv_sec) * 1000000 +
                            static_cast<uint64_t>(ts.tv_nsec) / 1000;
+        if (!p.epoch_file.empty())
+            ep->params.epoch = nbr_next_epoch(p.epoch_file, ep->params.epoch);
     }
     ep->sock.fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (ep->sock.fd < 0) {
@@ -263,6 +281,8 @@ nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err)
         err = std::string("eventfd: ") + strerror(errno);
         return nullptr;
     }
+    if (!p.windows_file.empty())
+        nbr_windows_load(p.windows_file, ep->windows);
     ep->rx = std::thread(nbr_rx_loop, ep.get());
     return ep;
 }
@@ -398,6 +418,10 @@ static bool nbr_params_from_cfg(nbr_params &p, std::string &err)
     }
     if (!c.nb_key_file.empty() && !nbr_read_key(c.nb_key_file, p.key, err))
         return false;
+    if (!p.key.empty()) { // without a key nobody checks
+        p.windows_file = rt_runtime_path("nbr_windows");
+        p.epoch_file = rt_runtime_path("nbr_epoch");
+    }
     return true;
 }
 

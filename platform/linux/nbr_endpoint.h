@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -92,6 +93,17 @@ enum nbr_freshness {
 // Decides whether (epoch, counter) is new for w and, when it is, records it.
 nbr_freshness nbr_window_check(nbr_window &w, uint64_t epoch, uint64_t counter);
 
+// Senders remembered with a window; past this new ones are refused.
+constexpr size_t NBR_MAX_SENDERS = 1024;
+// Windows saved by an earlier run, every counter up to each top taken as seen; a bad
+// file or line is logged and skipped.
+void nbr_windows_load(const std::string &path, std::map<uint32_t, nbr_window> &out);
+// Replaces the file (written aside, then renamed); a failure is logged.
+void nbr_windows_save(const std::string &path, const std::map<uint32_t, nbr_window> &windows);
+// This start's epoch: now_us, or one more than the epoch saved in path by the last start
+// when the clock went back since; saves it for the next start. Failures are logged.
+uint64_t nbr_next_epoch(const std::string &path, uint64_t now_us);
+
 // ---- Endpoint: one bound UDP socket and the thread that delivers what it receives ----
 
 struct nbr_params {
@@ -100,6 +112,8 @@ struct nbr_params {
     std::vector<uint32_t> peers;   // network order; empty = accept every source
     std::string key;               // site key; empty = no authentication
     uint64_t epoch = 0;            // 0: the wall clock at open, in microseconds (tests set it)
+    std::string windows_file;      // where replay windows outlive the process; "" = nowhere
+    std::string epoch_file;        // our last epoch, for the next start; "" = nowhere
 };
 
 // Receives the payload (exactly plen bytes, writable, valid during the call, never null

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -28,7 +29,7 @@ void send_raw(const char *src, const char *dst, uint16_t port, const bytes &b)
 }
 
 nbr_endpoint_ptr open_at(const char *addr, uint16_t port, const char *key = "",
-                         std::vector<uint32_t> peers = {})
+                         std::vector<uint32_t> peers = {}, const std::string &windows = "")
 {
     std::string err;
     nbr_params p;
@@ -36,6 +37,7 @@ nbr_endpoint_ptr open_at(const char *addr, uint16_t port, const char *key = "",
     p.port = port;
     p.key = key;
     p.peers = peers;
+    p.windows_file = windows;
     auto ep = nbr_endpoint_open(p, err);
     EXPECT_TRUE(ep) << err;
     return ep;
@@ -46,9 +48,10 @@ struct sink {
     nbr_endpoint_ptr ep;
     std::mutex mu;
     std::vector<std::pair<bytes, uint32_t>> got; // payload, source
-    void open(const char *addr, uint16_t port, const char *key, std::vector<uint32_t> peers = {})
+    void open(const char *addr, uint16_t port, const char *key, std::vector<uint32_t> peers = {},
+              const std::string &windows = "")
     {
-        ep = open_at(addr, port, key, peers);
+        ep = open_at(addr, port, key, peers, windows);
         ASSERT_TRUE(ep);
         nbr_endpoint_add(ep.get(), 52, [this](uint32_t src, uint8_t *p, int len) {
             EXPECT_NE(p, nullptr) << "the daemon's receiver refuses a null payload";
@@ -254,4 +257,45 @@ TEST(NbrEndpoint, ReplaysAndSpoofsDroppedReorderingAndRestartAccepted)
     for (auto &[p, src] : b.got)
         order.push_back(p.at(0));
     EXPECT_EQ(order, (bytes{0, 3, 1, 2, 9, 10}));
+}
+
+// A receiver that restarts still refuses what it accepted before (a stopped access
+// point's recording must not pass again); a sender whose clock went back across its
+// restart still starts a later epoch.
+TEST(NbrEndpoint, AcceptedCountersAndTheLastEpochOutliveARestart)
+{
+    rt_scratch dir;
+    std::string windows = dir.path("windows");
+    auto from_a = [](uint64_t epoch, uint64_t counter) {
+        return nbr_sealed(52, {uint8_t(counter)}, "site", ip4("127.0.0.2"), epoch, counter);
+    };
+    uint16_t port;
+    {
+        sink b;
+        b.open("127.0.0.3", 0, "site", {}, windows);
+        port = nbr_endpoint_port(b.ep.get());
+        send_raw("127.0.0.2", "127.0.0.3", port, from_a(5000, 1));
+        send_raw("127.0.0.2", "127.0.0.3", port, from_a(5000, 2));
+        ASSERT_TRUE(rt_poll_until([&] { return b.count() == 2; }));
+    }
+    {
+        std::ofstream f(windows, std::ios::app);
+        f << "127.0.0.9 notanumber 1\n"; // a damaged line costs only itself
+    }
+    sink b;
+    b.open("127.0.0.3", port, "site", {}, windows);
+    uint64_t replays = rt_counter("nbr.drop.replay"), stale = rt_counter("nbr.drop.stale_epoch");
+    send_raw("127.0.0.2", "127.0.0.3", port, from_a(5000, 2));
+    send_raw("127.0.0.2", "127.0.0.3", port, from_a(5000, 1));
+    send_raw("127.0.0.2", "127.0.0.3", port, from_a(4999, 7));
+    send_raw("127.0.0.2", "127.0.0.3", port, from_a(5000, 3));
+    ASSERT_TRUE(rt_poll_until([&] { return b.count() == 1; }));
+    EXPECT_EQ(rt_counter("nbr.drop.replay"), replays + 2);
+    EXPECT_EQ(rt_counter("nbr.drop.stale_epoch"), stale + 1);
+    EXPECT_EQ((std::lock_guard(b.mu), b.got[0].first), bytes{3});
+
+    std::string epoch = dir.path("epoch");
+    EXPECT_EQ(nbr_next_epoch(epoch, 100), 100u);
+    EXPECT_EQ(nbr_next_epoch(epoch, 50), 101u) << "the clock went back";
+    EXPECT_EQ(nbr_next_epoch(epoch, 500), 500u);
 }

@@ -82,13 +82,13 @@ static void nbr_stop_rx(nbr_endpoint *ep)
     }
 }
 
-static void nbr_drop(const char *reason, uint32_t src, size_t len)
+static void nbr_drop(const char *reason, uint32_t src, size_t len, const char *hint = "")
 {
     std::string name = std::string("nbr.drop.") + reason;
     rt_counter(name.c_str())++;
     rt_log_ratelimited(name.c_str(), 10, LOG_WARNING,
-                       "neighbour datagram from %i dropped: %s (%d bytes)", src, reason,
-                       static_cast<int>(len));
+                       "neighbour datagram from %i dropped: %s (%d bytes)%s", src, reason,
+                       static_cast<int>(len), hint);
 }
 
 // With a key: the tagged sender must be where the datagram came from, and its
@@ -96,7 +96,7 @@ static void nbr_drop(const char *reason, uint32_t src, size_t len)
 static bool nbr_fresh(nbr_endpoint *ep, const nbr_opened &o, uint32_t src, size_t len)
 {
     if (o.from.sender != src) {
-        nbr_drop("spoofed", src, len);
+        nbr_drop("spoofed", src, len, ": sealed by another address");
         return false;
     }
     auto it = ep->windows.find(src);
@@ -131,7 +131,9 @@ static bool nbr_fresh(nbr_endpoint *ep, const nbr_opened &o, uint32_t src, size_
         nbr_drop("replay", src, len);
         return false;
     case NBR_STALE_EPOCH:
-        nbr_drop("stale_epoch", src, len);
+        nbr_drop("stale_epoch", src, len,
+                 ": sent before that access point's last start (a recording, or its clock "
+                 "went back)");
         return false;
     }
     return false;

@@ -338,6 +338,11 @@ static uint32_t nbr_source_for(nbr_endpoint *ep, uint32_t dst_ip, uint16_t port)
         ep->sources.clear();
     if (src)
         ep->sources[dst_ip] = {src, now};
+    else
+        rt_log_ratelimited("nbr.send.source", 60, LOG_WARNING,
+                           "no source address towards %i: keyed peers will drop our datagrams "
+                           "as spoofed (set neighbours.bind)",
+                           dst_ip);
     return src;
 }
 

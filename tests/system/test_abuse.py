@@ -70,8 +70,21 @@ class Abuse(SiteTest):
         for _ in range(n):
             self.counter += 1
             module = r.choice([52, OWNER_MODULE, r.randrange(1 << 16)])
-            good = dgram(module, self.junk(64), KEY, FAKE_PEER, self.epoch, self.counter)
-            kind = r.randrange(7)
+            kind = r.randrange(9)
+            if kind == 7:    # a well-formed owner message: hello, ask or answer, random MACs
+                t, count = r.randrange(1, 4), r.randrange(20)
+                recs = self.rng.randbytes(count * (7 if t == 3 else 6))
+                module, payload = OWNER_MODULE, struct.pack(">BBHI", t, 0, count, r.randrange(1 << 32)) + recs
+            elif kind == 8:  # a well-formed relay of a random reading
+                module = 52
+                payload = struct.pack(">I4sHH", r.randrange(3), socket.inet_aton(FAKE_PEER), 16, 0) + \
+                    self.rng.randbytes(12) + struct.pack(">BbH", r.randrange(3), r.randrange(-128, 128),
+                                                        r.choice([2412, 5180, r.randrange(1 << 16)]))
+            else:
+                payload = self.junk(64)
+            good = dgram(module, payload, KEY, FAKE_PEER, self.epoch, self.counter)
+            if kind >= 7:
+                kind = 0
             if kind == 0 or last is None:
                 out.append((FAKE_PEER, good))      # the parsers behind the tag
                 last = good

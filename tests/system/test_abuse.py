@@ -262,8 +262,12 @@ class Abuse(SiteTest):
         end = resources(ap1)
         print(f"descriptors, threads, resident KiB: before {start}, after {end}")
         self.assertEqual(end[:2], start[:2])
-        self.assertLess(end[2] - start[2], 8 << 10, f"resident memory grew from {start[2]} to {end[2]} KiB")
-        self.assertEqual(ap1.stop(), 0, ap1.log_tail())  # and it still shuts down cleanly
+        with open(f"/proc/{ap1.proc.pid}/maps") as f:
+            sanitized = "libasan" in f.read()  # its quarantine holds freed memory on purpose
+        if not sanitized:
+            self.assertLess(end[2] - start[2], 8 << 10, f"resident memory grew from {start[2]} to {end[2]} KiB")
+        # And it still shuts down cleanly (with AddressSanitizer: without a leak).
+        self.assertEqual(ap1.stop(), 0, ap1.log_tail())
 
 
     def test_recorded_datagrams_of_a_stopped_access_point_do_not_keep_it_live(self):

@@ -45,6 +45,9 @@ struct ltr_sta {
     ltr_sta_tbl *sta_tbl;
     uint8_t macaddr[6];
     ltr_rssi_entry *rssi_list;
+    // The newest reading under sta_tbl->self_mac (this AP's own reading), or null: the
+    // cycle finds it without walking the reporters.
+    ltr_rssi_entry *self;
     int32_t max_rssi_cnt;
     int32_t rssi_cnt;
     uint32_t ni_owner_ip; // network order; 0 = unknown
@@ -58,6 +61,7 @@ struct ltr_sta_tbl {
     ltr_sta *hash[LTR_STA_HASH_SIZE];
     int32_t max_sta;
     int32_t sta_cnt;
+    uint8_t self_mac[6]; // the MAC the stations' self links are for (mgt.my_mac)
 };
 
 void ltr_sta_tbl_init(ltr_sta_tbl *sta_tbl, uint32_t capacity);

@@ -29,6 +29,16 @@ static_assert(offsetof(ltr_rssi_data, active) == 9);
 struct ltr_sta;
 struct ltr_sta_tbl;
 
+// Two loads and a compare: the station and reading look-ups run for every record.
+inline bool ltr_mac_eq(const uint8_t *a, const uint8_t *b)
+{
+    uint32_t a4, b4;
+    uint16_t a2, b2;
+    __builtin_memcpy(&a4, a, 4), __builtin_memcpy(&b4, b, 4);
+    __builtin_memcpy(&a2, a + 4, 2), __builtin_memcpy(&b2, b + 4, 2);
+    return ((a4 ^ b4) | (uint32_t)(a2 ^ b2)) == 0;
+}
+
 struct ltr_rssi_entry {
     ltr_link<ltr_rssi_entry> link; // in sta->rssi_list, newest first
     ltr_sta *sta;
@@ -54,6 +64,10 @@ struct ltr_sta {
     uint16_t rpt_age;
     uint16_t sup_cnt;
     uint32_t need_report;
+    // Frequency of the radio the station is associated with, as asked in cycle assoc_cycle
+    // (-1: no answer): its records from every radio ask the drivers once per cycle.
+    uint32_t assoc_cycle;
+    int32_t assoc_freq;
 };
 
 struct ltr_sta_tbl {

@@ -35,7 +35,7 @@ ltr_sta *ltr_sta_find(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
 {
     LTR_CHECK(sta_tbl != LTR_NULL && macaddr != LTR_NULL);
     for (ltr_sta *sta = sta_tbl->hash[sta_bucket(macaddr)]; sta; sta = sta->hlink.next)
-        if (memcmp(sta->macaddr, macaddr, 6) == 0)
+        if (ltr_mac_eq(sta->macaddr, macaddr))
             return sta;
     return nullptr;
 }
@@ -90,7 +90,7 @@ namespace {
 ltr_rssi_entry *rssi_walk(ltr_rssi_entry *e, const uint8_t *macaddr)
 {
     for (; e; e = e->link.next)
-        if (memcmp(e->rssi_data.ap_mac, macaddr, 6) == 0)
+        if (ltr_mac_eq(e->rssi_data.ap_mac, macaddr))
             return e;
     return nullptr;
 }
@@ -102,12 +102,12 @@ bool rssi_is_self(ltr_sta *sta, const uint8_t *macaddr)
     ltr_sta_tbl *t = sta->sta_tbl;
     if (!t)
         return false;
-    if (memcmp(t->self_mac, mgt.my_mac, 6) != 0) {
+    if (!ltr_mac_eq(t->self_mac, mgt.my_mac)) {
         memcpy(t->self_mac, mgt.my_mac, 6);
         for (ltr_sta *s = t->sta_list.first; s; s = s->list.next)
             s->self = rssi_walk(s->rssi_list, t->self_mac);
     }
-    return memcmp(macaddr, t->self_mac, 6) == 0;
+    return ltr_mac_eq(macaddr, t->self_mac);
 }
 
 } // namespace

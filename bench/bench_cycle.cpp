@@ -1,173 +1,33 @@
-// The RSSI cycle at its limits: 4 radios of 512 records, 512 owned stations, each heard
-// by this AP and by reporters-1 neighbours, every station due, the report built and
-// flushed. The platform is the lean one: it answers from prepared tables and keeps
-// nothing, so the figures are the core's. The baseline fetches the same tables into
-// the same buffer and reads every record, then walks the same stations and readings in
-// the table's own memory: the bare cost of the data the cycle touches.
-#include <benchmark/benchmark.h>
-#include <limits.h>
-#include <stdio.h>
-#include <string.h>
-
-#include <map>
-#include <string>
-
+// The RSSI cycle on the lean platform (bench/lean): the driver answers from prepared
+// tables and nothing is recorded, so the figures are the core's own.
+#include "cycle_bench.h"
 #include "lean_platform.h"
-#include "ltr_engine.h"
-#include "ltr_rssi.h"
 
-namespace {
+using namespace cycle_bench;
 
-constexpr int radios = 4, recs = QZ_DCD_RPT_TBL_MAX;
-ltr_cfg cfg{1, 1, 1, 0, 255, 3, 60, 60};
-const uint8_t me[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-int built = -1; // reporters per station of the table in place
-
-void sta_mac(int i, uint8_t *mac)
+std::vector<int> cycle_platform_prepare()
 {
-    const uint8_t m[6] = {0x02, 0, 0, 0, (uint8_t)(i >> 8), (uint8_t)i};
-    memcpy(mac, m, 6);
-}
-
-void setup(int reporters)
-{
-    if (built == reporters)
-        return;
-    if (built < 0) {
-        std::vector<lean::radio> rl;
-        for (int r = 0; r < radios; r++) {
-            lean::radio rd{"wifi" + std::to_string(r), 10 + r, {}, {}, {}};
-            for (int i = 0; i < recs; i++) {
-                lta_rpt_entry e{};
-                sta_mac(i, e.mac);
-                e.active = 1;
-                e.rssi = (int8_t)(-40 - (i + r * 7) % 50); // moves between radios: due twice over
-                e.chan_freq = r % 2 ? 5180 : 2437;
-                rd.rpt.push_back(e);
-                if (r == radios - 1) { // found on the last radio asked
-                    lean::assoc_rec a{{}, 2437};
-                    sta_mac(i, a.mac);
-                    rd.assoc.push_back(a);
-                }
+    std::vector<lean::radio> rl;
+    std::vector<int> ifindexes;
+    for (int r = 0; r < radios; r++) {
+        lean::radio rd{"wifi" + std::to_string(r), 10 + r, {}, {}, {}};
+        for (int i = 0; i < recs; i++) {
+            lta_rpt_entry e{};
+            sta_mac(i, e.mac);
+            e.active = 1;
+            e.rssi = sta_rssi(r, i);
+            e.chan_freq = radio_freq(r);
+            rd.rpt.push_back(e);
+            if (r == assoc_radio) {
+                lean::assoc_rec a{{}, assoc_freq};
+                sta_mac(i, a.mac);
+                rd.assoc.push_back(a);
             }
-            rl.push_back(std::move(rd));
         }
-        lean::set_radios(std::move(rl));
-        lean::set_mgt(me, 0x0100000a);
-        mgt.cfg = &cfg;
-        memcpy(mgt.my_mac, me, 6);
-        mgt.my_ip = 0x0100000a;
-        mgt.rssi_fetch_timer = qz_pmpt_timer_create(ltr_rssi_cycle, &mgt);
-        if (ltr_engine_ops.init(&mgt) != 0)
-            fprintf(stderr, "engine init failed: the cycle will not report\n");
-        mgt.engine = &ltr_engine_ops;
-    } else {
-        ltr_sta_tbl_flush(&mgt.sta_tbl);
+        ifindexes.push_back(rd.ifindex);
+        rl.push_back(std::move(rd));
     }
-    ltr_sta_tbl_init(&mgt.sta_tbl, LTR_STA_MAX);
-    ltr_rssi_cycle(mgt.rssi_fetch_timer, &mgt); // creates the stations, each with its own reading
-    for (ltr_sta *s = mgt.sta_tbl.sta_list.first; s; s = s->list.next) {
-        s->ni_owner_ip = mgt.my_ip;
-        for (int k = 0; k < reporters - 1; k++) {
-            ltr_rssi_data d{{0x0a, 0, 0, 0, 0, (uint8_t)k}, 5180, (int8_t)(-60 - k % 20), 1};
-            ltr_rssi_entry *e = ltr_rssi_add(s, &d); // newer than the own reading: it ends last
-            e->life_start = cfg.hold_time + 1;
-            e->life_cnt = INT_MAX; // outlives any run
-        }
-    }
-    built = reporters;
-}
-
-int64_t readings() { return (int64_t)mgt.sta_tbl.sta_cnt * built; }
-
-void BM_cycle(benchmark::State &state)
-{
-    setup((int)state.range(0));
-    uint64_t sent = lean::counts().send_bytes;
-    for (auto _ : state)
-        ltr_rssi_cycle(mgt.rssi_fetch_timer, &mgt);
-    state.SetItemsProcessed(state.iterations() * readings());
-    state.counters["stations"] = mgt.sta_tbl.sta_cnt;
-    state.counters["sent_bytes"] = (double)(lean::counts().send_bytes - sent) / (double)state.iterations();
-}
-
-// Collection alone: an engine that refuses the report leaves the cycle after storing the
-// records. Finding each station's own reading must not depend on its other reporters.
-ltr_engine_ops_t collect_only;
-
-void BM_collect(benchmark::State &state)
-{
-    setup((int)state.range(0));
-    collect_only = ltr_engine_ops;
-    collect_only.reset = [](ltr_mgt *) { return -1; };
-    mgt.engine = &collect_only;
-    for (auto _ : state)
-        ltr_rssi_cycle(mgt.rssi_fetch_timer, &mgt);
-    mgt.engine = &ltr_engine_ops;
-    state.SetItemsProcessed(state.iterations() * radios * recs);
-}
-
-void BM_baseline(benchmark::State &state)
-{
-    setup((int)state.range(0));
-    static lta_rpt_entry buf[QZ_DCD_RPT_TBL_MAX];
-    for (auto _ : state) {
-        int64_t sum = 0;
-        for (int r = 0; r < radios; r++) {
-            int count = QZ_DCD_RPT_TBL_MAX;
-            qz_dcd_get_lta_rpt_tbl(10 + r, buf, &count);
-            for (int i = 0; i < count; i++)
-                sum += buf[i].rssi + buf[i].mac[5];
-        }
-        for (ltr_sta *s = mgt.sta_tbl.sta_list.first; s; s = s->list.next)
-            for (ltr_rssi_entry *e = s->rssi_list; e; e = e->link.next)
-                sum += e->rssi_data.rssi + e->life_cnt;
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * readings());
-}
-
-BENCHMARK(BM_cycle)->Arg(1)->Arg(LTR_RSSI_MAX)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_collect)->Arg(1)->Arg(LTR_RSSI_MAX)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_baseline)->Arg(1)->Arg(LTR_RSSI_MAX)->Unit(benchmark::kMicrosecond);
-
-// Keeps the CPU time of each run, by name ("BM_cycle/64").
-class ratio_reporter : public benchmark::ConsoleReporter {
-  public:
-    std::map<std::string, double> cpu_us;
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        for (auto &r : runs)
-            if (r.run_type == Run::RT_Iteration && r.time_unit == benchmark::kMicrosecond)
-                cpu_us[r.benchmark_name()] = r.GetAdjustedCPUTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-};
-
-} // namespace
-
-int main(int argc, char **argv)
-{
-    benchmark::Initialize(&argc, argv);
-    ratio_reporter rep;
-    benchmark::RunSpecifiedBenchmarks(&rep);
-    // The cycle against its baseline, both in CPU time, per reporter count; then how
-    // collection grows from 1 reporter per station to the most.
-    auto us = [&](const char *bm, int n) {
-        auto it = rep.cpu_us.find(std::string(bm) + "/" + std::to_string(n));
-        return it == rep.cpu_us.end() ? 0.0 : it->second;
-    };
-    for (int n : {1, LTR_RSSI_MAX}) {
-        double c = us("BM_cycle", n), b = us("BM_baseline", n);
-        if (c > 0 && b > 0)
-            printf("reporters %2d: cycle %.1f us CPU (%.1f ns per reading), baseline %.1f us CPU, "
-                   "cycle/baseline %.2f\n",
-                   n, c, c * 1e3 / (512.0 * n), b, c / b);
-    }
-    double c1 = us("BM_collect", 1), c64 = us("BM_collect", LTR_RSSI_MAX);
-    if (c1 > 0 && c64 > 0)
-        printf("collection: %.1f us CPU at 1 reporter, %.1f us at %d; %d/1 %.2f\n", c1, c64, LTR_RSSI_MAX,
-               LTR_RSSI_MAX, c64 / c1);
-    benchmark::Shutdown();
-    return 0;
+    lean::set_radios(std::move(rl));
+    lean::set_mgt(me, my_ip);
+    return ifindexes;
 }

@@ -18,6 +18,7 @@ namespace {
 lta_rpt_entry rpt_buf[QZ_DCD_RPT_TBL_MAX];
 alignas(4) uint8_t sta_buf[QZ_DCD_STA_BUF_LEN]; // associated-station record, then TLV scratch
 static_assert(sizeof(rpt_buf) == 5120);
+static_assert(sizeof(sta_buf) >= LTR_TLV_STA_LEN && sizeof(sta_buf) >= LTR_TLV_RSSI_LEN);
 
 // The radios' interface indexes, resolved once per cycle rather than for every record:
 // -1 for a radio without a name. Radios past the table are resolved when asked.
@@ -47,7 +48,6 @@ int radio_ifindex_of(int i) { return i < radio_tbl_max ? radio_ifindex[i] : radi
 struct cycle_lives {
     int local, relayed;
 };
-static_assert(sizeof(sta_buf) >= LTR_TLV_STA_LEN && sizeof(sta_buf) >= LTR_TLV_RSSI_LEN);
 
 bool ltr_owned(const ltr_mgt *m, const ltr_sta *sta)
 {

@@ -64,10 +64,6 @@ struct ltr_sta {
     uint16_t rpt_age;
     uint16_t sup_cnt;
     uint32_t need_report;
-    // Frequency of the radio the station is associated with, as asked in cycle assoc_cycle
-    // (-1: no answer): its records from every radio ask the drivers once per cycle.
-    uint32_t assoc_cycle;
-    int32_t assoc_freq;
 };
 
 struct ltr_sta_tbl {

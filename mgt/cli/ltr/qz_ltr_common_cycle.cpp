@@ -20,30 +20,6 @@ alignas(4) uint8_t sta_buf[QZ_DCD_STA_BUF_LEN]; // associated-station record, th
 static_assert(sizeof(rpt_buf) == 5120);
 static_assert(sizeof(sta_buf) >= LTR_TLV_STA_LEN && sizeof(sta_buf) >= LTR_TLV_RSSI_LEN);
 
-// The radios' interface indexes, resolved once per cycle rather than for every record:
-// -1 for a radio without a name. Radios past the table are resolved when asked.
-constexpr int radio_tbl_max = 16;
-int radio_ifindex[radio_tbl_max];
-int radio_cnt;
-uint32_t cycle_no; // counts collections; a fresh station's assoc_cycle (0) is none of them
-
-int radio_resolve(int i)
-{
-    const char *name = qz_ifname_id2radio(i);
-    return name ? (int)if_nametoindex(name) : -1;
-}
-
-void radio_tbl_fill()
-{
-    if (++cycle_no == 0)
-        cycle_no = 1;
-    radio_cnt = qz_radio_count();
-    for (int i = 0; i < radio_cnt && i < radio_tbl_max; i++)
-        radio_ifindex[i] = radio_resolve(i);
-}
-
-int radio_ifindex_of(int i) { return i < radio_tbl_max ? radio_ifindex[i] : radio_resolve(i); }
-
 // Lives of an own and of a relayed reading in this cycle (ltr_rssi_life).
 struct cycle_lives {
     int local, relayed;
@@ -68,40 +44,27 @@ void ltr_add_rssi_tlv(ltr_mgt *m, const ltr_rssi_entry *e)
         m->engine->add_tlvs(m, 1, sta_buf, n);
 }
 
-// Frequency of the radio sta is associated with: the first radio that knows it answers;
-// -1 when none does or its record holds no frequency.
-int ltr_assoc_freq(const uint8_t *sta_mac)
+// An owned station is reported on the band of the radio it is associated with: the
+// driver may have heard it on the other band. Every record asks the radios afresh: an
+// association can move between two records of one cycle.
+void ltr_band_correct(const uint8_t *sta_mac, ltr_rssi_data *rd)
 {
-    for (int j = 0; j < radio_cnt; j++) {
-        int ifindex = radio_ifindex_of(j);
-        if (ifindex < 0)
+    for (int j = 0; j < qz_radio_count(); j++) {
+        const char *name = qz_ifname_id2radio(j);
+        if (!name)
             continue;
         int len = 0;
-        if (qz_dcd_get_radio_one_sta(ifindex, sta_mac, sta_buf, QZ_DCD_STA_BUF_LEN, &len) != 0)
+        if (qz_dcd_get_radio_one_sta((int)if_nametoindex(name), sta_mac, sta_buf,
+                                     QZ_DCD_STA_BUF_LEN, &len) != 0)
             continue;
         if (len < 4) // no frequency in the record
-            return -1;
+            return;
         uint16_t fs;
         memcpy(&fs, sta_buf + 2, sizeof(fs));
-        return fs;
-    }
-    return -1;
-}
-
-// An owned station is reported on the band of the radio it is associated with: the
-// driver may have heard it on the other band. Asked once per cycle, whatever the number
-// of radios that heard it.
-void ltr_band_correct(ltr_sta *sta, ltr_rssi_data *rd)
-{
-    if (sta->assoc_cycle != cycle_no) {
-        sta->assoc_cycle = cycle_no;
-        sta->assoc_freq = ltr_assoc_freq(sta->macaddr);
-    }
-    if (sta->assoc_freq < 0)
+        if ((fs <= LTR_BAND_BOUNDARY) == (rd->chan_freq > LTR_BAND_BOUNDARY))
+            rd->chan_freq = fs;
         return;
-    uint16_t fs = (uint16_t)sta->assoc_freq;
-    if ((fs <= LTR_BAND_BOUNDARY) == (rd->chan_freq > LTR_BAND_BOUNDARY))
-        rd->chan_freq = fs;
+    }
 }
 
 // One record of a radio's report table; full is set once the table refused a station.
@@ -133,7 +96,7 @@ void ltr_collect_record(ltr_mgt *m, const lta_rpt_entry *rec, bool *full)
     rd.active = rec->active;
     if (ltr_owned(m, sta)) {
         rd.active = 1;
-        ltr_band_correct(sta, &rd);
+        ltr_band_correct(sta->macaddr, &rd);
     }
 
     // The driver's own flag counts here, not the one forced for owned stations.
@@ -142,12 +105,11 @@ void ltr_collect_record(ltr_mgt *m, const lta_rpt_entry *rec, bool *full)
 
 void ltr_collect(ltr_mgt *m)
 {
-    radio_tbl_fill();
-    for (int i = 0; i < radio_cnt; i++) {
-        int ifindex = radio_ifindex_of(i);
-        if (ifindex <= 0)
-            continue;
+    for (int i = 0; i < qz_radio_count(); i++) {
         const char *name = qz_ifname_id2radio(i);
+        int ifindex = name ? (int)if_nametoindex(name) : 0;
+        if (ifindex == 0)
+            continue;
         int count = QZ_DCD_RPT_TBL_MAX;
         if (qz_dcd_get_lta_rpt_tbl(ifindex, rpt_buf, &count) != 0) {
             LTR_DBG(ERROR, "get radio %s rssi readings failed.\n", name);

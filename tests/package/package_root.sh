@@ -58,9 +58,12 @@ done
 head -c 32 /dev/urandom | base64 > /etc/qz/site.key
 chmod 600 /etc/qz/site.key
 
-cond=$(sed -n 's/^ConditionPathExists=//p' "$unit")
-[ -z "$cond" ] || [ -e "$cond" ] || fail "the unit's condition $cond does not hold"
 mapfile -t envs < <(sed -n 's/^Environment=//p' "$unit")
+# Enabled on install, the unit must not start the daemon before its configuration is
+# written: without it ltrd takes the defaults and detaches.
+cond=$(sed -n 's/^ConditionPathExists=//p' "$unit")
+[ -n "$cond" ] && [[ " ${envs[*]} " == *"=$cond "* ]] ||
+    fail "the unit starts without its configuration (ConditionPathExists=$cond)"
 read -r -a exec_start < <(sed -n 's/^ExecStart=//p' "$unit")
 [ ${#exec_start[@]} -gt 0 ] || fail "the unit has no ExecStart"
 echo "-- start as the unit does: ${envs[*]} ${exec_start[*]}"

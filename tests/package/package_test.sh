@@ -27,7 +27,7 @@ mkdir -p "$scratch/src"
 # The tree as it is, without build trees: dpkg-buildpackage writes into it and beside it.
 if git -C "$src" rev-parse --is-inside-work-tree >/dev/null 2>&1; then
     git -C "$src" ls-files -z -co --exclude-standard |
-        (cd "$src" && xargs -0 tar -cf - --no-recursion) | tar -C "$scratch/src" -xf -
+        (cd "$src" && xargs -0 tar -cf - --no-recursion --ignore-failed-read) | tar -C "$scratch/src" -xf -
 else
     tar -C "$src" --exclude=./build --exclude=./.git -cf - . | tar -C "$scratch/src" -xf -
 fi

@@ -42,6 +42,19 @@ unit=/lib/systemd/system/ltrd.service
 [ -f "$unit" ] || fail "no $unit"
 [ -L /etc/systemd/system/multi-user.target.wants/ltrd.service ] ||
     fail "the unit was not enabled on install"
+# Each library a program links is a Depends of its package, so that a system without
+# the build's libraries gets them with the package.
+for p in "${pkgs[@]}"; do
+    deps=$(dpkg-query -W -f='${Depends}' "$p" | tr ', ' '\n\n')
+    for f in $(dpkg -L "$p" | grep -E '^/usr/s?bin/.'); do
+        for so in $(readelf -d "$f" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+            owner=$(dpkg -S "*/$so" 2>/dev/null | grep "/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/" |
+                    head -n 1 | cut -d: -f1)
+            [ -n "$owner" ] || fail "$f needs $so, which no package holds"
+            grep -qxF "$owner" <<<"$deps" || fail "$p does not depend on $owner ($so, for $f)"
+        done
+    done
+done
 example=/usr/share/doc/ltrd/examples/platform.toml
 [ -f "$example" ] || fail "no $example"
 

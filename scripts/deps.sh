@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the demo need, when missing.
+# (mosquitto, mosquitto-clients and chromium: the location server's MQTT and map tests.)
 # As root it runs apt-get; otherwise it prints the exact command and fails.
 # The i386 libraries of the 32-bit build come last and are optional: when they cannot be
 # installed, scripts/test says so and skips that build (`deps.sh --has-i386` tells).
@@ -7,7 +8,8 @@ set -euo pipefail
 
 pkgs=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
       liblmdb-dev libtomlplusplus-dev libssl-dev clang libclang-rt-14-dev iproute2 python3
-      libpcap-dev)
+      libpcap-dev libcpp-httplib-dev nlohmann-json3-dev libmosquitto-dev
+      mosquitto mosquitto-clients chromium)
 # The 32-bit build (cmake/i386.cmake) links against Debian's i386 multiarch libraries.
 pkgs32=(g++-multilib liblmdb-dev:i386 libtomlplusplus-dev:i386 libssl-dev:i386
         libgtest-dev:i386 libgmock-dev:i386)

@@ -18,7 +18,12 @@
 #include <vector>
 
 #include "srv_cmd.h"
+#include "srv_http.h"
+#include "srv_json.h"
+#include "srv_mqtt.h"
 #include "srv_print.h"
+#include "srv_site.h"
+#include "srv_store.h"
 #include "srv_wire.h"
 
 using namespace lsrv;
@@ -27,6 +32,16 @@ namespace {
 
 volatile sig_atomic_t g_signalled = 0;
 void on_signal(int) { g_signalled = 1; }
+
+double now_s()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+double unix_now()
+{
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
 
 int64_t now_ms()
 {
@@ -59,6 +74,12 @@ struct ap_conn {
 
 struct server {
     bool json = false;
+    bool quiet = false;            // no line per message
+    site where;
+    store st;
+    std::unique_ptr<http_server, void (*)(http_server *)> http{nullptr, nullptr};
+    mqtt_ptr mqtt{nullptr, nullptr};
+    double last_tick = 0, last_stats = 0;
     fd_owner listen_sock;
     std::vector<std::unique_ptr<ap_conn>> aps;
     unsigned next_ap = 1;
@@ -101,6 +122,71 @@ struct server {
         return n;
     }
 
+    // Hands changed stations to the page and the broker.
+    void publish(const std::vector<st_event> &ev, double now)
+    {
+        if (!http && !mqtt)
+            return;
+        double unix_t = unix_now();
+        for (const st_event &e : ev) {
+            std::string mac = mac_str(e.mac.data());
+            auto it = st.stations.find(e.mac);
+            if (it == st.stations.end()) {
+                if (http)
+                    http_drop_station(*http, mac);
+                continue;
+            }
+            std::string j = station_json(st, it->second, now, unix_t).dump();
+            if (http)
+                http_set_station(*http, mac, j);
+            if (mqtt) {
+                if (e.kind != ST_MOVE)
+                    mqtt_event(*mqtt, e.kind == ST_ENTER ? "enter" : "leave", mac, unix_t);
+                mqtt_station(*mqtt, mac, j, it->second.present);
+            }
+        }
+    }
+
+    void publish_stats(double now)
+    {
+        last_stats = now;
+        size_t present = 0;
+        for (const auto &[m, s] : st.stations)
+            present += s.present;
+        nlohmann::json j = {{"reports", st.counts.reports},
+                            {"station_updates", st.counts.station_updates},
+                            {"solves", st.counts.solves},
+                            {"stations", st.stations.size()},
+                            {"present", present},
+                            {"aps_connected", hello_count()}};
+        http_set_stats(*http, j.dump());
+    }
+
+    // Once a second or so: expiry, the access point list, a reconnected broker.
+    void tick()
+    {
+        double now = now_s();
+        if (now - last_tick < 0.5)
+            return;
+        last_tick = now;
+        std::vector<st_event> ev;
+        store_expire(st, now, ev);
+        publish(ev, now);
+        if (http) {
+            std::vector<ap_ident> conn;
+            for (const auto &a : aps)
+                if (a->id.hello && !a->closing)
+                    conn.push_back(a->id);
+            http_set_aps(*http, aps_json(st, conn).dump());
+            publish_stats(now);
+        }
+        if (mqtt && mqtt_take_connected(*mqtt)) {
+            double unix_t = unix_now();
+            for (const auto &[m, s] : st.stations)
+                mqtt_station(*mqtt, mac_str(m.data()), station_json(st, s, now, unix_t).dump(), s.present);
+        }
+    }
+
     void accept_one()
     {
         sockaddr_storage ss{};
@@ -137,6 +223,7 @@ struct server {
                 a.id.name = h.name;
                 a.id.mac = h.mac;
                 a.id.ip = h.ip;
+                store_hello(st, h.mac, h.ip, h.name);
                 out(show_conn(a.id, "hello", "", json));
             }
             break;
@@ -145,7 +232,16 @@ struct server {
             decoded d = decode_reply(f.payload);
             if (d.error.empty())
                 a.pending.erase(d.msg_id);
-            out(show_message(a.id, f.payload, d, json));
+            if (!quiet || !d.error.empty())
+                out(show_message(a.id, f.payload, d, json));
+            if (d.error.empty() && d.op == OP_RSSI_REPORT) {
+                std::vector<st_event> ev;
+                double now = now_s();
+                store_report(st, a.id.name, a.id.mac, d.stations, now, ev);
+                publish(ev, now);
+                if (http && now - last_stats >= 0.1)
+                    publish_stats(now);
+            }
             break;
         }
         case FR_PING:
@@ -296,9 +392,18 @@ bool open_listener(server &s, const std::string &addr)
 void usage(FILE *f)
 {
     fprintf(f,
-            "usage: ltr-server [--listen HOST:PORT] [--json] [--duration SECONDS] [COMMAND...]\n"
+            "usage: ltr-server [--listen HOST:PORT] [--json] [--duration SECONDS] [--site FILE]\n"
+            "                  [--http HOST:PORT] [--mqtt HOST:PORT] [--quiet] [COMMAND...]\n"
             "  --listen HOST:PORT   where access points connect (default 127.0.0.1:7420)\n"
             "  --json               one JSON object per line instead of text\n"
+            "  --quiet              no line per received message (malformed ones still)\n"
+            "  --site FILE          where the access points stand: the [[ap]] tables of a\n"
+            "                       world file (name, position, mac, ip, floor)\n"
+            "  --timeout SECONDS    a station unheard this long has left (default 30)\n"
+            "  --http HOST:PORT     serve the live map and the JSON API there\n"
+            "  --mqtt HOST:PORT     publish station states and events to that broker\n"
+            "  --mqtt-prefix TEXT   first topic level (default ltr)\n"
+            "  --mqtt-id TEXT       this server's name towards the broker (default: host name)\n"
             "  --duration SECONDS   exit after this long; keep serving after the last\n"
             "                       command until then (0: until interrupted)\n"
             "Each COMMAND argument is one command line; without any, commands are read\n"
@@ -313,6 +418,9 @@ struct options {
     std::string listen_addr = "127.0.0.1:7420";
     double duration = -1; // seconds; negative: until the last command
     bool json = false;
+    bool quiet = false;
+    std::string site_file, http_addr, mqtt_addr, mqtt_prefix = "ltr", mqtt_id;
+    double timeout = 30;
     std::deque<std::string> cmds;
 };
 
@@ -332,6 +440,30 @@ int parse_options(int argc, char **argv, options &o)
             o.listen_addr = value("--listen");
         } else if (a == "--json") {
             o.json = true;
+        } else if (a == "--quiet" || a == "-q") {
+            o.quiet = true;
+        } else if (a == "--site") {
+            o.site_file = value("--site");
+        } else if (a == "--http") {
+            o.http_addr = value("--http");
+        } else if (a == "--mqtt") {
+            o.mqtt_addr = value("--mqtt");
+        } else if (a == "--mqtt-prefix") {
+            o.mqtt_prefix = value("--mqtt-prefix");
+            if (o.mqtt_prefix.empty() || o.mqtt_prefix.find_first_of("#+") != std::string::npos) {
+                fprintf(stderr, "ltr-server: --mqtt-prefix must be a topic without wildcards\n");
+                return 2;
+            }
+        } else if (a == "--mqtt-id") {
+            o.mqtt_id = value("--mqtt-id");
+        } else if (a == "--timeout") {
+            char *end = nullptr;
+            const char *v = value("--timeout");
+            o.timeout = strtod(v, &end);
+            if (!end || *end || !(o.timeout > 0)) {
+                fprintf(stderr, "ltr-server: --timeout wants seconds > 0, got \"%s\"\n", v);
+                return 2;
+            }
         } else if (a == "--duration" || a == "-d") {
             char *end = nullptr;
             const char *v = value("--duration");
@@ -496,6 +628,17 @@ int main(int argc, char **argv)
         return rc;
     server s;
     s.json = o.json;
+    s.quiet = o.quiet;
+    if (!o.site_file.empty()) {
+        std::string err;
+        if (!site_load(o.site_file, s.where, err)) {
+            fprintf(stderr, "ltr-server: --site %s\n", err.c_str());
+            return 2;
+        }
+        s.st.where = &s.where;
+        s.st.params = s.where.model;
+    }
+    s.st.params.timeout_s = o.timeout;
     script sc;
     sc.input_done = !o.cmds.empty(); // commands given: standard input is not read
     sc.cmds = std::move(o.cmds);
@@ -510,6 +653,29 @@ int main(int argc, char **argv)
         return 2;
     if (!s.json)
         s.out("listening on " + o.listen_addr + "\n");
+    if (!o.http_addr.empty()) {
+        std::string err;
+        s.http = http_start(o.http_addr, err);
+        if (!s.http) {
+            fprintf(stderr, "ltr-server: %s\n", err.c_str());
+            return 2;
+        }
+        if (!s.json)
+            s.out("map on http://" + o.http_addr + "/\n");
+    }
+    if (!o.mqtt_addr.empty()) {
+        if (o.mqtt_id.empty()) {
+            char host[256] = "ltr-server";
+            gethostname(host, sizeof host - 1);
+            o.mqtt_id = host;
+        }
+        std::string err;
+        s.mqtt = mqtt_start(o.mqtt_addr, o.mqtt_prefix, o.mqtt_id, err);
+        if (!s.mqtt) {
+            fprintf(stderr, "ltr-server: %s\n", err.c_str());
+            return 2;
+        }
+    }
 
     const int64_t end = o.duration > 0 ? now_ms() + int64_t(o.duration * 1000) : -1;
     while (!g_signalled) {
@@ -523,6 +689,7 @@ int main(int argc, char **argv)
             break;
         if (!serve_once(s, sc, end))
             return 1;
+        s.tick();
     }
     flush_all(s);
     return s.failures ? 1 : 0;

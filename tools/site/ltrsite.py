@@ -84,12 +84,12 @@ def wait_until(pred, timeout, what):
 class Server:
     """ltr-server with JSON output; requests go through its standard input."""
 
-    def __init__(self, binary, workdir, port=SERVER_PORT):
+    def __init__(self, binary, workdir, port=SERVER_PORT, extra=()):
         self.messages = []
         self.cond = threading.Condition()
         self.log = open(os.path.join(workdir, "ltr-server.jsonl"), "w")
         self.proc = subprocess.Popen(
-            [binary, "--listen", f"127.0.0.1:{port}", "--json", "--duration", "0"],
+            [binary, "--listen", f"127.0.0.1:{port}", "--json", "--duration", "0", *extra],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
             bufsize=1)
         self.errors = []
@@ -305,8 +305,9 @@ class Site:
                 return p
         raise SiteError(f"{name} not found under {self.build}")
 
-    def start_server(self):
-        self.server = Server(self.bin("ltr-server"), self.root, self.server_port)
+    def start_server(self, extra=()):
+        """extra: further ltr-server options (--site, --http, --mqtt...)."""
+        self.server = Server(self.bin("ltr-server"), self.root, self.server_port, extra)
         return self.server
 
     def start(self, enable=True, interval=None):

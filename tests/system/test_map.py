@@ -43,6 +43,13 @@ def get(path):
         return json.loads(r.read())
 
 
+def up():
+    try:
+        return get("/api/stats")
+    except OSError:
+        return None
+
+
 def station(mac=STA):
     try:
         return get(f"/api/stations/{mac}")
@@ -160,6 +167,24 @@ class Map(SiteTest):
         self.assertEqual((ev["event"], ev["mac"]), ("leave", STA))
         self.assertEqual(retained(topic + "/presence"), "left")
         self.assertFalse(json.loads(retained(topic + "/state"))["present"])
+
+    def test_load_generator_measures_the_server(self):
+        site = self.make_site(aps=0)
+        path = os.path.join(site.root, "load.toml")
+        load = site.bin("ltr-load")
+        subprocess.run([load, "--site-out", path, "--aps", "20"], check=True)
+        srv = site.start_server(["--site", path, "--http", HTTP, "--quiet"])
+        wait_until(up, 10, "the HTTP API")
+        r = subprocess.run([load, "--aps", "20", "--stations", "5", "--seconds", "1", "--json",
+                            "--stats", HTTP, "--server", f"127.0.0.1:{site.server_port}"],
+                           capture_output=True, text=True, timeout=60)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        m = json.loads(r.stdout)
+        self.assertGreater(m["reports_per_s"], 0)
+        # Every station of the load is heard by access points of the site: each update solves.
+        self.assertAlmostEqual(m["solves_per_s"], m["station_updates_per_s"], delta=1)
+        self.assertEqual(get("/api/stats")["stations"], 100)
+        self.assertEqual(srv.errors, [])
 
 
 if __name__ == "__main__":

@@ -122,29 +122,56 @@ struct server {
         return n;
     }
 
-    // Hands changed stations to the page and the broker.
-    void publish(const std::vector<st_event> &ev, double now)
+    // Changed stations go to the page and the broker at most every flush_s: a busy
+    // station costs one JSON text per flush, not one per report.
+    static constexpr double flush_s = 0.2;
+    std::set<mac_addr> dirty;
+    double last_flush = 0;
+
+    void publish(const std::vector<st_event> &ev)
     {
         if (!http && !mqtt)
             return;
-        double unix_t = unix_now();
         for (const st_event &e : ev) {
             std::string mac = mac_str(e.mac.data());
-            auto it = st.stations.find(e.mac);
-            if (it == st.stations.end()) {
+            if (e.kind == ST_FORGET) {
+                dirty.erase(e.mac);
                 if (http)
                     http_drop_station(*http, mac);
                 continue;
             }
-            std::string j = station_json(st, it->second, now, unix_t).dump();
-            if (http)
-                http_set_station(*http, mac, j);
-            if (mqtt) {
-                if (e.kind != ST_MOVE)
-                    mqtt_event(*mqtt, e.kind == ST_ENTER ? "enter" : "leave", mac, unix_t);
-                mqtt_station(*mqtt, mac, j, it->second.present);
+            if (e.kind == ST_MOVE) {
+                dirty.insert(e.mac);
+                continue;
             }
+            // Whoever acts on the event finds the state already saying so.
+            send_state(e.mac, now_s(), unix_now());
+            dirty.erase(e.mac);
+            if (mqtt)
+                mqtt_event(*mqtt, e.kind == ST_ENTER ? "enter" : "leave", mac, unix_now());
         }
+    }
+
+    void send_state(const mac_addr &m, double now, double unix_t)
+    {
+        auto it = st.stations.find(m);
+        if (it == st.stations.end())
+            return;
+        std::string mac = mac_str(m.data());
+        std::string j = station_json(st, it->second, now, unix_t).dump();
+        if (http)
+            http_set_station(*http, mac, j);
+        if (mqtt)
+            mqtt_station(*mqtt, mac, j, it->second.present);
+    }
+
+    void flush(double now)
+    {
+        last_flush = now;
+        double unix_t = unix_now();
+        for (const mac_addr &m : dirty)
+            send_state(m, now, unix_t);
+        dirty.clear();
     }
 
     void publish_stats(double now)
@@ -162,16 +189,19 @@ struct server {
         http_set_stats(*http, j.dump());
     }
 
-    // Once a second or so: expiry, the access point list, a reconnected broker.
+    // Twice a second: expiry, the access point list, a reconnected broker; and the
+    // flush of changed stations.
     void tick()
     {
         double now = now_s();
+        if (!dirty.empty() && now - last_flush >= flush_s)
+            flush(now);
         if (now - last_tick < 0.5)
             return;
         last_tick = now;
         std::vector<st_event> ev;
         store_expire(st, now, ev);
-        publish(ev, now);
+        publish(ev);
         if (http) {
             std::vector<ap_ident> conn;
             for (const auto &a : aps)
@@ -238,7 +268,7 @@ struct server {
                 std::vector<st_event> ev;
                 double now = now_s();
                 store_report(st, a.id.name, a.id.mac, d.stations, now, ev);
-                publish(ev, now);
+                publish(ev);
                 if (http && now - last_stats >= 0.1)
                     publish_stats(now);
             }
@@ -579,7 +609,7 @@ bool serve_once(server &s, script &sc, int64_t end)
     pf.push_back({want_stdin ? 0 : -1, POLLIN, 0});
     for (const auto &a : s.aps)
         pf.push_back({a->sock.fd, short(POLLIN | (a->out_off < a->out.size() ? POLLOUT : 0)), 0});
-    int64_t timeout = 1000;
+    int64_t timeout = s.dirty.empty() ? 500 : int64_t(server::flush_s * 1000);
     if (sc.waiting != CMD_NONE)
         timeout = std::min(timeout, std::max<int64_t>(0, sc.wait_until - now_ms()));
     if (end >= 0)

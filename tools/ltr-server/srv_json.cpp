@@ -1,5 +1,6 @@
 #include "srv_json.h"
 
+#include <map>
 #include <set>
 
 namespace lsrv {
@@ -42,11 +43,13 @@ json aps_json(const store &s, const std::vector<ap_ident> &connected)
 {
     json out = json::array();
     std::set<mac_addr> listed;
+    std::map<const site_ap *, const ap_ident *> placed; // site entry -> its connection
+    for (const ap_ident &c : connected)
+        if (const site_ap *a = store_ap(s, c.mac))
+            placed.emplace(a, &c);
     auto conn_of = [&](const site_ap &a) -> const ap_ident * {
-        for (const ap_ident &c : connected)
-            if (store_ap(s, c.mac) == &a)
-                return &c;
-        return nullptr;
+        auto it = placed.find(&a);
+        return it == placed.end() ? nullptr : it->second;
     };
     if (s.where)
         for (const site_ap &a : s.where->aps) {

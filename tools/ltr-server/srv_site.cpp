@@ -115,6 +115,9 @@ bool site_parse(const std::string &text, const std::string &name, site &out, std
         err = name + ": no [[ap]] table";
         return false;
     }
+    for (size_t i = 0; i < s.aps.size(); ++i)
+        if (s.aps[i].mac)
+            s.by_mac[*s.aps[i].mac] = i;
     out = std::move(s);
     return true;
 }
@@ -133,9 +136,8 @@ bool site_load(const std::string &path, site &out, std::string &err)
 
 const site_ap *site_find(const site &s, const mac_addr &mac, uint32_t ip, const std::string &name)
 {
-    for (const site_ap &a : s.aps)
-        if (a.mac == mac)
-            return &a;
+    if (auto it = s.by_mac.find(mac); it != s.by_mac.end())
+        return &s.aps[it->second];
     for (const site_ap &a : s.aps)
         if (ip && a.ip == ip)
             return &a;

@@ -2,6 +2,7 @@
 // [[ap]] tables of a world file, so one file describes a site for the simulated
 // radios and for the server.
 #pragma once
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@ struct site_ap {
 struct site {
     std::vector<site_ap> aps;
     pos_params model;              // [model] ref_rssi and exponent, when given
+    std::map<mac_addr, size_t> by_mac; // index into aps: every reading looks one up
 };
 
 // Parses text (name for messages). False with err "name:line: key: what"; out untouched.

@@ -1,8 +1,10 @@
 """The location server's outputs on a live site: the JSON API, the map page in a
-headless browser, and MQTT through a real broker (one that starts late, too)."""
+headless browser, and MQTT through a real broker (one that starts late, too).
+LTR_MAP_SCREENSHOT=FILE saves the page as the page test left it (the README's picture)."""
 import json
 import os
 import shutil
+import socket
 import subprocess
 import unittest
 import urllib.error
@@ -14,7 +16,8 @@ import cdp
 
 wait_until = systest.ltrsite.wait_until
 STA = "02:aa:00:00:00:01"
-HTTP = "127.0.0.1:8080"
+HTTP_PORT = 8080
+HTTP = f"127.0.0.1:{HTTP_PORT}"
 # ap1 is found by its MAC, ap2 by its address, ap3 by its name (from their hellos).
 SITE = """
 [model]
@@ -97,6 +100,21 @@ class Map(SiteTest):
             self.assertEqual((a["mac"], a["connected"], a["in_site"]), (ap.mac, True, True))
         self.assertEqual((aps["ap2"]["x"], aps["ap3"]["y"]), (20.0, 15.0))
         self.assertGreater(get("/api/stats")["reports"], 0)
+        # A dozen open pages hold their event streams; the API still answers.
+        streams = []
+        for _ in range(12):
+            c = socket.create_connection(("127.0.0.1", HTTP_PORT))
+            self.addCleanup(c.close)
+            c.sendall(b"GET /events HTTP/1.1\r\nHost: x\r\n\r\n")
+            streams.append(c)
+        for c in streams:
+            c.settimeout(10)
+            got = b""
+            while b"event: snapshot" not in got:
+                chunk = c.recv(65536)
+                self.assertTrue(chunk, got)
+                got += chunk
+        self.assertEqual(get(f"/api/stations/{STA}")["mac"], STA)
         self.page(site)
 
     def page(self, site):

@@ -81,6 +81,8 @@ std::string pending_for(http_server &h, int64_t &last)
 void routes(http_server &h)
 {
     auto &svr = h.svr;
+    // Every open page holds a thread for its event stream: room for many of them.
+    svr.new_task_queue = [] { return new httplib::ThreadPool(HTTP_THREADS); };
     for (const web_asset &a : web_assets)
         svr.Get(a.path, [&a](const httplib::Request &, httplib::Response &res) {
             res.set_content(a.body, a.type);

@@ -26,5 +26,7 @@ void http_set_stats(http_server &h, const std::string &json);
 
 // Events kept for live pages that fall behind; one further behind gets a snapshot.
 constexpr size_t HTTP_BACKLOG = 1024;
+// Request threads; each live page keeps one busy.
+constexpr size_t HTTP_THREADS = 32;
 
 } // namespace lsrv

@@ -156,7 +156,7 @@ class Server:
         self.proc = subprocess.Popen(
             [binary, "--listen", f"127.0.0.1:{port}", "--json", "--duration", "0", *extra],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-            bufsize=1)
+            bufsize=1, start_new_session=True)  # Ctrl-C is for the script, which stops it
         self.errors = []
         threading.Thread(target=self._read, daemon=True).start()
         threading.Thread(target=self._read_err, daemon=True).start()
@@ -271,7 +271,7 @@ class AccessPoint:
         env = dict(os.environ, QZ_PLATFORM_CONFIG=self.config)
         self.out = open(os.path.join(self.dir, "ltrd.out"), "a")
         self.proc = subprocess.Popen([self.site.bin("ltrd")], env=env, stdout=self.out,
-                                     stderr=subprocess.STDOUT)
+                                     stderr=subprocess.STDOUT, start_new_session=True)
         if wait:
             wait_until(lambda: self.proc.poll() is not None or self.serving(), 10,
                        f"{self.name} to come up")

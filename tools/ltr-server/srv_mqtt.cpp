@@ -30,7 +30,7 @@ namespace {
 
 std::once_flag lib_once;
 
-void on_connect(mosquitto *, void *obj, int rc)
+void on_connect(mosquitto *mosq, void *obj, int rc)
 {
     auto *m = static_cast<mqtt_link *>(obj);
     if (rc != 0) {
@@ -38,6 +38,9 @@ void on_connect(mosquitto *, void *obj, int rc)
         return;
     }
     fprintf(stderr, "ltr-server: MQTT connected\n");
+    // Before any state: a subscriber that sees states finds the server online.
+    std::string t = m->prefix + "/server/" + m->id;
+    mosquitto_publish(mosq, nullptr, t.c_str(), 6, "online", 1, true);
     m->said_down = false;
     m->queued = 0;
     m->connected = true;
@@ -130,13 +133,7 @@ mqtt_ptr mqtt_start(const std::string &addr, const std::string &prefix, const st
     return m;
 }
 
-bool mqtt_take_connected(mqtt_link &m)
-{
-    if (!m.fresh.exchange(false))
-        return false;
-    publish(m, m.prefix + "/server/" + m.id, "online", true);
-    return true;
-}
+bool mqtt_take_connected(mqtt_link &m) { return m.fresh.exchange(false); }
 
 std::string mqtt_mac_topic(const std::string &mac)
 {

@@ -7,6 +7,7 @@ set -euo pipefail
 
 pkgs=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
       liblmdb-dev libtomlplusplus-dev libssl-dev clang libclang-rt-14-dev iproute2 python3
+      libeigen3-dev
       libpcap-dev)
 # The 32-bit build (cmake/i386.cmake) links against Debian's i386 multiarch libraries.
 pkgs32=(g++-multilib liblmdb-dev:i386 libtomlplusplus-dev:i386 libssl-dev:i386

@@ -126,9 +126,14 @@ int main(int argc, char **argv)
 
     // The latest reading of each access point per station, as the server keeps them.
     std::vector<std::map<int, pos_obs>> latest(w->stations.size());
-    std::vector<pos_track> tr_cal(w->stations.size()), tr_dflt(w->stations.size());
+    pos_params world;
+    world.rssi_at_1m = w->model.ref_rssi;
+    world.path_loss_exp = w->model.exponent;
+    world.noise_db = std::max(w->model.noise, 0.5);
+    std::vector<pos_track> tr_cal(w->stations.size()), tr_dflt(w->stations.size()), tr_world(w->stations.size());
     stat_col eng{"engine, calibrated model", {}, 0, true};
     stat_col engd{"engine, default model", {}, 0, true};
+    stat_col engw{"engine, the world's own model", {}, 0, true};
     stat_col one{"engine unsmoothed, calibrated", {}, 0, true};
     stat_col near{"nearest access point", {}, 0, false};
     stat_col cent{"RSSI-weighted centroid", {}, 0, false};
@@ -154,6 +159,9 @@ int main(int argc, char **argv)
         f = pos_track_update(tr_dflt[size_t(l.sta)], obs, l.t, dflt);
         if (f.valid)
             score(engd, f.x, f.y, f.radius);
+        f = pos_track_update(tr_world[size_t(l.sta)], obs, l.t, world);
+        if (f.valid)
+            score(engw, f.x, f.y, f.radius);
         f = pos_solve(obs, cal);
         if (f.valid)
             score(one, f.x, f.y, f.radius);
@@ -182,7 +190,7 @@ int main(int argc, char **argv)
     printf("default model: rssi_at_1m %.1f dBm, path_loss_exp %.2f, noise_db %.1f\n\n", dflt.rssi_at_1m,
            dflt.path_loss_exp, dflt.noise_db);
     printf("%-32s %8s %8s %8s %8s  %s\n", "error in metres", "median", "p90", "mean", "fixes", "inside radius");
-    for (stat_col *c : {&eng, &engd, &one, &near, &cent}) {
+    for (stat_col *c : {&eng, &engd, &engw, &one, &near, &cent}) {
         double mean = 0;
         for (double e : c->err)
             mean += e;

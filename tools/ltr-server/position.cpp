@@ -155,12 +155,13 @@ vec2 descend(const std::vector<reading> &rd, const pos_params &p, vec2 x, bool t
             nx = nx.cwiseMax(lo).cwiseMin(hi);
             double nc = total_cost(rd, p, nx, tukey);
             if (nc < cost) {
-                double len = (nx - x).norm();
+                // A tenth of a millimetre, or no real gain, is as good as it gets.
+                bool done = (nx - x).norm() < 1e-4 || cost - nc < 1e-12 * cost;
                 x = nx;
                 cost = nc;
                 lambda = std::max(lambda / 3, 1e-9);
                 moved = true;
-                if (len < 1e-7)
+                if (done)
                     return x;
             } else {
                 lambda *= 4;

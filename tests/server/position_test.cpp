@@ -98,7 +98,7 @@ TEST(PositionTrack, SmoothsNoiseAndFollowsAWalk)
     p.noise_db = 3;
     pos_track tr{};
     double raw = 0, smooth = 0;
-    int n = 0;
+    int n = 0, inside = 0;
     for (int s = 0; s <= 90; ++s) { // 0.3 m/s east along y = 8, one report a second
         double x = 2 + s * 0.3, t = 100 + s;
         auto obs = readings(x, 8, t);
@@ -109,10 +109,12 @@ TEST(PositionTrack, SmoothsNoiseAndFollowsAWalk)
         if (s >= 10) {
             raw += err(pos_solve(obs, p), x, 8);
             smooth += err(f, x, 8);
+            inside += err(f, x, 8) <= f.radius;
             ++n;
         }
     }
     EXPECT_LT(smooth / n, 0.8 * raw / n) << raw / n;
+    EXPECT_GE(inside, 0.6 * n); // the radius means something
     EXPECT_NEAR(tr.state[2], 0.3, 0.2); // it learned the velocity
 }
 

@@ -21,6 +21,9 @@ constexpr double k_far = 1e6;        // metres: access point coordinates beyond 
 constexpr double k_radius_sigma = 1.5; // 1.5 sigma: about a 68 % circle
 constexpr double k_gate = 16.0;      // squared Mahalanobis distance of a believable fix
 constexpr int k_max_misses = 3;      // unbelievable fixes in a row that restart the track
+// Fixes in a row share readings (unchanged ones ride along in every report, relayed
+// ones a cycle late), so each brings about half the news its covariance claims.
+constexpr double k_fix_overlap = 2.0;
 
 struct reading {
     vec2 ap;
@@ -372,7 +375,7 @@ pos_fix pos_track_update(pos_track &tr, std::span<const pos_obs> obs, double now
         Eigen::Matrix<double, 2, 4> h = Eigen::Matrix<double, 2, 4>::Zero();
         h(0, 0) = h(1, 1) = 1;
         vec2 y = f.x - h * xs;
-        mat2 r = f.cov;
+        mat2 r = f.cov * k_fix_overlap;
         mat2 sm = h * pc * h.transpose() + r;
         double d2 = y.dot(sm.ldlt().solve(y));
         if (!(d2 <= k_gate) && ++tr.misses >= k_max_misses) {

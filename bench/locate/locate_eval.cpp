@@ -17,7 +17,8 @@
 #include "position.h"
 #include "sim_world.h"
 
-namespace {
+namespace
+{
 
 struct line_in {
     double t;
@@ -66,7 +67,8 @@ bool read_reports(const char *path, const sim_world &w, std::vector<line_in> &ou
                 if (w.stations[i].mac == m)
                     l.sta = int(i);
         if (l.sta < 0) {
-            fprintf(stderr, "ltr_locate_eval: %s:%d: station %s is not in the world\n", path, n, mac.c_str());
+            fprintf(stderr, "ltr_locate_eval: %s:%d: station %s is not in the world\n", path, n,
+                    mac.c_str());
             return false;
         }
         while (in >> item) {
@@ -130,7 +132,8 @@ int main(int argc, char **argv)
     world.rssi_at_1m = w->model.ref_rssi;
     world.path_loss_exp = w->model.exponent;
     world.noise_db = std::max(w->model.noise, 0.5);
-    std::vector<pos_track> tr_cal(w->stations.size()), tr_dflt(w->stations.size()), tr_world(w->stations.size());
+    std::vector<pos_track> tr_cal(w->stations.size()), tr_dflt(w->stations.size()),
+        tr_world(w->stations.size());
     stat_col eng{"engine, calibrated model", {}, 0, true};
     stat_col engd{"engine, default model", {}, 0, true};
     stat_col engw{"engine, the world's own model", {}, 0, true};
@@ -186,16 +189,19 @@ int main(int argc, char **argv)
                "path_loss_exp %.2f, noise_db %.1f\n",
                cal_s, samples.size(), cal.rssi_at_1m, cal.path_loss_exp, cal.noise_db);
     else
-        printf("calibration failed (%zu readings): the calibrated rows use the defaults\n", samples.size());
-    printf("default model: rssi_at_1m %.1f dBm, path_loss_exp %.2f, noise_db %.1f\n\n", dflt.rssi_at_1m,
-           dflt.path_loss_exp, dflt.noise_db);
-    printf("%-32s %8s %8s %8s %8s  %s\n", "error in metres", "median", "p90", "mean", "fixes", "inside radius");
+        printf("calibration failed (%zu readings): the calibrated rows use the defaults\n",
+               samples.size());
+    printf("default model: rssi_at_1m %.1f dBm, path_loss_exp %.2f, noise_db %.1f\n\n",
+           dflt.rssi_at_1m, dflt.path_loss_exp, dflt.noise_db);
+    printf("%-32s %8s %8s %8s %8s  %s\n", "error in metres", "median", "p90", "mean", "fixes",
+           "inside radius");
     for (stat_col *c : {&eng, &engd, &engw, &one, &near, &cent}) {
         double mean = 0;
         for (double e : c->err)
             mean += e;
         mean /= double(std::max<size_t>(c->err.size(), 1));
-        printf("%-32s %8.2f %8.2f %8.2f %8zu", c->name, pct(c->err, 0.5), pct(c->err, 0.9), mean, c->err.size());
+        printf("%-32s %8.2f %8.2f %8.2f %8zu", c->name, pct(c->err, 0.5), pct(c->err, 0.9), mean,
+               c->err.size());
         if (c->has_radius && !c->err.empty())
             printf("  %5.1f %%", 100.0 * c->inside / double(c->err.size()));
         printf("\n");

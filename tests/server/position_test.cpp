@@ -7,7 +7,8 @@
 
 #include "position.h"
 
-namespace {
+namespace
+{
 
 const pos_params k_p; // defaults: -40 dBm at 1 m, exponent 2.7
 const double k_aps[][2] = {{0, 0}, {30, 0}, {30, 20}, {0, 20}, {15, -5}};
@@ -25,7 +26,10 @@ std::vector<pos_obs> readings(double x, double y, double t = 0, int n = 5)
     return v;
 }
 
-double err(const pos_fix &f, double x, double y) { return hypot(f.x - x, f.y - y); }
+double err(const pos_fix &f, double x, double y)
+{
+    return hypot(f.x - x, f.y - y);
+}
 
 TEST(PositionSolve, ExactReadingsGiveExactPosition)
 {
@@ -54,12 +58,12 @@ TEST(PositionSolve, AbsurdReadingsAreDownWeightedOrIgnored)
 
     // Impossible values change nothing.
     obs = readings(12, 7);
-    obs.push_back({20, 5, 0, 25.0, 0});        // positive dBm
+    obs.push_back({20, 5, 0, 25.0, 0}); // positive dBm
     obs.push_back({20, 5, 0, NAN, 0});
     obs.push_back({NAN, 5, 0, -50, 0});
     obs.push_back({1e300, 5, 0, -50, 0});
     obs.push_back({20, 5, 0, -50, INFINITY});
-    obs.push_back({20, 5, 3, -90, 0});         // another floor, weaker than ours
+    obs.push_back({20, 5, 3, -90, 0}); // another floor, weaker than ours
     f = pos_solve(obs, k_p);
     ASSERT_TRUE(f.valid);
     EXPECT_LT(err(f, 12, 7), 1e-3);
@@ -76,7 +80,8 @@ TEST(PositionSolve, AbsurdReadingsAreDownWeightedOrIgnored)
 TEST(PositionSolve, FewAccessPointsGiveWiderCircles)
 {
     // One access point: its own position, a radius that reaches the station.
-    std::vector<pos_obs> one{{4, 5, 0, model(12, 7, 4, 5), 0}, {4, 5, 0, model(12, 7, 4, 5) - 2, 0}};
+    std::vector<pos_obs> one{{4, 5, 0, model(12, 7, 4, 5), 0},
+                             {4, 5, 0, model(12, 7, 4, 5) - 2, 0}};
     pos_fix f = pos_solve(one, k_p);
     ASSERT_TRUE(f.valid);
     EXPECT_EQ(f.x, 4);
@@ -114,7 +119,7 @@ TEST(PositionTrack, SmoothsNoiseAndFollowsAWalk)
         }
     }
     EXPECT_LT(smooth / n, 0.8 * raw / n) << raw / n;
-    EXPECT_GE(inside, 0.6 * n); // the radius means something
+    EXPECT_GE(inside, 0.6 * n);         // the radius means something
     EXPECT_NEAR(tr.state[2], 0.3, 0.2); // it learned the velocity
 }
 

@@ -9,7 +9,8 @@
 
 #include <Eigen/Dense>
 
-namespace {
+namespace
+{
 
 using vec2 = Eigen::Vector2d;
 using mat2 = Eigen::Matrix2d;
@@ -17,10 +18,10 @@ using vec4 = Eigen::Vector4d;
 using mat4 = Eigen::Matrix4d;
 
 constexpr double k_ln10 = 2.302585092994046;
-constexpr double k_far = 1e6;        // metres: access point coordinates beyond are bad input
+constexpr double k_far = 1e6;          // metres: access point coordinates beyond are bad input
 constexpr double k_radius_sigma = 1.5; // 1.5 sigma: about a 68 % circle
-constexpr double k_gate = 16.0;      // squared Mahalanobis distance of a believable fix
-constexpr int k_max_misses = 3;      // unbelievable fixes in a row that restart the track
+constexpr double k_gate = 16.0;        // squared Mahalanobis distance of a believable fix
+constexpr int k_max_misses = 3;        // unbelievable fixes in a row that restart the track
 // Fixes in a row share readings (unchanged ones ride along in every report, relayed
 // ones a cycle late), so each brings about half the news its covariance claims.
 constexpr double k_fix_overlap = 2.0;
@@ -37,11 +38,14 @@ struct fit {
     vec2 x = vec2::Zero();
     mat2 cov = mat2::Identity();
     double radius = 0;
-    double t = 0;  // time of the newest reading used
+    double t = 0; // time of the newest reading used
     int floor = 0;
 };
 
-bool is_num(double v) { return std::isfinite(v); }
+bool is_num(double v)
+{
+    return std::isfinite(v);
+}
 
 double model_rssi(const pos_params &p, double d)
 {
@@ -56,7 +60,8 @@ double strength_weight(const pos_params &p, double rssi)
 }
 
 // The readings worth fitting: finite, plausible, on the floor of the strongest one.
-std::vector<reading> usable(std::span<const pos_obs> obs, const pos_params &p, double &t_new, int &floor)
+std::vector<reading> usable(std::span<const pos_obs> obs, const pos_params &p, double &t_new,
+                            int &floor)
 {
     std::vector<const pos_obs *> ok;
     for (const pos_obs &o : obs)
@@ -66,9 +71,10 @@ std::vector<reading> usable(std::span<const pos_obs> obs, const pos_params &p, d
     std::vector<reading> r;
     if (ok.empty())
         return r;
-    const pos_obs *best = *std::max_element(ok.begin(), ok.end(), [](const pos_obs *a, const pos_obs *b) {
-        return a->rssi_dbm < b->rssi_dbm;
-    });
+    const pos_obs *best =
+        *std::max_element(ok.begin(), ok.end(), [](const pos_obs *a, const pos_obs *b) {
+            return a->rssi_dbm < b->rssi_dbm;
+        });
     floor = best->floor;
     t_new = -INFINITY;
     for (const pos_obs *o : ok)
@@ -79,7 +85,8 @@ std::vector<reading> usable(std::span<const pos_obs> obs, const pos_params &p, d
         if (o->floor != floor)
             continue;
         double age = (t_new - o->t) / stale;
-        r.push_back({vec2(o->x, o->y), o->rssi_dbm, strength_weight(p, o->rssi_dbm) / (1.0 + age * age)});
+        r.push_back(
+            {vec2(o->x, o->y), o->rssi_dbm, strength_weight(p, o->rssi_dbm) / (1.0 + age * age)});
     }
     return r;
 }
@@ -132,8 +139,8 @@ vec2 gradient(const pos_params &p, const vec2 &x, const vec2 &ap)
 }
 
 // Levenberg-Marquardt on the iteratively reweighted problem from x, kept inside box.
-vec2 descend(const std::vector<reading> &rd, const pos_params &p, vec2 x, bool tukey, const vec2 &lo,
-             const vec2 &hi)
+vec2 descend(const std::vector<reading> &rd, const pos_params &p, vec2 x, bool tukey,
+             const vec2 &lo, const vec2 &hi)
 {
     double lambda = 1e-3;
     double cost = total_cost(rd, p, x, tukey);
@@ -208,7 +215,8 @@ fit solve_fit(std::span<const pos_obs> obs, const pos_params &p)
         return f;
     }
     double span = (hi - lo).norm();
-    vec2 box_lo = (lo.array() - (span + 10.0)).matrix(), box_hi = (hi.array() + (span + 10.0)).matrix();
+    vec2 box_lo = (lo.array() - (span + 10.0)).matrix(),
+         box_hi = (hi.array() + (span + 10.0)).matrix();
 
     // Starts: the centroid weighted by expected closeness, and a point at the modelled
     // range from each of the three strongest readings, towards that centroid.
@@ -225,7 +233,8 @@ fit solve_fit(std::span<const pos_obs> obs, const pos_params &p)
     std::vector<const reading *> strong;
     for (const reading &r : rd)
         strong.push_back(&r);
-    std::sort(strong.begin(), strong.end(), [](const reading *a, const reading *b) { return a->rssi > b->rssi; });
+    std::sort(strong.begin(), strong.end(),
+              [](const reading *a, const reading *b) { return a->rssi > b->rssi; });
     for (size_t i = 0; i < strong.size() && i < 3; ++i) {
         vec2 dir = c - strong[i]->ap;
         double n = dir.norm();
@@ -353,7 +362,8 @@ pos_fix pos_solve(std::span<const pos_obs> obs, const pos_params &p)
     return r;
 }
 
-pos_fix pos_track_update(pos_track &tr, std::span<const pos_obs> obs, double now, const pos_params &p)
+pos_fix pos_track_update(pos_track &tr, std::span<const pos_obs> obs, double now,
+                         const pos_params &p)
 {
     if (!is_num(now))
         return pos_fix{};

@@ -13,7 +13,8 @@ void locate(store &s, st_station &st, double now)
         const site_ap *a = store_ap(s, ap);
         if (!a)
             continue; // unknown access points show readings, nothing more
-        obs.push_back({a->x, a->y, a->floor, double(r.rssi), r.t});
+        // Readings of both bands on one scale: the model is given for 2.4 GHz.
+        obs.push_back({a->x, a->y, a->floor, pos_rssi_2g4(double(r.rssi), r.freq), r.t});
         if (r.rssi > best_rssi) {
             best_rssi = r.rssi;
             st.floor = a->floor;

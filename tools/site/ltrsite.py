@@ -267,6 +267,8 @@ class AccessPoint:
             lines.append(f'key_file = "{s.key_file}"')
         lines += ["[store]", f'dir = "{self.dir}/db"', "[sim]", f'ap = "{self.name}"',
                   f"seed = {s.seed}"]
+        if s.epoch is not None:
+            lines.append(f"epoch = {s.epoch!r}")
         if s.world:
             lines.append(f'world = "{s.world}"')
         for r in self.radios:
@@ -351,8 +353,11 @@ _next_port = [SERVER_PORT]
 
 
 class Site:
-    def __init__(self, build, aps=3, radios=2, world=None, seed=1, key=None, root=None, tls=False):
+    def __init__(self, build, aps=3, radios=2, world=None, seed=1, key=None, root=None, tls=False,
+                 epoch=None):
+        """epoch: Unix time of the world's time 0, shared by every access point."""
         self.build = build
+        self.epoch = epoch
         self.server_port = _next_port[0]
         _next_port[0] += 1
         self.root = root or "/tmp/site"

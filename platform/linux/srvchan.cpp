@@ -27,7 +27,6 @@
 namespace {
 
 constexpr size_t OUT_HIGH_WATER = 1 << 16; // frames moved from the queue per round
-constexpr int HOLD_POLL_MS = 20;       // how often a full event queue is looked at again
 
 struct chan_state {
     std::mutex mu;                  // queue, queue_bytes, timing, thread
@@ -270,7 +269,8 @@ bool keep_alive(session_state &ss, int &timeout)
     int64_t next = ss.held_out ? ss.last_tx + t.dead_ms
                                : std::min(ss.last_rx + t.dead_ms,
                                           std::max(ss.last_rx, ss.last_ping) + t.ping_idle_ms);
-    timeout = int(std::clamp<int64_t>(next - now, 0, ss.held_in ? HOLD_POLL_MS : INT32_MAX));
+    // Held for a full event queue, nothing is due until it has room (the room fd).
+    timeout = ss.held_in ? -1 : int(std::clamp<int64_t>(next - now, 0, INT32_MAX));
     return true;
 }
 
@@ -375,10 +375,11 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
         bool reading = !ss.held_out && !ss.held_in;
         short want = tp.poll_events(conn, reading, ss.pending() > 0);
         out_gauge = ss.pending();
-        pollfd p[3] = {{want ? tp.poll_fd(conn) : -1, want, 0},
+        pollfd p[4] = {{want ? tp.poll_fd(conn) : -1, want, 0},
                        {s.wake_fd.load(), POLLIN, 0},
-                       {rt_stop_fd(), POLLIN, 0}};
-        if (::poll(p, 3, timeout) < 0) {
+                       {rt_stop_fd(), POLLIN, 0},
+                       {ss.held_in ? rt_event_room_fd() : -1, POLLIN, 0}};
+        if (::poll(p, 4, timeout) < 0) {
             if (errno == EINTR)
                 continue;
             ss.fail("poll failed");
@@ -386,6 +387,10 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
         }
         if (p[1].revents & POLLIN)
             drain_wake();
+        if (p[3].revents & POLLIN) {
+            eventfd_t v;
+            eventfd_read(p[3].fd, &v);
+        }
         if ((p[0].revents & (POLLOUT | POLLERR)) && !write_some(ss))
             break;
         if (reading && (p[0].revents & (POLLIN | POLLHUP | POLLERR)) && !read_some(ss))

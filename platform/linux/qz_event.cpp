@@ -230,7 +230,7 @@ int qz_event_init(int module_id, pthread_t *thread)
                                  "events_sock_dropped", "events_sock_send_dropped",
                                  "netlink_overruns"})
             rt_counter(name);
-        int rc = rt_thread_create(&l.thread, event_thread, nullptr, "qz_event");
+        int rc = rt_thread_create(&l.thread, event_thread, nullptr, "qz_event", RT_STACK_DAEMON);
         if (rc != 0) {
             rt_log(LOG_ERR, "event library: cannot start the event thread: %s", strerror(rc));
             rt_events_sock_close();

@@ -33,10 +33,15 @@ const char *policy_name(int policy)
 }
 } // namespace
 
-int rt_thread_create(pthread_t *thread, void *(*fn)(void *), void *arg, const char *name)
+int rt_thread_create(pthread_t *thread, void *(*fn)(void *), void *arg, const char *name,
+                     size_t stack)
 {
     sig_block b;
-    int rc = pthread_create(thread, nullptr, fn, arg);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, stack < size_t(PTHREAD_STACK_MIN) ? size_t(PTHREAD_STACK_MIN) : stack);
+    int rc = pthread_create(thread, &attr, fn, arg);
+    pthread_attr_destroy(&attr);
     if (rc == 0 && name)
         pthread_setname_np(*thread, name);
     return rc;

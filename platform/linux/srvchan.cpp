@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -12,7 +13,7 @@
 #include <chrono>
 #include <deque>
 #include <mutex>
-#include <thread>
+#include <utility>
 
 #include "qz_evt_srv_msg.h"
 #include "rt_config.h"
@@ -20,6 +21,7 @@
 #include "rt_event.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_process.h"
 #include "rt_stop.h"
 #include "srvchan.h"
 #include "srvchan_transport.h"
@@ -33,7 +35,8 @@ struct chan_state {
     std::deque<std::string> queue;  // payloads waiting for the link, oldest first
     size_t queue_bytes = 0;
     srvchan_timing timing;
-    std::thread thread;
+    pthread_t thread{};
+    bool running = false;           // thread started and not yet joined
     std::atomic<int> wake_fd{-1};   // eventfd: new message or stop; kept open for good
     std::atomic<bool> stop{false};
     std::atomic<bool> connected{false};
@@ -403,7 +406,7 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
     return ss.healthy;
 }
 
-void channel_main()
+void *channel_main(void *)
 {
     chan_state &s = st();
     const srv_transport &tp = srv_tcp_transport;
@@ -440,6 +443,7 @@ void channel_main()
         pause_ms(backoff);
         backoff = std::min(backoff * 2, t.backoff_max_ms);
     }
+    return nullptr;
 }
 
 } // namespace
@@ -485,7 +489,7 @@ void srvchan_open()
 {
     chan_state &s = st();
     std::lock_guard g(s.mu);
-    if (s.thread.joinable() || rt_stopping())
+    if (s.running || rt_stopping())
         return;
     if (s.wake_fd < 0) {
         int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
@@ -496,21 +500,24 @@ void srvchan_open()
         s.wake_fd = fd;
     }
     s.stop = false;
-    s.thread = std::thread(channel_main);
+    if (int rc = rt_thread_create(&s.thread, channel_main, nullptr, "qz_srvchan", RT_STACK_DAEMON))
+        rt_log(3, "server channel: cannot start its thread: %s\n", strerror(rc));
+    else
+        s.running = true;
 }
 
 void srvchan_close()
 {
     chan_state &s = st();
-    std::thread th;
+    bool running;
     {
         std::lock_guard g(s.mu);
-        th = std::move(s.thread);
+        running = std::exchange(s.running, false);
         s.stop = true;
     }
     wake_thread();
-    if (th.joinable())
-        th.join();
+    if (running)
+        pthread_join(s.thread, nullptr);
     std::lock_guard g(s.mu);
     s.queue.clear();
     s.queue_bytes = 0;

@@ -160,7 +160,7 @@ static void owner_drop(const char *what, uint32_t src, int len)
                        "owner message from %i dropped: %s (%d bytes)", src, what, len);
 }
 
-// Runs on the neighbour endpoint's receive thread.
+// Runs on the service loop (neighbour receive).
 static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int len)
 {
     owner_msg_hdr h;

@@ -1,0 +1,12 @@
+// The tag of neighbour datagrams: HMAC-SHA256, computed with a context keyed once per
+// key and thread, so that a datagram costs its hash and not the key's set-up.
+#pragma once
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string_view>
+
+constexpr size_t NBR_MAC_LEN = 32;
+
+// HMAC-SHA256 of data under key into out. False (logged) when the library fails.
+bool nbr_mac(std::string_view key, const uint8_t *data, size_t len, uint8_t out[NBR_MAC_LEN]);

@@ -98,7 +98,8 @@ static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_
         nbr_drop("module", src, len);
         return;
     }
-    rt_counter("nbr.rx")++;
+    static std::atomic<uint64_t> &rx = rt_counter("nbr.rx"); // looked up once: per datagram
+    rx++;
     // A copy of exactly the payload: the receiver may write it and cannot read past it.
     std::vector<uint8_t> payload(buf + off, buf + off + plen);
     fn(src, payload.data(), static_cast<int>(plen));

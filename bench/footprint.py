@@ -96,6 +96,21 @@ def proc_figures(pid):
     return out
 
 
+def dirty_by_mapping(pid, top=8):
+    """The mappings holding the most private dirty memory: (KiB, name)."""
+    out, name = {}, None
+    with open(f"/proc/{pid}/smaps") as f:
+        for line in f:
+            m = re.match(r"[0-9a-f]+-[0-9a-f]+ \S+ \S+ \S+ \d+\s*(.*)$", line)
+            if m:
+                name = os.path.basename(m.group(1)) or "[anon]"
+                continue
+            m = re.match(r"Private_Dirty:\s+(\d+) kB", line)
+            if m:
+                out[name] = out.get(name, 0) + int(m.group(1))
+    return sorted(((v, k) for k, v in out.items() if v), reverse=True)[:top]
+
+
 def switches(pid):
     """Voluntary and involuntary context switches of every thread, by thread name."""
     by = {}
@@ -168,6 +183,8 @@ def main():
               f"{time.strftime('%Y-%m-%d %H:%M UTC', time.gmtime())}")
         time.sleep(2)
         show("idle", proc_figures(pid))
+        print("  private dirty by mapping (KiB): " +
+              ", ".join(f"{n} {v}" for v, n in dirty_by_mapping(pid)))
 
         # Idle wake-ups: every thread's context switches over the window.
         before = switches(pid)

@@ -11,6 +11,8 @@ reporters are relays sent from a configured peer address.
 Usage: bench/footprint.py [--build DIR] [--ltrd PATH] [--key] [--idle-seconds N]
 """
 import argparse
+import hashlib
+import hmac
 import os
 import re
 import socket
@@ -26,6 +28,7 @@ import ltrsite  # noqa: E402
 STATIONS = 512
 REPORTERS = 63          # relayed readings per station, besides the local one
 RELAY_PEER = "127.0.0.99"
+SITE_KEY = "footprint-key"
 
 
 def sta_mac(i):
@@ -132,8 +135,9 @@ def show(label, fig):
           f"threads {fig['Threads']}", flush=True)
 
 
-def relays(ap):
-    """One datagram per (station, reporter): 28-byte relays in the neighbour envelope."""
+def relays(ap, key):
+    """One datagram per (station, reporter): 28-byte relays in the neighbour envelope,
+    tagged when the site has a key."""
     src = socket.inet_aton(RELAY_PEER)
     out = []
     for r in range(REPORTERS):
@@ -141,7 +145,10 @@ def relays(ap):
         for i in range(STATIONS):
             relay = struct.pack(">I4sHH", 0, src, 16, 0) + bytes.fromhex(
                 sta_mac(i).replace(":", "")) + reporter + struct.pack(">BbH", 1, -60 - r % 20, 2412)
-            out.append(b"QZNM" + bytes([1, 0]) + struct.pack(">H", 52) + relay)
+            d = b"QZNM" + bytes([1, 1 if key else 0]) + struct.pack(">H", 52) + relay
+            if key:
+                d += hmac.new(key.encode(), d, hashlib.sha256).digest()[:16]
+            out.append(d)
     return out
 
 
@@ -165,7 +172,7 @@ def main():
     argv += (["--ltrd", ltrd] if ltrd else []) + (["--key"] if a.key else [])
     ltrsite.enter_namespaces(argv, keep=[REPO, build] + ([os.path.dirname(ltrd)] if ltrd else []))
 
-    site = ltrsite.Site(build, aps=2, radios=1, key="footprint-key" if a.key else None,
+    site = ltrsite.Site(build, aps=2, radios=1, key=SITE_KEY if a.key else None,
                         root="/tmp/footprint")
     if ltrd:
         site.bin = lambda name, b=site.bin: ltrd if name == "ltrd" else b(name)
@@ -204,7 +211,7 @@ def main():
         hear_all(ap1)
         ltrsite.wait_until(lambda: ap1.ctl("show", "location-tracking", "rssi").stdout
                            .count("Station: ") >= STATIONS, 20, "ap1 to hear every station")
-        dgrams = relays(ap1)
+        dgrams = relays(ap1, SITE_KEY if a.key else None)
         s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         s.bind((RELAY_PEER, 0))
         rx0 = counters(ap1).get("nbr.rx", 0)

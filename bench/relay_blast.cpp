@@ -6,13 +6,14 @@
 //   relay_blast sink BIND_IP PORT SECONDS
 //     the bare receive loop: counts what arrives until SECONDS pass or nothing has
 //     come for half a second after the first datagram; prints "received N in S s"
-//     (S from the first datagram to the last).
+//     (S from the first datagram to the last) and the CPU time it used.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -111,8 +112,12 @@ int sink(const char *ip, int port, double secs)
         }
         last = clk::now();
     }
-    printf("received %llu in %.3f s\n", (unsigned long long)got,
-           std::chrono::duration<double>(last - first).count());
+    rusage ru{};
+    getrusage(RUSAGE_SELF, &ru);
+    double cpu = double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+                 double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+    printf("received %llu in %.3f s, cpu %.3f s\n", (unsigned long long)got,
+           std::chrono::duration<double>(last - first).count(), cpu);
     close(fd);
     return 0;
 }

@@ -5,8 +5,10 @@ One sender (bench program relay_blast, sendmmsg) sends 28-byte relays for 512 kn
 stations, each from one of 63 reporters, as fast as it can for a few seconds: once to
 a bare receive loop (relay_blast sink) and once to ltrd (tracking on, the stations
 heard by its radio), without and with a site key. For each: datagrams per second
-taken in, how many were stored (ltrd: nbr.rx, every one delivered to the relay
-handler), and drops (sent but never taken in).
+taken in (ltrd: nbr.rx, every one delivered to the relay handler), the relayed
+readings held afterwards, drops (sent but never taken in), and the CPU time each
+datagram cost the receiver: on a machine that other work shares, the ratio of those
+says what one free core would take in.
 
 Usage: bench/relay_ingest.py [--build DIR] [--ltrd PATH] [--seconds N]
 """
@@ -70,14 +72,27 @@ def bare(tool, path, seconds):
     sink.stdout.readline()  # ready
     sent = blast(tool, path, "127.0.0.50", 7500, seconds)
     out = sink.communicate()[0]
-    got, secs = re.search(r"received (\d+) in ([\d.]+) s", out).groups()
-    return sent, int(got), float(secs)
+    got, secs, cpu = re.search(r"received (\d+) in ([\d.]+) s, cpu ([\d.]+) s", out).groups()
+    return sent, int(got), float(secs), float(cpu)
+
+
+def cpu_by_thread(pid):
+    """CPU seconds of each thread of pid (schedstat: nanoseconds on a CPU)."""
+    out = {}
+    for tid in os.listdir(f"/proc/{pid}/task"):
+        try:
+            with open(f"/proc/{pid}/task/{tid}/schedstat") as f:
+                out[tid] = int(f.read().split()[0]) / 1e9
+        except OSError:
+            pass
+    return out
 
 
 def ingest(ap, tool, path, seconds):
     """Sends to ap while watching nbr.rx; returns sent, taken in, seconds until the
     last one was taken in, and the kernel's count of datagrams it dropped."""
     before = counters(ap)
+    cpu0 = cpu_by_thread(ap.proc.pid)
     t0 = time.monotonic()
     sender = subprocess.Popen([tool, "send", path, PEER, ap.ip, "7421", str(seconds)],
                               stdout=subprocess.PIPE, text=True)
@@ -90,7 +105,10 @@ def ingest(ap, tool, path, seconds):
     sent = int(re.search(r"sent (\d+)", sender.stdout.read()).group(1))
     after = counters(ap)
     return (sent, after.get("nbr.rx", 0) - before.get("nbr.rx", 0), last_change - t0,
-            after.get("nbr.drop.overflow", 0) - before.get("nbr.drop.overflow", 0))
+            after.get("nbr.drop.overflow", 0) - before.get("nbr.drop.overflow", 0),
+            # the receiving thread: the one that worked most (the status polls above
+            # and the report cycle run on others)
+            max(v - cpu0.get(t, 0) for t, v in cpu_by_thread(ap.proc.pid).items()))
 
 
 def run(build, ltrd, key, seconds):
@@ -116,16 +134,19 @@ def run(build, ltrd, key, seconds):
                 buf += s.recv(65536)
         ltrsite.wait_until(lambda: ap.ctl("show", "location-tracking", "rssi").stdout
                            .count("Station: ") >= STATIONS, 20, "every station to be heard")
-        b_sent, b_got, b_secs = bare(tool, path, seconds)
-        l_sent, l_got, l_secs, l_overflow = ingest(ap, tool, path, seconds)
+        b_sent, b_got, b_secs, b_cpu = bare(tool, path, seconds)
+        l_sent, l_got, l_secs, l_overflow, l_cpu = ingest(ap, tool, path, seconds)
         show = ap.ctl("show", "location-tracking", "rssi").stdout
         stored = len(re.findall(r"^\d+ +02fd\.", show, re.M))
         b_rate, l_rate = b_got / b_secs, l_got / l_secs
+        # CPU per datagram: what one free core could take in, whatever else ran.
+        b_us, l_us = b_cpu / b_got * 1e6, l_cpu / l_got * 1e6
         label = "with site key" if key else "no key"
-        print(f"{label}: bare loop {b_rate:,.0f}/s (sent {b_sent:,}, dropped {b_sent - b_got:,}); "
-              f"ltrd {l_rate:,.0f}/s (sent {l_sent:,}, taken in {l_got:,}, dropped "
-              f"{l_sent - l_got:,}, socket overflow {l_overflow:,}; relayed readings held "
-              f"{stored:,}); ratio {l_rate / b_rate:.2f}", flush=True)
+        print(f"{label}: bare loop {b_rate:,.0f}/s (sent {b_sent:,}, dropped {b_sent - b_got:,}, "
+              f"{b_us:.2f} us CPU each); ltrd {l_rate:,.0f}/s (sent {l_sent:,}, taken in "
+              f"{l_got:,}, dropped {l_sent - l_got:,}, socket overflow {l_overflow:,}, "
+              f"{l_us:.2f} us CPU each; relayed readings held {stored:,}); "
+              f"ratio {l_rate / b_rate:.2f}, per core {b_us / l_us:.2f}", flush=True)
     finally:
         site.close()
 

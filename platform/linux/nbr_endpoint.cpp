@@ -19,6 +19,7 @@
 #include <mutex>
 #include <sstream>
 
+#include "nbr_mac.h"
 #include "rt.h"
 #include "rt_config.h"
 #include "rt_counter.h"
@@ -194,6 +195,8 @@ nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err)
         setsockopt(ep->sock.fd, SOL_SOCKET, SO_RCVBUF, &want, sizeof want);
     setsockopt(ep->sock.fd, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
     ep->port = ntohs(a.sin_port);
+    if (!p.key.empty())
+        nbr_mac_init(p.key); // the receive loop copies it
     if (rt_loop_add(ep->sock.fd, EPOLLIN, nbr_on_readable, ep.get()) != 0) {
         err = "cannot receive on the service loop";
         return nullptr;

@@ -38,7 +38,8 @@ int udp_socket(const char *ip, int port)
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(uint16_t(port));
-    if (fd < 0 || inet_pton(AF_INET, ip, &a.sin_addr) != 1 || bind(fd, (sockaddr *)&a, sizeof a) != 0) {
+    if (fd < 0 || inet_pton(AF_INET, ip, &a.sin_addr) != 1 ||
+        bind(fd, (sockaddr *)&a, sizeof a) != 0) {
         perror(ip);
         exit(1);
     }
@@ -48,7 +49,8 @@ int udp_socket(const char *ip, int port)
 int send_all(const char *file, const char *src, const char *dst, int port, double secs)
 {
     std::ifstream in(file, std::ios::binary);
-    std::vector<uint8_t> raw((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<uint8_t> raw((std::istreambuf_iterator<char>(in)),
+                             std::istreambuf_iterator<char>());
     std::vector<iovec> iov;
     for (size_t off = 0; off + 2 <= raw.size();) {
         size_t n = size_t(raw[off]) << 8 | raw[off + 1];

@@ -51,7 +51,8 @@ struct owner_batch {
     owner_clock::time_point deadline;
     bool answered() const
     {
-        return std::all_of(asks.begin(), asks.end(), [](const owner_ask &a) { return a.waiting.empty(); });
+        return std::all_of(asks.begin(), asks.end(),
+                           [](const owner_ask &a) { return a.waiting.empty(); });
     }
 };
 
@@ -445,10 +446,11 @@ static void owner_turn(owner_service *s)
         next = s->batch->deadline;
     if (!s->greet_idle && (!s->targets.empty() || !s->heard.empty()))
         next = std::min(next, s->next_hello);
-    rt_loop_timer_set(s->timer, next == owner_clock::time_point::max()
-                                    ? -1
-                                    : std::max<int64_t>(0, std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                               next - now).count() + 1));
+    int64_t ms = -1; // rounded up: never before the deadline
+    if (next != owner_clock::time_point::max())
+        ms = std::max<int64_t>(
+            0, std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count() + 1);
+    rt_loop_timer_set(s->timer, ms);
 }
 
 static void owner_on_kick(void *arg, uint32_t)

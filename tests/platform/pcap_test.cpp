@@ -1,6 +1,7 @@
 // The pcap driver: capture files replayed through its operations, as the daemon calls them.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <net/if.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "drv_pcap.h"
+#include "nl80211_sock.h"
 #include "rt_config.h"
 #include "rt_counter.h"
 #include "rt_test_util.h"
@@ -84,10 +86,11 @@ struct PcapTest : ::testing::Test {
             rt_driver_pcap.close(&r);
     }
     int open(const std::string &name, const std::string &capture, bool ignore_local = false,
-             double speed = 1e6)
+             double speed = 1e6, const std::string &monitor = "")
     {
         pcap_radio_conf c;
         c.capture = capture;
+        c.monitor = monitor;
         c.ignore_local = ignore_local;
         c.speed = speed;
         r.cfg.name = name;
@@ -230,4 +233,28 @@ TEST_F(PcapTest, OpenRefusesBadSourcesAndCloseEndsAWaitingReplay)
     EXPECT_EQ(parse("0.5"), "0.500000");
     EXPECT_NE(parse("0").find("radio[0].speed: must be between"), std::string::npos);
     EXPECT_NE(parse("\"fast\"").find("radio[0].speed: expected a number"), std::string::npos);
+}
+
+// The live path on this machine's kernel: an interface that is not radiotap is refused,
+// and a kernel without nl80211 only costs the associations.
+TEST_F(PcapTest, LiveRadioOnAWiredInterfaceIsRefusedAndNl80211FailuresAreNamed)
+{
+    EXPECT_LT(open("wlan4", "", false, 1, "lo"), 0);
+    std::string log = rt_read_file(s.path("log"));
+    if (log.find("pcap: wlan4: cannot capture on lo") != std::string::npos)
+        GTEST_SKIP() << "no capture rights here: " << log;
+    EXPECT_NE(log.find("pcap: wlan4: lo has link type EN10MB (1), not radiotap"), std::string::npos) << log;
+
+    qz_nl80211 n;
+    std::string err;
+    if (!qz_nl_open(n, err)) {
+        EXPECT_NE(log.find("pcap: wlan4: associated stations unknown: " + err), std::string::npos) << log;
+        return; // no wireless support in this kernel: nothing more to ask it
+    }
+    std::vector<qz_nl_mac> stas{qz_nl_mac{}};
+    uint32_t freq = 1;
+    EXPECT_FALSE(qz_nl_associated(n, if_nametoindex("lo"), stas, freq, err)) << "not a wireless interface";
+    EXPECT_FALSE(err.empty());
+    EXPECT_TRUE(stas.empty());
+    EXPECT_EQ(freq, 0u);
 }

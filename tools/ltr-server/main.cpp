@@ -1,5 +1,6 @@
-// ltr-server: a reference location server. Accepts access points, answers their
-// keep-alive, sends tracking requests on command and prints what comes back.
+// ltr-server: a reference location server. Accepts access points (over TCP, or TLS
+// with their certificates checked), answers their keep-alive, sends tracking
+// requests on command and prints what comes back.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netdb.h>
@@ -18,8 +19,16 @@
 #include <vector>
 
 #include "srv_cmd.h"
+#include "srv_http.h"
+#include "srv_json.h"
+#include "srv_mqtt.h"
 #include "srv_print.h"
+#include "srv_site.h"
+#include "srv_store.h"
+#include "srv_tls.h"
 #include "srv_wire.h"
+
+#include <openssl/ssl.h>
 
 using namespace lsrv;
 
@@ -27,6 +36,16 @@ namespace {
 
 volatile sig_atomic_t g_signalled = 0;
 void on_signal(int) { g_signalled = 1; }
+
+double now_s()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+double unix_now()
+{
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
 
 int64_t now_ms()
 {
@@ -50,6 +69,8 @@ struct fd_owner {
 struct ap_conn {
     ap_ident id;
     fd_owner sock;
+    tls_conn tls; // unused over plain TCP; goes before the socket closes
+    bool tls_seen = false; // handshake done and the certificate looked at
     bytes in, out;
     size_t out_off = 0;
     std::set<uint32_t> pending; // msg_ids sent and not yet answered
@@ -59,6 +80,13 @@ struct ap_conn {
 
 struct server {
     bool json = false;
+    SSL_CTX *tls_ctx = nullptr; // null: plain TCP
+    bool quiet = false;            // no line per message
+    site where;
+    store st;
+    std::unique_ptr<http_server, void (*)(http_server *)> http{nullptr, nullptr};
+    mqtt_ptr mqtt{nullptr, nullptr};
+    double last_tick = 0, last_stats = 0;
     fd_owner listen_sock;
     std::vector<std::unique_ptr<ap_conn>> aps;
     unsigned next_ap = 1;
@@ -101,6 +129,101 @@ struct server {
         return n;
     }
 
+    // Changed stations go to the page and the broker at most every flush_s: a busy
+    // station costs one JSON text per flush, not one per report.
+    static constexpr double flush_s = 0.2;
+    std::set<mac_addr> dirty;
+    double last_flush = 0;
+
+    void publish(const std::vector<st_event> &ev)
+    {
+        if (!http && !mqtt)
+            return;
+        for (const st_event &e : ev) {
+            std::string mac = mac_str(e.mac.data());
+            if (e.kind == ST_FORGET) {
+                dirty.erase(e.mac);
+                if (http)
+                    http_drop_station(*http, mac);
+                continue;
+            }
+            if (e.kind == ST_MOVE) {
+                dirty.insert(e.mac);
+                continue;
+            }
+            // Whoever acts on the event finds the state already saying so.
+            send_state(e.mac, now_s(), unix_now());
+            dirty.erase(e.mac);
+            if (mqtt)
+                mqtt_event(*mqtt, e.kind == ST_ENTER ? "enter" : "leave", mac, unix_now());
+        }
+    }
+
+    void send_state(const mac_addr &m, double now, double unix_t)
+    {
+        auto it = st.stations.find(m);
+        if (it == st.stations.end())
+            return;
+        std::string mac = mac_str(m.data());
+        std::string j = station_json(st, it->second, now, unix_t).dump();
+        if (http)
+            http_set_station(*http, mac, j);
+        if (mqtt)
+            mqtt_station(*mqtt, mac, j, it->second.present);
+    }
+
+    void flush(double now)
+    {
+        last_flush = now;
+        double unix_t = unix_now();
+        for (const mac_addr &m : dirty)
+            send_state(m, now, unix_t);
+        dirty.clear();
+    }
+
+    void publish_stats(double now)
+    {
+        last_stats = now;
+        size_t present = 0;
+        for (const auto &[m, s] : st.stations)
+            present += s.present;
+        nlohmann::json j = {{"reports", st.counts.reports},
+                            {"station_updates", st.counts.station_updates},
+                            {"solves", st.counts.solves},
+                            {"stations", st.stations.size()},
+                            {"present", present},
+                            {"aps_connected", hello_count()}};
+        http_set_stats(*http, j.dump());
+    }
+
+    // Twice a second: expiry, the access point list, a reconnected broker; and the
+    // flush of changed stations.
+    void tick()
+    {
+        double now = now_s();
+        if (!dirty.empty() && now - last_flush >= flush_s)
+            flush(now);
+        if (now - last_tick < 0.5)
+            return;
+        last_tick = now;
+        std::vector<st_event> ev;
+        store_expire(st, now, ev);
+        publish(ev);
+        if (http) {
+            std::vector<ap_ident> conn;
+            for (const auto &a : aps)
+                if (a->id.hello && !a->closing)
+                    conn.push_back(a->id);
+            http_set_aps(*http, aps_json(st, conn).dump());
+            publish_stats(now);
+        }
+        if (mqtt && mqtt_take_connected(*mqtt)) {
+            double unix_t = unix_now();
+            for (const auto &[m, s] : st.stations)
+                mqtt_station(*mqtt, mac_str(m.data()), station_json(st, s, now, unix_t).dump(), s.present);
+        }
+    }
+
     void accept_one()
     {
         sockaddr_storage ss{};
@@ -116,7 +239,32 @@ struct server {
                         NI_NUMERICHOST | NI_NUMERICSERV) == 0)
             a->id.peer = std::string(host) + ":" + serv;
         out(show_conn(a->id, "connect", "", json));
+        if (tls_ctx && !tls_start(a->tls, tls_ctx, fd))
+            drop(*a, a->tls.error);
         aps.push_back(std::move(a));
+    }
+
+    ssize_t conn_read(ap_conn &a, void *buf, size_t len)
+    {
+        if (!tls_ctx)
+            return recv(a.sock.fd, buf, len, 0);
+        ssize_t n = tls_read(a.tls, buf, len);
+        if (!a.tls_seen && tls_ready(a.tls)) {
+            a.tls_seen = true;
+            a.id.cert = tls_peer_cn(a.tls);
+        }
+        return n;
+    }
+
+    ssize_t conn_write(ap_conn &a, const void *buf, size_t len)
+    {
+        return tls_ctx ? tls_write(a.tls, buf, len) : send(a.sock.fd, buf, len, MSG_NOSIGNAL);
+    }
+
+    // Why the connection failed: TLS names its own reason.
+    std::string io_error(const ap_conn &a) const
+    {
+        return tls_ctx && !a.tls.error.empty() ? a.tls.error : strerror(errno);
     }
 
     void on_frame(ap_conn &a, const frame &f)
@@ -137,6 +285,7 @@ struct server {
                 a.id.name = h.name;
                 a.id.mac = h.mac;
                 a.id.ip = h.ip;
+                store_hello(st, h.mac, h.ip, h.name);
                 out(show_conn(a.id, "hello", "", json));
             }
             break;
@@ -145,7 +294,16 @@ struct server {
             decoded d = decode_reply(f.payload);
             if (d.error.empty())
                 a.pending.erase(d.msg_id);
-            out(show_message(a.id, f.payload, d, json));
+            if (!quiet || !d.error.empty())
+                out(show_message(a.id, f.payload, d, json));
+            if (d.error.empty() && d.op == OP_RSSI_REPORT) {
+                std::vector<st_event> ev;
+                double now = now_s();
+                store_report(st, a.id.name, a.id.mac, d.stations, now, ev);
+                publish(ev);
+                if (http && now - last_stats >= 0.1)
+                    publish_stats(now);
+            }
             break;
         }
         case FR_PING:
@@ -158,18 +316,27 @@ struct server {
         }
     }
 
+    // Reads what arrived: one recv over TCP; over TLS until nothing is left
+    // decoded, as no poll would tell of it.
     void read_ap(ap_conn &a)
     {
+        while (read_once(a) && tls_ctx && !a.closing) {
+        }
+    }
+
+    // False when nothing was read.
+    bool read_once(ap_conn &a)
+    {
         uint8_t buf[16384];
-        ssize_t n = recv(a.sock.fd, buf, sizeof buf, 0);
+        ssize_t n = conn_read(a, buf, sizeof buf);
         if (n == 0) {
             drop(a, a.in.empty() ? "closed by the AP" : "closed inside a frame");
-            return;
+            return false;
         }
         if (n < 0) {
             if (errno != EAGAIN && errno != EINTR)
-                drop(a, strerror(errno));
-            return;
+                drop(a, io_error(a));
+            return false;
         }
         a.in.insert(a.in.end(), buf, buf + n);
         size_t used = 0;
@@ -187,14 +354,15 @@ struct server {
             used += f.used;
         }
         a.in.erase(a.in.begin(), a.in.begin() + std::ptrdiff_t(std::min(used, a.in.size())));
+        return true;
     }
 
     void write_ap(ap_conn &a)
     {
-        ssize_t n = send(a.sock.fd, a.out.data() + a.out_off, a.out.size() - a.out_off, MSG_NOSIGNAL);
+        ssize_t n = conn_write(a, a.out.data() + a.out_off, a.out.size() - a.out_off);
         if (n < 0) {
             if (errno != EAGAIN && errno != EINTR)
-                drop(a, strerror(errno));
+                drop(a, io_error(a));
             return;
         }
         a.out_off += size_t(n);
@@ -296,9 +464,22 @@ bool open_listener(server &s, const std::string &addr)
 void usage(FILE *f)
 {
     fprintf(f,
-            "usage: ltr-server [--listen HOST:PORT] [--json] [--duration SECONDS] [COMMAND...]\n"
+            "usage: ltr-server [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE [--tls-ca FILE]]\n"
+            "                  [--json] [--duration SECONDS] [--site FILE] [--http HOST:PORT]\n"
+            "                  [--mqtt HOST:PORT] [--quiet] [COMMAND...]\n"
             "  --listen HOST:PORT   where access points connect (default 127.0.0.1:7420)\n"
+            "  --tls-cert FILE      speak TLS with this certificate (PEM, chain after it)\n"
+            "  --tls-key FILE       and this private key (PEM)\n"
+            "  --tls-ca FILE        require client certificates signed by this CA (PEM)\n"
             "  --json               one JSON object per line instead of text\n"
+            "  --quiet              no line per received message (malformed ones still)\n"
+            "  --site FILE          where the access points stand: the [[ap]] tables of a\n"
+            "                       world file (name, position, mac, ip, floor)\n"
+            "  --timeout SECONDS    a station unheard this long has left (default 30)\n"
+            "  --http HOST:PORT     serve the live map and the JSON API there\n"
+            "  --mqtt HOST:PORT     publish station states and events to that broker\n"
+            "  --mqtt-prefix TEXT   first topic level (default ltr)\n"
+            "  --mqtt-id TEXT       this server's name towards the broker (default: host name)\n"
             "  --duration SECONDS   exit after this long; keep serving after the last\n"
             "                       command until then (0: until interrupted)\n"
             "Each COMMAND argument is one command line; without any, commands are read\n"
@@ -311,8 +492,12 @@ void usage(FILE *f)
 // What the command line asked for.
 struct options {
     std::string listen_addr = "127.0.0.1:7420";
+    std::string tls_cert, tls_key, tls_ca;
     double duration = -1; // seconds; negative: until the last command
     bool json = false;
+    bool quiet = false;
+    std::string site_file, http_addr, mqtt_addr, mqtt_prefix = "ltr", mqtt_id;
+    double timeout = 30;
     std::deque<std::string> cmds;
 };
 
@@ -330,8 +515,38 @@ int parse_options(int argc, char **argv, options &o)
         };
         if (a == "--listen" || a == "-l") {
             o.listen_addr = value("--listen");
+        } else if (a == "--tls-cert") {
+            o.tls_cert = value("--tls-cert");
+        } else if (a == "--tls-key") {
+            o.tls_key = value("--tls-key");
+        } else if (a == "--tls-ca") {
+            o.tls_ca = value("--tls-ca");
         } else if (a == "--json") {
             o.json = true;
+        } else if (a == "--quiet" || a == "-q") {
+            o.quiet = true;
+        } else if (a == "--site") {
+            o.site_file = value("--site");
+        } else if (a == "--http") {
+            o.http_addr = value("--http");
+        } else if (a == "--mqtt") {
+            o.mqtt_addr = value("--mqtt");
+        } else if (a == "--mqtt-prefix") {
+            o.mqtt_prefix = value("--mqtt-prefix");
+            if (o.mqtt_prefix.empty() || o.mqtt_prefix.find_first_of("#+") != std::string::npos) {
+                fprintf(stderr, "ltr-server: --mqtt-prefix must be a topic without wildcards\n");
+                return 2;
+            }
+        } else if (a == "--mqtt-id") {
+            o.mqtt_id = value("--mqtt-id");
+        } else if (a == "--timeout") {
+            char *end = nullptr;
+            const char *v = value("--timeout");
+            o.timeout = strtod(v, &end);
+            if (!end || *end || !(o.timeout > 0)) {
+                fprintf(stderr, "ltr-server: --timeout wants seconds > 0, got \"%s\"\n", v);
+                return 2;
+            }
         } else if (a == "--duration" || a == "-d") {
             char *end = nullptr;
             const char *v = value("--duration");
@@ -353,6 +568,10 @@ int parse_options(int argc, char **argv, options &o)
         } else {
             o.cmds.push_back(a);
         }
+    }
+    if (o.tls_cert.empty() != o.tls_key.empty() || (!o.tls_ca.empty() && o.tls_cert.empty())) {
+        fprintf(stderr, "ltr-server: --tls-cert and --tls-key go together, and --tls-ca needs them\n");
+        return 2;
     }
     return -1;
 }
@@ -446,8 +665,10 @@ bool serve_once(server &s, script &sc, int64_t end)
     bool want_stdin = !sc.input_done && sc.waiting == CMD_NONE && sc.cmds.empty();
     pf.push_back({want_stdin ? 0 : -1, POLLIN, 0});
     for (const auto &a : s.aps)
-        pf.push_back({a->sock.fd, short(POLLIN | (a->out_off < a->out.size() ? POLLOUT : 0)), 0});
-    int64_t timeout = 1000;
+        pf.push_back({a->sock.fd,
+                      short(POLLIN | (a->out_off < a->out.size() || a->tls.wants_write ? POLLOUT : 0)),
+                      0});
+    int64_t timeout = s.dirty.empty() ? 500 : int64_t(server::flush_s * 1000);
     if (sc.waiting != CMD_NONE)
         timeout = std::min(timeout, std::max<int64_t>(0, sc.wait_until - now_ms()));
     if (end >= 0)
@@ -467,7 +688,8 @@ bool serve_once(server &s, script &sc, int64_t end)
     for (size_t i = 0; i < n_aps; ++i) {
         ap_conn &a = *s.aps[i];
         short re = pf[2 + i].revents;
-        if (re & (POLLIN | POLLHUP | POLLERR))
+        // Under TLS any readiness may let the handshake or a read go on.
+        if ((re & (POLLIN | POLLHUP | POLLERR)) || (s.tls_ctx && re))
             s.read_ap(a);
         if (!a.closing && (re & POLLOUT))
             s.write_ap(a);
@@ -496,6 +718,17 @@ int main(int argc, char **argv)
         return rc;
     server s;
     s.json = o.json;
+    s.quiet = o.quiet;
+    if (!o.site_file.empty()) {
+        std::string err;
+        if (!site_load(o.site_file, s.where, err)) {
+            fprintf(stderr, "ltr-server: --site %s\n", err.c_str());
+            return 2;
+        }
+        s.st.where = &s.where;
+        s.st.params = s.where.model;
+    }
+    s.st.params.timeout_s = o.timeout;
     script sc;
     sc.input_done = !o.cmds.empty(); // commands given: standard input is not read
     sc.cmds = std::move(o.cmds);
@@ -506,10 +739,40 @@ int main(int argc, char **argv)
     sigaction(SIGTERM, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
+    std::string err;
+    if (!o.tls_cert.empty() && !(s.tls_ctx = tls_context(o.tls_cert, o.tls_key, o.tls_ca, err))) {
+        fprintf(stderr, "ltr-server: %s\n", err.c_str());
+        return 2;
+    }
+    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX *)> ctx_guard(s.tls_ctx, SSL_CTX_free);
     if (!open_listener(s, o.listen_addr))
         return 2;
     if (!s.json)
-        s.out("listening on " + o.listen_addr + "\n");
+        s.out("listening on " + o.listen_addr +
+              (!s.tls_ctx ? "" : o.tls_ca.empty() ? " (TLS)" : " (TLS, client certificates required)") + "\n");
+    if (!o.http_addr.empty()) {
+        std::string err;
+        s.http = http_start(o.http_addr, err);
+        if (!s.http) {
+            fprintf(stderr, "ltr-server: %s\n", err.c_str());
+            return 2;
+        }
+        if (!s.json)
+            s.out("map on http://" + o.http_addr + "/\n");
+    }
+    if (!o.mqtt_addr.empty()) {
+        if (o.mqtt_id.empty()) {
+            char host[256] = "ltr-server";
+            gethostname(host, sizeof host - 1);
+            o.mqtt_id = host;
+        }
+        std::string err;
+        s.mqtt = mqtt_start(o.mqtt_addr, o.mqtt_prefix, o.mqtt_id, err);
+        if (!s.mqtt) {
+            fprintf(stderr, "ltr-server: %s\n", err.c_str());
+            return 2;
+        }
+    }
 
     const int64_t end = o.duration > 0 ? now_ms() + int64_t(o.duration * 1000) : -1;
     while (!g_signalled) {
@@ -523,6 +786,7 @@ int main(int argc, char **argv)
             break;
         if (!serve_once(s, sc, end))
             return 1;
+        s.tick();
     }
     flush_all(s);
     return s.failures ? 1 : 0;

@@ -1,8 +1,10 @@
 // Driver "pcap": stations heard in 802.11 frames with radiotap headers, read through
 // libpcap from a live monitor-mode interface or from a capture file (or FIFO) replayed
 // in capture time. One capture thread per radio fills the station window; the report
-// table only copies out of it under the radio's lock.
+// table only copies out of it under the radio's lock. On a live radio the same thread
+// refreshes, from nl80211, which stations are associated with the access point.
 #include <fcntl.h>
+#include <net/if.h>
 #include <pcap/pcap.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -12,44 +14,33 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "drv_pcap.h"
 #include "drv_track.h"
-#include "radiotap.h"
+#include "nl80211_sock.h"
+#include "radio_frames.h"
 #include "rt_counter.h"
 #include "rt_log.h"
 #include "rt_process.h"
-#include "station_window.h"
 
 namespace {
 
 constexpr uint32_t k_window_stations = 1024; // stations kept per radio between fetches
-constexpr size_t k_max_known = 4096;        // access points / associations remembered
 constexpr int k_snaplen = 256;               // radiotap + the 802.11 header, with room
 constexpr int k_live_timeout_ms = 200;       // how often a live capture checks for close
+// Associations change at human pace; the owner service may ask per station per cycle.
+constexpr auto k_assoc_refresh = std::chrono::seconds(1);
 // What the driver reads: management, data and the control frames that name a sender.
 constexpr const char *k_live_filter =
     "type mgt or type data or (type ctl and not (subtype cts or subtype ack))";
 
 using clk = std::chrono::steady_clock;
-
-uint64_t mac_key(const uint8_t *m)
-{
-    uint64_t k = 0;
-    for (int i = 0; i < 6; i++)
-        k = k << 8 | m[i];
-    return k;
-}
-
-struct pcap_counters {
-    std::atomic<uint64_t> *read, *kept, *no_signal, *bad_fcs, *malformed, *not_station,
-        *kernel_drop, *local_ignored, *evicted;
-};
 
 struct pcap_radio {
     std::string name;
@@ -60,17 +51,16 @@ struct pcap_radio {
     pcap_t *h = nullptr;
     pthread_t thread{};
     bool started = false;
+    std::unique_ptr<qz_nl80211> nl; // live: the association look-up, owned by the capture thread
+    bool nl_failing = false;        // its failure is logged once, until it works again
 
     std::mutex mu;           // everything below
     std::condition_variable wake; // close while the replay waits
     bool quit = false;
     bool done = false;       // the capture ended (file without loop, or an error)
     drv_track trk;
-    qz_station_window win;
-    std::unordered_set<uint64_t> aps;
-    std::unordered_map<uint64_t, uint16_t> assoc; // file mode: station -> channel
-    std::vector<lta_rpt_entry> fetched;           // fetch buffer, sized once
-    pcap_counters cnt{};
+    qz_pcap_frames st;                  // what the frames built up
+    std::vector<lta_rpt_entry> fetched; // fetch buffer, sized once
 };
 
 pcap_radio *priv(rt_radio *r) { return static_cast<pcap_radio *>(r->priv); }
@@ -82,61 +72,11 @@ std::atomic<uint64_t> &counter(const std::string &radio, const char *what)
 
 void counters_init(pcap_radio &p)
 {
-    p.cnt = {&counter(p.name, "frames_read"), &counter(p.name, "kept"),
-             &counter(p.name, "no_signal"),  &counter(p.name, "bad_fcs"),
-             &counter(p.name, "malformed"),  &counter(p.name, "not_station"),
-             &counter(p.name, "kernel_drops"), &counter(p.name, "local_ignored"),
-             &counter(p.name, "evicted")};
-}
-
-// One captured frame into the window (radio lock held).
-void take_frame(pcap_radio &p, std::span<const uint8_t> bytes)
-{
-    qz_rt_frame f;
-    qz_rt_parse(bytes, f);
-    ++*p.cnt.read;
-    if (f.has_ta && f.ap_sent && !qz_rt_is_group(f.ta) && f.verdict != QZ_RT_MALFORMED &&
-        f.verdict != QZ_RT_BAD_FCS) {
-        uint64_t k = mac_key(f.ta);
-        if (!p.aps.count(k) && p.aps.size() < k_max_known) {
-            p.aps.insert(k);
-            qz_sw_forget(p.win, f.ta); // heard as a client before it was seen as an AP
-            p.assoc.erase(k);
-        }
-    }
-    if (!p.live && f.has_assoc && f.verdict != QZ_RT_MALFORMED && f.verdict != QZ_RT_BAD_FCS &&
-        f.freq) {
-        uint64_t k = mac_key(f.assoc_sta);
-        if (!p.aps.count(k) && (p.assoc.count(k) || p.assoc.size() < k_max_known))
-            p.assoc[k] = f.freq;
-    }
-    switch (f.verdict) {
-    case QZ_RT_KEPT:
-        break;
-    case QZ_RT_NO_SIGNAL:
-        ++*p.cnt.no_signal;
-        return;
-    case QZ_RT_BAD_FCS:
-        ++*p.cnt.bad_fcs;
-        return;
-    case QZ_RT_MALFORMED:
-        ++*p.cnt.malformed;
-        return;
-    default:
-        ++*p.cnt.not_station;
-        return;
-    }
-    if (p.aps.count(mac_key(f.ta))) {
-        ++*p.cnt.not_station;
-        return;
-    }
-    const uint64_t local = p.win.cnt.local_ignored, evicted = p.win.cnt.evicted;
-    qz_sw_add(p.win, f.ta, f.dbm, f.freq);
-    if (p.win.cnt.local_ignored != local)
-        ++*p.cnt.local_ignored;
-    else
-        ++*p.cnt.kept;
-    *p.cnt.evicted += p.win.cnt.evicted - evicted;
+    p.st.cnt = {&counter(p.name, "frames_read"), &counter(p.name, "kept"),
+                &counter(p.name, "no_signal"),  &counter(p.name, "bad_fcs"),
+                &counter(p.name, "malformed"),  &counter(p.name, "not_station"),
+                &counter(p.name, "kernel_drops"), &counter(p.name, "local_ignored"),
+                &counter(p.name, "evicted"), &counter(p.name, "associated")};
 }
 
 // Waits until the wall-clock moment of a frame; false when the radio closes meanwhile.
@@ -175,7 +115,7 @@ void replay(pcap_radio &p)
             std::lock_guard l(p.mu);
             if (p.quit)
                 return;
-            take_frame(p, {data, hdr->caplen});
+            qz_pcap_take(p.st, {data, hdr->caplen});
         }
         if (rc == PCAP_ERROR && !quitting(p))
             rt_log(LOG_ERR, "pcap: %s: %s: %s", p.name.c_str(), p.source.c_str(), pcap_geterr(p.h));
@@ -197,12 +137,43 @@ void on_live_frame(u_char *arg, const pcap_pkthdr *hdr, const u_char *data)
 {
     auto &p = *reinterpret_cast<pcap_radio *>(arg);
     std::lock_guard l(p.mu);
-    take_frame(p, {data, hdr->caplen});
+    qz_pcap_take(p.st, {data, hdr->caplen});
+}
+
+// Live: the access point interface's associations, asked outside the radio's lock and
+// swapped in under it. When the kernel cannot tell, nobody counts as associated.
+void refresh_assoc(pcap_radio &p)
+{
+    std::vector<qz_nl_mac> stas;
+    uint32_t freq = 0;
+    std::string err;
+    bool ok = false;
+    if (unsigned ifindex = if_nametoindex(p.name.c_str()); !ifindex)
+        err = "no such interface";
+    else
+        ok = qz_nl_associated(*p.nl, ifindex, stas, freq, err);
+    std::unordered_map<uint64_t, uint16_t> fresh;
+    for (const qz_nl_mac &m : stas)
+        if (fresh.size() < QZ_PCAP_MAX_KNOWN)
+            fresh[qz_pcap_mac_key(m.data())] = uint16_t(freq);
+    if (!ok && !p.nl_failing)
+        rt_log(LOG_WARNING, "pcap: %s: associated stations unknown: %s", p.name.c_str(), err.c_str());
+    else if (ok && p.nl_failing)
+        rt_log(LOG_INFO, "pcap: %s: associated stations known again", p.name.c_str());
+    p.nl_failing = !ok;
+    *p.st.cnt.associated = fresh.size();
+    std::lock_guard l(p.mu);
+    p.st.assoc.swap(fresh);
 }
 
 void live(pcap_radio &p)
 {
+    clk::time_point next_assoc{};
     while (!quitting(p)) {
+        if (p.nl && clk::now() >= next_assoc) {
+            refresh_assoc(p);
+            next_assoc = clk::now() + k_assoc_refresh;
+        }
         int rc = pcap_dispatch(p.h, -1, on_live_frame, reinterpret_cast<u_char *>(&p));
         if (rc == PCAP_ERROR) {
             rt_log(LOG_ERR, "pcap: %s: %s: %s", p.name.c_str(), p.source.c_str(), pcap_geterr(p.h));
@@ -210,7 +181,7 @@ void live(pcap_radio &p)
         }
         pcap_stat ps;
         if (pcap_stats(p.h, &ps) == 0)
-            *p.cnt.kernel_drop = uint64_t(ps.ps_drop) + ps.ps_ifdrop;
+            *p.st.cnt.kernel_drop = uint64_t(ps.ps_drop) + ps.ps_ifdrop;
     }
 }
 
@@ -317,13 +288,22 @@ int pcap_open_radio(rt_radio *r)
                p->name.c_str());
         return -1;
     }
-    p->live = !p->conf.monitor.empty();
+    p->live = p->st.live = !p->conf.monitor.empty();
     p->source = p->live ? p->conf.monitor : p->conf.capture;
     p->fifo = !p->live && is_fifo(p->source);
     if (p->fifo)
         p->conf.loop = false; // a FIFO cannot be read twice
     counters_init(*p);
-    qz_sw_init(p->win, k_window_stations, p->conf.ignore_local);
+    qz_sw_init(p->st.win, k_window_stations, p->conf.ignore_local);
+    if (p->live) {
+        // Without nl80211 the capture still runs; only the associations are missing.
+        std::string err;
+        p->nl = std::make_unique<qz_nl80211>();
+        if (!qz_nl_open(*p->nl, err)) {
+            rt_log(LOG_WARNING, "pcap: %s: associated stations unknown: %s", p->name.c_str(), err.c_str());
+            p->nl.reset();
+        }
+    }
     p->fetched.resize(k_window_stations);
     if (!(p->h = open_source(*p)))
         return -1;
@@ -386,7 +366,7 @@ int pcap_get_rpt_tbl(rt_radio *r, lta_rpt_entry *buf, int *count)
     pcap_radio &p = *priv(r);
     std::lock_guard l(p.mu);
     // The window ends at every fetch, tracking on or off: no stale readings later.
-    uint32_t n = qz_sw_fetch(p.win, p.fetched);
+    uint32_t n = qz_sw_fetch(p.st.win, p.fetched);
     std::vector<drv_heard> heard(n);
     for (uint32_t i = 0; i < n; i++) {
         const lta_rpt_entry &e = p.fetched[i];
@@ -405,8 +385,8 @@ int pcap_get_one_sta(rt_radio *r, const uint8_t *mac, void *buf, int buflen, int
         return -1;
     pcap_radio &p = *priv(r);
     std::lock_guard l(p.mu);
-    auto it = p.assoc.find(mac_key(mac));
-    if (it == p.assoc.end())
+    auto it = p.st.assoc.find(qz_pcap_mac_key(mac));
+    if (it == p.st.assoc.end())
         return -1;
     return drv_one_sta(buf, buflen, mac, it->second, len);
 }

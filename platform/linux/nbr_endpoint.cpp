@@ -28,6 +28,7 @@
 #include "rt_life.h"
 #include "rt_log.h"
 #include "rt_loop.h"
+#include "rt_process.h"
 
 namespace {
 

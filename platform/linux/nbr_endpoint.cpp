@@ -25,6 +25,7 @@
 #include "rt_counter.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_notify.h"
 #include "rt_stop.h"
 
 namespace {
@@ -77,6 +78,7 @@ static void nbr_drop(const char *reason, uint32_t src, size_t len)
 
 static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_t src)
 {
+    rt_log_about about("PEER", src);
     const auto &peers = ep->params.peers;
     if (!peers.empty() && std::find(peers.begin(), peers.end(), src) == peers.end()) {
         nbr_drop("foreign", src, len);
@@ -104,6 +106,7 @@ static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_
     rt_counter("nbr.rx")++;
     // A copy of exactly the payload: the receiver may write it and cannot read past it.
     std::vector<uint8_t> payload(buf + off, buf + off + plen);
+    rt_watched_call watched("neighbour receive");
     fn(src, payload.data(), static_cast<int>(plen));
 }
 

@@ -19,6 +19,7 @@
 #include "rt_event.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 #include "rt_stop.h"
 #include "srvchan.h"
@@ -99,10 +100,6 @@ void deliver(event_lib &l, delivery &d)
     int len = (int)d.data.size();
     if (d.kind == KIND_SEND) {
         std::vector<rt_event_tap_fn> taps;
-    // Radios up at open, delivered once the interface-change event has a subscriber:
-    // posted earlier they would reach nobody, and a restarted daemon would never
-    // re-apply its tracking list to radios that stay up across the restart.
-    std::vector<qz_if_change> link_dump;
         {
             std::lock_guard g(l.mu);
             taps = l.taps;
@@ -132,6 +129,7 @@ void *event_thread(void *)
     l.running = true;
     pollfd fds[4];
     std::atomic<uint64_t> &wakes = rt_counter("wake.event"); // loop turns, to spot ticking
+    int watchdog_ms = rt_watchdog_poll_ms();
     for (;;) {
         wakes++;
         while (!l.queue.empty() && !l.quit && !rt_stopping()) {
@@ -142,6 +140,7 @@ void *event_thread(void *)
             rt_counter("event_queue_bytes") = l.queue_bytes;
             lk.unlock();
             deliver(l, d);
+            rt_watchdog_kick(); // a queue that never empties must not starve it
             lk.lock();
         }
         if (l.quit || rt_stopping())
@@ -156,7 +155,10 @@ void *event_thread(void *)
         if (l.sock_fd >= 0)
             fds[n++] = {l.sock_fd, POLLIN, 0};
         lk.unlock();
-        int rc = poll(fds, n, -1);
+        // Each turn tells a service manager's watchdog that this thread still runs
+        // the daemon's events; with one, the poll wakes twice per period to say so.
+        rt_watchdog_kick();
+        int rc = poll(fds, n, watchdog_ms);
         if (rc > 0) {
             if (fds[0].revents) {
                 eventfd_t v;

@@ -16,6 +16,7 @@ set(expected
 set(executables sbin/ltrd bin/ltrctl bin/ltr-server)
 
 set(failures "")
+find_program(ANALYZE systemd-analyze)
 macro(fail msg)
   string(APPEND failures "  ${msg}\n")
 endmacro()
@@ -52,6 +53,20 @@ macro(check_tree label root prefix)
     file(STRINGS "${root}/lib/systemd/system/ltrd.service" env REGEX "^Environment=")
     if(NOT env STREQUAL "Environment=QZ_PLATFORM_CONFIG=/etc/qz/platform.toml")
       fail("${label}: unit does not name /etc/qz/platform.toml: \"${env}\"")
+    endif()
+    file(STRINGS "${root}/lib/systemd/system/ltrd.service" type REGEX "^Type=")
+    if(NOT type STREQUAL "Type=notify")
+      fail("${label}: unit says \"${type}\": the daemon tells systemd when it serves")
+    endif()
+    # The unit's sandbox: systemd's own rating of it, 3.0 at most ("OK").
+    if(ANALYZE)
+      execute_process(COMMAND ${ANALYZE} security --offline=true --threshold=30
+                              "${root}/lib/systemd/system/ltrd.service"
+                      RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+      if(NOT rc EQUAL 0)
+        string(REGEX MATCH "Overall exposure level[^\n]*" level "${out}")
+        fail("${label}: unit exposure above 3.0: ${level}${err}")
+      endif()
     endif()
   endif()
 endmacro()

@@ -36,7 +36,9 @@ def main():
                WATCHDOG_USEC="400000")
     env.pop("WATCHDOG_PID", None)
     cli = os.path.join(tmp, "run", "cli.sock")
-    proc = subprocess.Popen([ltrd], env=env)
+    # LTRD_WRAP: a command that runs ltrd under restrictions (a sandbox of the unit's).
+    wrap = os.environ.get("LTRD_WRAP", "").split()
+    proc = subprocess.Popen(wrap + [ltrd], env=env)
     failures = []
 
     def ctl(*args):

@@ -7,6 +7,7 @@
 #include "rt_process.h"
 #include "rt_stop.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -17,7 +18,6 @@
 #include <sys/stat.h>
 #include <syslog.h>
 #include <time.h>
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -67,8 +67,8 @@ void open_sinks_locked(const rt_config &c)
 #ifdef LTR_HAVE_SYSTEMD
         g_journal = rt_journal_present();
 #endif
-        if (!g_journal)
-            openlog(g_syslog_ident.c_str(), LOG_PID | LOG_NDELAY, LOG_DAEMON);
+        // Opened with the journal too: a line the journal refuses still goes here.
+        openlog(g_syslog_ident.c_str(), LOG_PID | LOG_NDELAY, LOG_DAEMON);
     }
 }
 

@@ -10,7 +10,6 @@
 #include <syslog.h>
 #include <time.h>
 
-#include <algorithm>
 #include <atomic>
 #include <mutex>
 
@@ -109,15 +108,8 @@ int64_t rt_watchdog_period_ms()
     return 0;
 }
 
-int rt_watchdog_poll_ms()
+bool rt_watchdog_kick(int64_t period)
 {
-    int64_t p = rt_watchdog_period_ms();
-    return p > 0 ? (int)std::max<int64_t>(p / 2, 1) : -1;
-}
-
-bool rt_watchdog_kick()
-{
-    int64_t period = rt_watchdog_period_ms();
     if (period <= 0)
         return false;
     int64_t now = now_ms();

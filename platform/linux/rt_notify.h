@@ -13,13 +13,12 @@ void rt_notify_status();
 std::string rt_notify_status_text();
 
 // Watchdog period asked for by the service manager (WATCHDOG_USEC), in ms; 0: none.
+// Read once by the event thread as it starts.
 int64_t rt_watchdog_period_ms();
-// The event thread's poll time-out: half the period, -1 (none) without a watchdog.
-int rt_watchdog_poll_ms();
-// Called by the event thread on every turn of its loop: WATCHDOG=1 at most every
-// half period, and never while a watched call has run for a whole period. Returns
-// whether it sent one.
-bool rt_watchdog_kick();
+// Called by the event thread on every turn of its loop with that period: WATCHDOG=1
+// at most every half period, and never while a watched call has run for a whole
+// period. Returns whether it sent one.
+bool rt_watchdog_kick(int64_t period_ms);
 
 // Marks a call from a runtime thread into the daemon (timer expiry, CLI command,
 // neighbour delivery): one stuck past the watchdog period, on the manager lock say,

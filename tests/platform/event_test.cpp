@@ -362,6 +362,8 @@ TEST_F(Event, WithoutAServiceManagerTheEventThreadSleeps)
     EXPECT_EQ(rt_watchdog_period_ms(), 0);
     unsetenv("WATCHDOG_USEC");
     rt_notify_ready(); // harmless
+    rt_event_post(164, "x", 1);
+    ASSERT_TRUE(wait_seen(1)); // the thread has started and settled in its loop
     uint64_t before = rt_counter("wake.event");
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(rt_counter("wake.event"), before);

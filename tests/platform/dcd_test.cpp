@@ -116,6 +116,7 @@ TEST_F(Dcd, RadiosHearWhatTheirLastTwoTablesHeldAndResolveFromTheTable)
     ASSERT_EQ(fetch(), 0);
     EXPECT_FALSE(rt_radio_hears(h.mac.data())) << "tracking off: the table is empty";
     ASSERT_EQ(qz_dcd_set_lta_track_enable(lo, 1), 0);
+    ASSERT_EQ(qz_dcd_set_lta_lmatch_enable(lo, 0), 0);
     ASSERT_EQ(fetch(), 0);
     EXPECT_TRUE(rt_radio_hears(h.mac.data()));
     sim_forget(radio.get(), h.mac);

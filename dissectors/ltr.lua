@@ -60,6 +60,7 @@ f.ap_mac = ProtoField.ether("ltr.ap_mac", "Reporting AP MAC")
 f.freq = ProtoField.uint16("ltr.freq", "Channel frequency (MHz)", base.DEC)
 f.rssi = ProtoField.int8("ltr.rssi", "RSSI (dBm)", base.DEC)
 f.ack_code = ProtoField.uint8("ltr.ack_code", "Ack code", base.DEC, ack_codes)
+f.station = ProtoField.ether("ltr.station", "Station of this reading")
 
 local e_frame = ProtoExpert.new("ltr.bad_frame", "Bad frame",
                                 expert.group.MALFORMED, expert.severity.ERROR)
@@ -73,8 +74,10 @@ ltr.prefs.port = Pref.uint("Server TCP port", SERVER_PORT,
 
 -- TLVs follow the access point's walk: the next one starts `len` bytes after the head
 -- of the one before (even when that overlaps), tlv_num of them, never past `stop`.
-local function dissect_tlvs(tvb, tree, pos, stop, count, pinfo)
+-- In a report each reading belongs to the one-address MAC list before it.
+local function dissect_tlvs(tvb, tree, pos, stop, count, report)
     local first = pos
+    local station = nil
     for i = 1, count do
         if pos + 4 > stop then
             tree:add_proto_expert_info(e_msg, string.format(
@@ -116,6 +119,7 @@ local function dissect_tlvs(tvb, tree, pos, stop, count, pinfo)
             else
                 for k = 0, n - 1 do sub:add(f.mac, tvb(pos + 5 + 6 * k, 6)) end
             end
+            station = (n == 1) and tvb(pos + 5, 6) or nil
         elseif t == 5 then
             local n = tvb(pos + 4, 1):uint()
             sub:add(f.oui_count, tvb(pos + 4, 1))
@@ -124,6 +128,9 @@ local function dissect_tlvs(tvb, tree, pos, stop, count, pinfo)
             sub:add(f.ap_mac, tvb(pos + 4, 6))
             sub:add(f.freq, tvb(pos + 10, 2))
             sub:add(f.rssi, tvb(pos + 12, 1))
+            if report and station then
+                sub:add(f.station, station):set_generated()
+            end
         elseif t == 7 then
             sub:add(f.ack_code, tvb(pos + 4, 1))
         else
@@ -187,7 +194,7 @@ local function dissect_message(tvb, tree, pinfo)
             "len %d: the message holds %d bytes from the opcode", len, n - o - 4))
         return info
     end
-    dissect_tlvs(tvb, tree, head, stop, tvb(o + 8, 2):uint(), pinfo)
+    dissect_tlvs(tvb, tree, head, stop, tvb(o + 8, 2):uint(), op == 5 and not req)
     if stop < n then
         tree:add(f.trailing, tvb(stop, n - stop))
     end
@@ -200,7 +207,6 @@ local function dissect_frame(tvb, tree, pinfo)
     local sub = tree:add(ltr, tvb())
     sub:add(f.length, tvb(0, 4))
     sub:add(f.type, tvb(4, 1))
-    local body = tvb:len() > 5 and tvb(5):tvb() or nil
     local blen = tvb:len() - 5
     local info = frame_types[t] or ("type " .. t)
     if t == 1 then
@@ -214,8 +220,10 @@ local function dissect_frame(tvb, tree, pinfo)
             info = string.format("HELLO %s (%s, %s)", name, tostring(tvb(5, 6):ether()),
                                  tostring(tvb(11, 4):ipv4()))
         end
+    elseif t == 2 and blen == 0 then
+        sub:add_proto_expert_info(e_frame, "MESSAGE without a message")
     elseif t == 2 then
-        info = dissect_message(body or ByteArray.new():tvb("empty"), sub, pinfo)
+        info = dissect_message(tvb(5):tvb(), sub, pinfo)
     elseif t == 3 or t == 4 then
         if blen > 0 then sub:add(f.ping_data, tvb(5, blen)) end
     else

@@ -121,7 +121,7 @@ def dissect(cap, port):
                            if f.get("name") in ("ltr.bad_frame", "ltr.bad_message")]
                 tlvs = [tlv_of(t) for t in proto.findall("field[@name='ltr.tlv']")]
                 frames.append(dict(top, port=int(pf["tcp.srcport"][0]), tlvs=tlvs,
-                                   experts=experts))
+                                   experts=experts, stations=fields(proto)["ltr.station"]))
                 reassembled += bool(pf["tcp.reassembled.length"])
             elif name == "ltrnbr" and not pf["icmp.type"]:  # not quoted in an ICMP error
                 g = fields(proto)
@@ -209,15 +209,18 @@ class Dissector(SiteTest):
                             for e in requests[bad["msg_id"]]["experts"]))
 
         # Replies: the dissector reads every message ltr-server read, the same way.
-        def key(ap, msg_id, opcode, ln, num, tlvs):
-            return (ap, msg_id, int(opcode), int(ln), int(num), tuple(tlvs))
+        # (In a report, the station of each reading too.)
+        def key(ap, msg_id, opcode, ln, num, tlvs, stations):
+            return (ap, msg_id, int(opcode), int(ln), int(num), tuple(tlvs), tuple(stations))
         seen = collections.Counter(
             key(ap_of[f["port"]], f["ltr.msg_id"], f["ltr.opcode"], f["ltr.len"],
-                f["ltr.tlv_num"], f["tlvs"]) for f in msgs if f["ltr.request"] == "0")
+                f["ltr.tlv_num"], f["tlvs"], f["stations"])
+            for f in msgs if f["ltr.request"] == "0")
         decoded = collections.Counter(
             key(m["ap"], m["msg_id"], m["opcode"], m["len"], m["tlv_num"],
-                [tlv_of_json(t) for t in m["tlvs"]]) for m in srv.since(0)
-            if m.get("event") == "message")
+                [tlv_of_json(t) for t in m["tlvs"]],
+                [st["mac"] for st in m.get("stations", []) for _ in st["readings"]])
+            for m in srv.since(0) if m.get("event") == "message")
         self.assertEqual(seen, decoded)
         self.assertIn((7, 5, 2), [t for k in seen for t in k[5]])  # the unknown opcode
         self.assertIn((6, 13, (ap2.mac, 2437, -70)), [t for k in seen for t in k[5]])

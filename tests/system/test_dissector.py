@@ -108,7 +108,11 @@ def dissect(cap, port):
     r = subprocess.run(["tshark", "-n", "-r", cap, "-X", f"lua_script:{DISSECTOR}",
                         "-o", f"ltr.port:{port}", "-T", "pdml"],
                        capture_output=True, text=True, timeout=120)
-    if r.returncode != 0 or "Lua:" in r.stderr or "Dissector bug" in r.stdout:
+    for bad in ("Lua Error", "Dissector bug", "[Malformed Packet"):  # never past the bytes
+        if bad in r.stdout:
+            at = r.stdout.index(bad)
+            raise AssertionError(f"tshark: {bad}: {r.stdout[at - 200:at + 300]}")
+    if r.returncode != 0 or "Lua:" in r.stderr:
         raise AssertionError(f"tshark failed ({r.returncode}): {r.stderr[-2000:]}")
     frames, grams, reassembled = [], [], 0
     for pkt in ET.fromstring(r.stdout).iter("packet"):
@@ -181,21 +185,28 @@ class Dissector(SiteTest):
                       .replace(" ", ""))
         self.assertEqual(bad["ack_code"], 5)
         sent[request("stop ap1 mac=all")["msg_id"]] = ("stop", [(4, 5, "all")])
+        # A peer that claims a frame longer than any allowed.
+        with socket.create_connection(("127.0.0.1", site.server_port)) as s:
+            s.sendall(bytes.fromhex("0001000102"))
+            s.recv(16)
         for ap in site.aps:
             ap.stop()
-        srv.wait_for(lambda m: m.get("event") == "disconnect", 10, 0, "the access points to go")
+            srv.wait_for(lambda m, n=ap.name: m.get("event") == "disconnect" and m.get("ap") == n,
+                         10, 0, f"{ap.name} to go")
         cap.stop()
 
         frames, grams, reassembled = dissect(cap.path, site.server_port)
         self.assertGreater(reassembled, 0, "no frame spanned segments at this MTU")
+        self.assertEqual([(f["ltr.length"], f["experts"]) for f in frames if "ltr.type" not in f],
+                         [("65537", ["frame length 65537: must be 1 to 65536"])])
 
         # HELLO: who each connection is; the connection names the later frames.
-        hellos = [f for f in frames if f["ltr.type"] == "1"]
+        hellos = [f for f in frames if f.get("ltr.type") == "1"]
         self.assertEqual(sorted((f["ltr.hello.name"], f["ltr.hello.mac"], f["ltr.hello.ip"])
                                 for f in hellos),
                          [(ap.name, ap.mac, ap.ip) for ap in site.aps])
         ap_of = {f["port"]: f["ltr.hello.name"] for f in hellos}
-        msgs = [f for f in frames if f["ltr.type"] == "2"]
+        msgs = [f for f in frames if f.get("ltr.type") == "2"]
 
         # Requests: every one the server sent, field by field as the test asked.
         requests = {f["ltr.msg_id"]: f for f in msgs if f["ltr.request"] == "1"}

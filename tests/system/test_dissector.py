@@ -20,32 +20,24 @@ RELAY_MODULE, OWNER_MODULE = "0x0034", "0xff01"  # module ids as the dissector s
 
 
 class Capture:
-    """dumpcap on the namespace's loopback, written through a pipe (flushed per packet)."""
+    """dumpcap on the namespace's loopback, through a pipe: it flushes every packet."""
 
     def __init__(self, path):
-        self.path = path
-        self.data = bytearray()
-        self.proc = subprocess.Popen(["dumpcap", "-i", "lo", "-q", "-w", "-"],
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.err = []
-        ready = threading.Event()
-
-        def read_err():
-            for line in self.proc.stderr:
-                self.err.append(line.decode(errors="replace").rstrip())
-                if line.startswith(b"Capturing on"):
-                    ready.set()
-            ready.set()
-
-        def read_out():
-            while chunk := self.proc.stdout.read1(65536):
-                self.data += chunk
-        threading.Thread(target=read_err, daemon=True).start()
-        self.reader = threading.Thread(target=read_out, daemon=True)
+        self.path, self.data = path, bytearray()
+        with open(path + ".err", "w") as err:
+            self.proc = subprocess.Popen(["dumpcap", "-i", "lo", "-q", "-w", "-"],
+                                         stdout=subprocess.PIPE, stderr=err)
+        self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
-        if not ready.wait(10) or self.proc.poll() is not None:
-            raise systest.ltrsite.SiteError(f"dumpcap did not start: {self.err}")
-        self.sync("the capture to start")
+        try:
+            self.sync("the capture to start")
+        except systest.ltrsite.SiteError as e:
+            with open(path + ".err") as err:
+                raise systest.ltrsite.SiteError(f"{e}; dumpcap: {err.read()[-500:]}")
+
+    def _read(self):
+        while chunk := self.proc.stdout.read1(65536):
+            self.data += chunk
 
     def sync(self, what):
         """Once a marker sent now has come through, everything before it has too."""

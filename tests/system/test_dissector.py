@@ -130,6 +130,7 @@ class Dissector(SiteTest):
     aps = 2
     radios = 1
     key = "dissector test site key"
+    tls = False  # the server channel in plain TCP, or there is nothing to read
 
     def test_captured_site_exchange_decodes_as_sent(self):
         if not (shutil.which("tshark") and shutil.which("dumpcap")):

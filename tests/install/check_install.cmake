@@ -2,7 +2,8 @@
 # `--prefix`, and checks the files, that nothing lands outside the prefix, and that
 # the unit's ExecStart is the ltrd that was installed.
 # In: BUILD_DIR, SCRATCH, PREFIX (the configured CMAKE_INSTALL_PREFIX), MAN_PAGES (the
-# man pages the tree builds, relative to the prefix, separated by commas).
+# man pages the tree builds, relative to the prefix, separated by commas), WIRESHARK_LUA
+# (the installed dissectors, relative to the prefix).
 
 set(expected
     sbin/ltrd
@@ -14,6 +15,9 @@ set(expected
     share/doc/ltrd/docs/porting.md
     share/doc/ltrd/docs/protocol.md
     share/doc/ltrd/examples/platform.toml)
+if(WIRESHARK_LUA AND NOT IS_ABSOLUTE "${WIRESHARK_LUA}")
+  list(APPEND expected ${WIRESHARK_LUA})
+endif()
 if(MAN_PAGES)
   string(REPLACE "," ";" man_pages "${MAN_PAGES}")
   list(APPEND expected ${man_pages})

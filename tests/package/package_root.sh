@@ -115,6 +115,14 @@ done
 man -l "$(man -w ltrctl)" 2>/dev/null | grep -q "operator's command line" ||
     fail "man -l $(man -w ltrctl) does not show the page"
 
+echo "-- dissectors"
+if command -v tshark > /dev/null; then
+    tshark -G protocols 2>/dev/null | grep -qP '\tltrnbr$' ||
+        fail "tshark does not load the installed dissectors by itself"
+else
+    echo "tshark is not installed: the dissectors' loading is not checked"
+fi
+
 echo "-- stop"
 kill -TERM $daemon
 status=0

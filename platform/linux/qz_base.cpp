@@ -17,6 +17,7 @@
 
 #include "qz_format.h"
 #include "rt_config.h"
+#include "rt_entry.h"
 #include "rt_log.h"
 #include "rt_process.h"
 #include "rt_stop.h"
@@ -27,6 +28,7 @@ int g_ready_fd = -1; // write end held by the detached process until it is ready
 
 int qz_daemonize(int nochdir, int noclose)
 {
+    rt_entry(); // --help, --version, --check-config end here
     const rt_config &c = rt_cfg(); // a bad configuration ends the start before detaching
     if (!c.foreground) {
         int pfd[2];
@@ -78,6 +80,7 @@ int qz_daemonize(int nochdir, int noclose)
 
 void rt_daemon_ready()
 {
+    rt_log_started();
     if (g_ready_fd < 0)
         return;
     ssize_t n = write(g_ready_fd, "r", 1);

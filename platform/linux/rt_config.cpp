@@ -629,25 +629,35 @@ bool rt_read_key(const std::string &path, std::string &key, std::string &why)
 
 // ---- The process's configuration ----
 
+std::string rt_config_path()
+{
+    const char *env = getenv("QZ_PLATFORM_CONFIG");
+    return env && env[0] ? env : "/etc/qz/platform.toml";
+}
+
+bool rt_config_load(rt_config &out, std::string &err)
+{
+    std::string path = rt_config_path();
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 && errno == ENOENT) {
+        out = rt_config{};
+        out.runtime_dir = default_runtime_dir(out.instance);
+        // Said on stderr: the log is not set up yet, and a new user wonders where the
+        // settings come from.
+        fprintf(stderr, "%s: not found, running with defaults\n", path.c_str());
+        return true;
+    }
+    return rt_config_parse(path, out, err) && rt_config_check(out, err);
+}
+
 namespace {
 rt_config g_cfg;
 std::once_flag g_cfg_once;
 
 void load_cfg()
 {
-    const char *env = getenv("QZ_PLATFORM_CONFIG");
-    std::string path = env && env[0] ? env : "/etc/qz/platform.toml";
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0 && errno == ENOENT) {
-        rt_config c;
-        c.runtime_dir = default_runtime_dir(c.instance);
-        g_cfg = c;
-        if (env && env[0])
-            fprintf(stderr, "%s: not found, running with defaults\n", path.c_str());
-        return;
-    }
     std::string err;
-    if (!rt_config_parse(path, g_cfg, err) || !rt_config_check(g_cfg, err)) {
+    if (!rt_config_load(g_cfg, err)) {
         fprintf(stderr, "configuration error: %s\n", err.c_str());
         exit(1);
     }

@@ -19,6 +19,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <map>
@@ -34,6 +35,7 @@ std::mutex g_log_mu; // guards the sinks below, not the writes
 int g_log_fd = -1;
 bool g_log_open; // sinks opened for the current configuration
 std::string g_syslog_ident;
+std::atomic<bool> g_started;
 
 const char *severity_name(int sev)
 {
@@ -108,12 +110,13 @@ void rt_vlog(int severity, const char *tag, const char *fmt, va_list ap)
         open_sinks_locked(c);
         fd = g_log_fd;
     }
-    if (fd >= 0 || c.log_stderr) {
+    bool to_stderr = c.log_stderr || (severity <= LOG_ERR && !g_started.load());
+    if (fd >= 0 || to_stderr) {
         std::string line = rt_log_line(severity, tag, text);
         // One write per line, so that lines of concurrent threads never interleave.
         if (fd >= 0)
             write_all(fd, line);
-        if (c.log_stderr)
+        if (to_stderr)
             write_all(STDERR_FILENO, line);
     }
     if (c.log_syslog) {
@@ -142,6 +145,8 @@ void rt_log_tagged(int severity, const char *tag, const char *fmt, ...)
     rt_vlog(severity, tag, fmt, ap);
     va_end(ap);
 }
+
+void rt_log_started() { g_started = true; }
 
 void rt_log_reopen()
 {

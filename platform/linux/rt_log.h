@@ -16,3 +16,6 @@ bool rt_log_ratelimited(const char *key, int seconds, int severity, const char *
 std::string rt_log_line(int severity, const char *tag, const std::string &text);
 // Closes the log sinks; the next line opens them for the current configuration.
 void rt_log_reopen();
+// Until the daemon is started, error lines also go to stderr (unless it is a sink
+// already): a missing syslog must not swallow why the start failed.
+void rt_log_started();

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# What a new user meets first: the entry options of each program, and a daemon that
+# cannot start saying why on the terminal even with no syslog to write to.
+# usage: first_run.sh LTRD LTRCTL LTR_SERVER
+set -uo pipefail
+ltrd=$1 ltrctl=$2 server=$3 tmp=$(mktemp -d /tmp/ltr_first_run.XXXXXX)
+trap 'rm -rf "$tmp"' EXIT
+bad=0
+fail() { echo "FAIL: $*" >&2; bad=1; }
+# expect STATUS PATTERN CMD...: runs CMD, checks its status and that its output
+# (stdout and stderr) matches the extended regex PATTERN.
+expect() {
+    local want=$1 pat=$2 out st
+    shift 2
+    out=$("$@" 2>&1 </dev/null)
+    st=$?
+    [ "$st" = "$want" ] || fail "$* exited $st, not $want: $out"
+    grep -Eq -- "$pat" <<<"$out" || fail "$* printed no /$pat/: $out"
+}
+
+# ltrd: options belong to the runtime's entry, before any start-up step.
+export QZ_PLATFORM_CONFIG=$tmp/none.toml
+expect 0 '^usage: ltrd' "$ltrd" --help
+expect 0 '^ltrd [0-9]+\.[0-9]+' "$ltrd" --version
+expect 2 'unknown option --bogus' "$ltrd" --bogus
+expect 1 "$tmp/missing.toml: No such file" "$ltrd" --config="$tmp/missing.toml"
+printf '%s\n' 'foreground = true' "runtime_dir = \"$tmp/run\"" '[mgt]' 'interface = "nosuch0"' \
+    '[log]' 'syslog = true' > "$tmp/p.toml"
+expect 0 "$tmp/p.toml: configuration ok" "$ltrd" -c "$tmp/p.toml" --check-config
+printf 'bogus = 1\n' > "$tmp/bad.toml"
+expect 1 'configuration error: .*bad.toml:1: bogus' "$ltrd" --check-config --config "$tmp/bad.toml"
+# No syslog socket here, or one nobody reads: the start-up error reaches stderr, and
+# the runtime's line names the interface and its key.
+expect 1 'management interface nosuch0 \(key mgt.interface in .*p.toml\).*no such interface' \
+    "$ltrd" --config "$tmp/p.toml"
+expect 1 'init ltd failed!' "$ltrd" --config "$tmp/p.toml"
+
+exit $bad

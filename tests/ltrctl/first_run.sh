@@ -32,7 +32,7 @@ expect 1 'configuration error: .*bad.toml:1: bogus' "$ltrd" --check-config --con
 # No syslog socket here, or one nobody reads: the start-up error reaches stderr, and
 # the runtime's line names the interface and its key.
 expect 1 'management interface nosuch0 \(key mgt.interface in .*p.toml\).*no such interface' \
-    "$ltrd" --config "$tmp/p.toml"
-expect 1 'init ltd failed!' "$ltrd" --config "$tmp/p.toml"
+    env QZ_PLATFORM_CONFIG="$tmp/p.toml" "$ltrd"
+expect 1 'init ltd failed!' env QZ_PLATFORM_CONFIG="$tmp/p.toml" "$ltrd"
 
 exit $bad

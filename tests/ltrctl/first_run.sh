@@ -4,7 +4,13 @@
 # usage: first_run.sh LTRD LTRCTL LTR_SERVER
 set -uo pipefail
 ltrd=$1 ltrctl=$2 server=$3 tmp=$(mktemp -d /tmp/ltr_first_run.XXXXXX)
-trap 'rm -rf "$tmp"' EXIT
+pid= key=
+cleanup() {
+    [ -n "$pid" ] && { kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; }
+    [ -n "$key" ] && ipcrm -M "$key" 2>/dev/null
+    rm -rf "$tmp"
+}
+trap cleanup EXIT
 bad=0
 fail() { echo "FAIL: $*" >&2; bad=1; }
 # expect STATUS PATTERN CMD...: runs CMD, checks its status and that its output
@@ -34,5 +40,23 @@ expect 1 'configuration error: .*bad.toml:1: bogus' "$ltrd" --check-config --con
 expect 1 'management interface nosuch0 \(key mgt.interface in .*p.toml\).*no such interface' \
     env QZ_PLATFORM_CONFIG="$tmp/p.toml" "$ltrd"
 expect 1 'init ltd failed!' env QZ_PLATFORM_CONFIG="$tmp/p.toml" "$ltrd"
+
+# A daemon with one simulated radio: removing a station or OUI that is not tracked is
+# done already, as the radio sees it.
+inst="ltrfr-$$" s="$inst:66049" h=2166136261
+for ((i = 0; i < ${#s}; i++)); do printf -v c '%d' "'${s:i:1}"; h=$(((h ^ c) * 16777619 & 0xffffffff)); done
+((h == 0 || h == 0xffffffff)) && h=1
+key=$h
+printf '%s\n' "instance = \"$inst\"" "runtime_dir = \"$tmp/d\"" 'foreground = true' '[log]' 'syslog = false' \
+    "file = \"$tmp/d.log\"" '[mgt]' 'mac = "02:00:00:00:00:09"' 'ip = "127.0.78.9"' '[neighbours]' \
+    'bind = "127.0.78.9"' '[store]' "dir = \"$tmp/d/store\"" '[[radio]]' 'name = "lo"' 'driver = "sim"' > "$tmp/d.toml"
+QZ_PLATFORM_CONFIG="$tmp/d.toml" "$ltrd" &
+pid=$!
+ctl() { "$ltrctl" -s "$tmp/d/cli.sock" "$@"; }
+for _ in $(seq 100); do [ -S "$tmp/d/cli.sock" ] && break; sleep 0.1; done
+ctl location-tracking enable || fail "enable"
+expect 0 '^$' ctl no location-tracking mac 02:11:22:33:44:55
+expect 0 '^$' ctl no location-tracking oui 02:11:22
+expect 0 'station list no node: +1' ctl show location-tracking driver-stats
 
 exit $bad

@@ -8,7 +8,8 @@
 
 namespace {
 
-// Finds key in v; on delete removes it, on add appends it within max. Counts misses.
+// Finds key in v; on delete removes it, on add appends it within max. Counts misses;
+// deleting an absent key is done already, as a radio's table treats it.
 template <typename T>
 int add_or_del(std::vector<T> &v, const T &key, bool del, size_t max, uint32_t &no_node,
                uint32_t &no_mem)
@@ -17,7 +18,7 @@ int add_or_del(std::vector<T> &v, const T &key, bool del, size_t max, uint32_t &
     if (del) {
         if (it == v.end()) {
             no_node++;
-            return -1;
+            return 0;
         }
         v.erase(it);
     } else if (it == v.end()) {

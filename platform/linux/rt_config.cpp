@@ -1,5 +1,6 @@
 // The runtime's configuration: a TOML file read once at start-up. Every key is known
 // here; an unknown key or a wrong value is an error naming file, line and key.
+#include "mac_text.h"
 #include "rt.h"
 #include "rt_config.h"
 #include "rt_log.h"
@@ -107,15 +108,7 @@ bool get_ifname(const key_ctx &k, const toml::node &n, std::string &out)
 
 bool parse_mac(const std::string &s, std::array<uint8_t, 6> &mac)
 {
-    unsigned b[6];
-    char tail;
-    if (s.size() != 17 ||
-        sscanf(s.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5],
-               &tail) != 6)
-        return false;
-    for (int i = 0; i < 6; i++)
-        mac[i] = (uint8_t)b[i];
-    return true;
+    return ltr_mac_parse(s, mac.data());
 }
 
 bool valid_instance(const std::string &s)

@@ -41,15 +41,22 @@ expect 1 'management interface nosuch0 \(key mgt.interface in .*p.toml\).*no suc
     env QZ_PLATFORM_CONFIG="$tmp/p.toml" "$ltrd"
 expect 1 'init ltd failed!' env QZ_PLATFORM_CONFIG="$tmp/p.toml" "$ltrd"
 
+# ltrctl: --opt=value as well as --opt value, a version, and what may follow a word.
+expect 0 '^ltrctl [0-9]+\.[0-9]+' "$ltrctl" --version
+expect 3 "connect.*$tmp/no.sock" "$ltrctl" --socket="$tmp/no.sock" --timeout=2 status
+expect 2 "'show' is incomplete; it goes on with: location-tracking, running-config" "$ltrctl" -s "$tmp/no.sock" show
+expect 2 'unknown option --sockets' "$ltrctl" --sockets=x status
+expect 2 '01:00:5e:00:00:01 is a group' "$ltrctl" -s "$tmp/no.sock" location-tracking mac 01:00:5e:00:00:01
+
 # A daemon with one simulated radio: removing a station or OUI that is not tracked is
 # done already, as the radio sees it.
 inst="ltrfr-$$" s="$inst:66049" h=2166136261
 for ((i = 0; i < ${#s}; i++)); do printf -v c '%d' "'${s:i:1}"; h=$(((h ^ c) * 16777619 & 0xffffffff)); done
 ((h == 0 || h == 0xffffffff)) && h=1
-key=$h
+key=$h ip=127.79.$(($$ % 250 + 1)).9 # apart from other tests running meanwhile
 printf '%s\n' "instance = \"$inst\"" "runtime_dir = \"$tmp/d\"" 'foreground = true' '[log]' 'syslog = false' \
-    "file = \"$tmp/d.log\"" '[mgt]' 'mac = "02:00:00:00:00:09"' 'ip = "127.0.78.9"' '[neighbours]' \
-    'bind = "127.0.78.9"' '[store]' "dir = \"$tmp/d/store\"" '[[radio]]' 'name = "lo"' 'driver = "sim"' > "$tmp/d.toml"
+    "file = \"$tmp/d.log\"" '[mgt]' 'mac = "02:00:00:00:00:09"' "ip = \"$ip\"" '[neighbours]' \
+    "bind = \"$ip\"" "port = $((20000 + $$ % 30000))" '[store]' "dir = \"$tmp/d/store\"" '[[radio]]' 'name = "lo"' 'driver = "sim"' > "$tmp/d.toml"
 QZ_PLATFORM_CONFIG="$tmp/d.toml" "$ltrd" &
 pid=$!
 ctl() { "$ltrctl" -s "$tmp/d/cli.sock" "$@"; }

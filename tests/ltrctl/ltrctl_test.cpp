@@ -50,7 +50,11 @@ TEST(LtrctlParse, BadWordsAndValuesAreRefusedWithTheReason)
 {
     const std::pair<const char *, const char *> cases[] = {
         {"location-tracking enabel", "unknown command 'location-tracking enabel'"},
-        {"location-tracking", "unknown command"},
+        {"location-tracking", "'location-tracking' is incomplete; it goes on with: enable, suppress, "
+                              "report-interval, rssi-threshold, valid-period, hold-time, list-match, mac, oui"},
+        {"show", "'show' is incomplete; it goes on with: location-tracking, running-config"},
+        {"no", "'no' is incomplete; it goes on with: location-tracking, debug"},
+        {"location-tracking enabel", "unknown command"},
         {"location-tracking report-interval", "location-tracking report-interval: needs a value"},
         {"location-tracking report-interval 0", "0 is out of range (1-65535)"},
         {"location-tracking report-interval 65536", "65536 is out of range (1-65535)"},
@@ -62,6 +66,13 @@ TEST(LtrctlParse, BadWordsAndValuesAreRefusedWithTheReason)
         {"location-tracking mac 00:11:22:33:44:5g", "is not a MAC address"},
         {"location-tracking mac 001122334455", "is not a MAC address"},
         {"location-tracking oui 00:11:22:33", "is not an OUI"},
+        {"location-tracking mac 0:11:22:33:44:555", "is not a MAC address"},
+        {"location-tracking mac 00:11:22:33:44:5 ", "is not a MAC address"},
+        {"location-tracking mac 00:11-22:33:44:55", "is not a MAC address"},
+        {"location-tracking mac 0011.2233.44:5", "is not a MAC address"},
+        {"location-tracking mac 01:00:5e:00:00:01", "01:00:5e:00:00:01 is a group (multicast or broadcast) address"},
+        {"location-tracking mac ff:ff:ff:ff:ff:ff", "is a group"},
+        {"location-tracking oui 33:33:00", "33:33:00 has the group bit set"},
         {"no show location-tracking", "has no 'no' form"},
         {"debug location-tracking verbose", "unknown category 'verbose'"},
         {"debug ltr info", "usage: [no] debug location-tracking <category>"},
@@ -80,6 +91,8 @@ TEST(LtrctlParse, RequestsAreEncodedAsTheAgentReadsThem)
     const bytes mac = parsed("location-tracking mac 00:1a:2b:3c:4d:5e").block;
     for (const char *l : {"location-tracking mac 00-1A-2B-3C-4D-5E", "location-tracking mac 001a.2b3c.4d5e"})
         EXPECT_EQ(parsed(l).block, mac) << l;
+    // Removing a group address stays possible (a configuration from before the check).
+    EXPECT_EQ(parsed("no location-tracking mac 01:00:5e:00:00:01").cmd_id, 1885);
     const bytes oui = parsed("location-tracking oui 00:1a:2b").block;
     for (const char *l : {"location-tracking oui 00-1a-2b", "location-tracking oui 001A.2b"})
         EXPECT_EQ(parsed(l).block, oui) << l;
@@ -118,7 +131,8 @@ TEST(LtrctlRunning, GeneratorBlocksBecomeReplayableWords)
     for (const char *l : {"location-tracking enable", "no location-tracking enable",
                           "location-tracking report-interval 65535", "location-tracking rssi-threshold 255",
                           "no location-tracking hold-time", "no location-tracking list-match",
-                          "location-tracking mac ff:ee:dd:cc:bb:aa", "no location-tracking oui 00:00:01"}) {
+                          "location-tracking mac 0e:ee:0d:cc:b0:0a", "location-tracking oui 0a:0b:0c",
+                          "no location-tracking oui 00:00:01"}) {
         request r = parsed(l);
         EXPECT_EQ(entry(r.cmd_id, r.block), l);
     }

@@ -1,6 +1,8 @@
 // Tracking state shared by the radio drivers: see drv_track.h.
 #include "drv_track.h"
 
+#include "mac_text.h"
+
 #include <stdio.h>
 #include <string.h>
 
@@ -111,11 +113,5 @@ std::string drv_track_text(const drv_track &t)
 
 std::string drv_mac_text(const uint8_t *b, size_t n)
 {
-    std::string s;
-    char part[4];
-    for (size_t i = 0; i < n; i++) {
-        snprintf(part, sizeof part, i ? ":%02x" : "%02x", b[i]);
-        s += part;
-    }
-    return s;
+    return n == 3 ? ltr_oui_text(b) : ltr_mac_text(b);
 }

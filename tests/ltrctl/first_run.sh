@@ -65,5 +65,19 @@ ctl location-tracking enable || fail "enable"
 expect 0 '^$' ctl no location-tracking mac 02:11:22:33:44:55
 expect 0 '^$' ctl no location-tracking oui 02:11:22
 expect 0 'station list no node: +1' ctl show location-tracking driver-stats
+# --json: every show and the status as one JSON document each.
+ctl location-tracking mac 02:11:22:33:44:55 || fail "add a MAC"
+for w in "" track-list rssi "rssi mac 02:11:22:33:44:55" "rssi oui 02:11:22" state driver-stats; do
+    ctl --json show location-tracking $w > "$tmp/out.json" || fail "--json show location-tracking $w"
+    python3 -c 'import json, sys; json.load(open(sys.argv[1]))' "$tmp/out.json" ||
+        fail "--json show location-tracking $w: $(cat "$tmp/out.json")"
+done
+expect 0 '^\{"cli\.commands":[0-9]+,' ctl --json status
+expect 0 '"entries":\[\{"type":"mac","address":"02:11:22:33:44:55"\}\]' ctl --json show location-tracking track-list
+expect 0 '"station_list_no_node":1' ctl --json show location-tracking driver-stats
+expect 0 '^\{"result":0,"commands":\["location-tracking enable","location-tracking mac 02:11:22:33:44:55"\]' \
+    ctl --json show running-config
+ctl no location-tracking enable
+expect 1 '^\{"result":-?[0-9]+,"text":"ERROR: ' ctl --json location-tracking mac 02:11:22:33:44:56
 
 exit $bad

@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "ltrctl_conn.h"
+#include "ltrctl_json.h"
 #include "ltrctl_run.h"
 
 using namespace ltrctl;
@@ -221,4 +222,42 @@ TEST(LtrctlConn, SocketOthersCouldHaveMadeIsRefused)
         ASSERT_EQ(chown(d, 65534, 65534), 0);
         EXPECT_NE(open_err().find(dir + " belongs to uid 65534"), std::string::npos);
     }
+}
+
+TEST(LtrctlJson, ShowTextBecomesFields)
+{
+    auto doc = [](uint16_t id, const std::string &text, bool want_ok = true) {
+        request r;
+        r.cmd_id = id;
+        std::string out, err;
+        EXPECT_EQ(show_json(r, text, out, err), want_ok) << text << ": " << err;
+        return out;
+    };
+    const std::string rssi =
+        "RSSI=received signal strength in dBm; Freq=channel frequence in MHZ; RptAge=report age;\n"
+        "SupCnt=suppress count; LPwrRpt=last power reported; LifeCnt=life counter\n"
+        "Number of stations in tracking: 2\n"
+        "Station: 0211.2233.4455, Owner: 10.0.0.2, RptAge 4, SupCnt 1, RSSI list:\n"
+        "No. Reporter       RSSI  Freq  Active LPwrRpt LifeCnt\n"
+        "--- -------------- ----- ----- ------ ------- ------\n"
+        "1   0200.0000.0009 -45   2412  yes    -44     3     \n"
+        "2   0200.0000.000a -70   5180  no     0       1     \n"
+        "\n";
+    EXPECT_EQ(doc(1889, rssi),
+              R"({"stations_in_tracking":2,"stations":[{"mac":"02:11:22:33:44:55","owner":"10.0.0.2",)"
+              R"("report_age":4,"suppress_count":1,"readings":[{"reporter":"02:00:00:00:00:09","rssi":-45,)"
+              R"("freq":2412,"active":true,"last_power_reported":-44,"life_count":3},{"reporter":)"
+              R"("02:00:00:00:00:0a","rssi":-70,"freq":5180,"active":false,"last_power_reported":0,)"
+              R"("life_count":1}]}]})"
+              "\n");
+    EXPECT_EQ(doc(1887, "Match track list enabled: no\nNo. Type Address\n--- ---- ----------------\n"
+                        "1   oui  0a1b.2c00.0000\n"),
+              R"({"list_match":false,"entries":[{"type":"oui","address":"0a:1b:2c"}]})" "\n");
+    EXPECT_EQ(doc(1891, "RSSI fetch time to fire:                12s\n"
+                        "Station owner flush time to fire:       not started\n"),
+              R"({"rssi_fetch_time_to_fire":12,"station_owner_flush_time_to_fire":null})" "\n");
+    // A reply not as the show prints it is no document.
+    doc(1888, rssi.substr(0, rssi.find("1   0200")) + "1   0200.0000.0009 -45 2412 yes\n", false);
+    doc(1892, "number of reported rssi readings:       3\n", false);
+    doc(1884, "Engine name Quorvane\n", false);
 }

@@ -14,14 +14,15 @@ using namespace ltrctl;
 
 static void usage(FILE *f)
 {
-    fputs("usage: ltrctl [-s SOCKET | -i INSTANCE] [-k] -f FILE|-\n"
-          "       ltrctl [-s SOCKET | -i INSTANCE] COMMAND WORDS...\n"
+    fputs("usage: ltrctl [-s SOCKET | -i INSTANCE] [-j] [-k] -f FILE|-\n"
+          "       ltrctl [-s SOCKET | -i INSTANCE] [-j] COMMAND WORDS...\n"
           "  -s, --socket PATH      the daemon's cli.sock\n"
           "  -i, --instance NAME    use /run/qz/NAME/cli.sock\n"
           "  -f, --file FILE        run the commands of FILE ('-': standard input)\n"
           "  -k, --keep-going       in a batch, go on after a bad line or a failed command\n"
           "  -t, --timeout SECONDS  give up on a daemon that does not answer (default 10)\n"
           "  -h, --help             this text and the commands\n"
+          "  -j, --json             print each command's reply as one JSON document a line\n"
           "  -V, --version          the version\n"
           "Without a command and with standard input not a terminal, commands are read\n"
           "from standard input. 'ltrctl help' lists the commands.\n",
@@ -38,14 +39,15 @@ int main(int argc, char **argv)
         {"timeout", required_argument, nullptr, 't'},
         {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},
+        {"json", no_argument, nullptr, 'j'},
         {nullptr, 0, nullptr, 0},
     };
     std::string sock, instance, file;
-    bool keep_going = false, have_file = false;
+    bool keep_going = false, have_file = false, json = false;
     int timeout_ms = DEFAULT_TIMEOUT_MS;
     opterr = 0;
     // '+': options end at the first command word.
-    for (int o; (o = getopt_long(argc, argv, "+s:i:f:kt:hV", longs, nullptr)) != -1;) {
+    for (int o; (o = getopt_long(argc, argv, "+s:i:f:kt:hVj", longs, nullptr)) != -1;) {
         switch (o) {
         case 's':
             sock = optarg;
@@ -59,6 +61,9 @@ int main(int argc, char **argv)
             break;
         case 'k':
             keep_going = true;
+            break;
+        case 'j':
+            json = true;
             break;
         case 't': {
             char *end = nullptr;
@@ -116,7 +121,7 @@ int main(int argc, char **argv)
         std::istream &in = from_stdin ? std::cin : f;
         while (std::getline(in, line))
             lines.push_back(line);
-        return run_batch(lines, keep_going, path, std::cout, std::cerr, timeout_ms);
+        return run_batch(lines, keep_going, path, std::cout, std::cerr, timeout_ms, json);
     }
     if (i == argc) {
         usage(stderr);
@@ -141,5 +146,5 @@ int main(int argc, char **argv)
         fprintf(stderr, "ltrctl: %s\n", why.c_str());
         return EXIT_NOLINK;
     }
-    return run_request(c, r, std::cout, std::cerr);
+    return run_request(c, r, std::cout, std::cerr, json);
 }

@@ -12,7 +12,8 @@ set(expected
     share/doc/ltrd/docs/configuration.md
     share/doc/ltrd/docs/porting.md
     share/doc/ltrd/docs/protocol.md
-    share/doc/ltrd/examples/platform.toml)
+    share/doc/ltrd/examples/platform.toml
+    share/bash-completion/completions/ltrctl)
 set(executables sbin/ltrd bin/ltrctl bin/ltr-server)
 
 set(failures "")

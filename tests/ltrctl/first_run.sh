@@ -48,6 +48,18 @@ expect 2 "'show' is incomplete; it goes on with: location-tracking, running-conf
 expect 2 'unknown option --sockets' "$ltrctl" --sockets=x status
 expect 2 '01:00:5e:00:00:01 is a group' "$ltrctl" -s "$tmp/no.sock" location-tracking mac 01:00:5e:00:00:01
 
+# Bash completion: the words that may follow, from the ltrctl it completes for.
+complete_words() { # words typed, the last one being completed
+    bash -c 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ltrctl; echo "${COMPREPLY[*]}"' \
+        _ "$(dirname "$0")/../../tools/ltrctl/ltrctl.bash" "$ltrctl" "${@}"
+}
+expect 0 '^location-tracking running-config$' complete_words show ''
+expect 0 '^location-tracking debug$' complete_words no ''
+expect 0 '^mac$' complete_words -s x no location-tracking m
+expect 0 '^report-interval rssi-threshold$' complete_words location-tracking r
+expect 0 '^event$' complete_words debug location-tracking ev
+expect 0 '^--json$' complete_words --j
+
 # A daemon with one simulated radio: removing a station or OUI that is not tracked is
 # done already, as the radio sees it.
 inst="ltrfr-$$" s="$inst:66049" h=2166136261

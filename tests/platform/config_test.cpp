@@ -54,7 +54,7 @@ log = {syslog = false, file = "/tmp/ltrd.log", stderr = true}
 mgt = {interface = "eth1", mac = "02:00:00:AA:bb:01", ip = "192.0.2.7"}
 server = {address = "127.0.0.1:9000", queue_limit = 4096, tls = true, ca_file = "/c", server_name = "s", cert_file = "/a", key_file = "/k"}
 neighbours = {port = 7500, bind = "127.0.0.2", peers = ["127.0.0.3", "127.0.0.4"], key_file = "/etc/qz/site.key"}
-sim = {world = "/tmp/world.toml", seed = 42}
+sim = {world = "/tmp/world.toml", seed = 42, epoch = 1764000000.5}
 owners = {mode = "external", peer_timeout_ms = 150}
 store = {dir = "/tmp/qz-store"}
 radio = [{name = "wifi0", freq = 2412}, {name = "wifi1", driver = "pcap", access = false, capture = "/tmp/cap.pcap"}]
@@ -73,6 +73,7 @@ radio = [{name = "wifi0", freq = 2412}, {name = "wifi1", driver = "pcap", access
     EXPECT_EQ(c.nb_port, 7500);
     EXPECT_EQ(c.nb_peers, (v{"127.0.0.3", "127.0.0.4"}));
     EXPECT_EQ(rt_driver_conf<sim_conf>(std::as_const(c), "sim").seed, 42u);
+    EXPECT_EQ(rt_driver_conf<sim_conf>(std::as_const(c), "sim").epoch, 1764000000.5);
     EXPECT_EQ(c.owners_peer_timeout_ms, 150u);
     ASSERT_EQ(c.radios.size(), 2u);
     // An unset driver and access default to "sim" and true.
@@ -241,7 +242,7 @@ TEST(Config, RuntimeDirOthersCouldChangeEndsTheStart)
     chmod(s.path("open").c_str(), 0777);
     EXPECT_EXIT(use(s.path("open")), testing::ExitedWithCode(1),
                 "runtime_dir .*/open refused: writable by other users \\(mode 0777\\)");
-    symlink(s.path("open").c_str(), s.path("link").c_str());
+    ASSERT_EQ(symlink(s.path("open").c_str(), s.path("link").c_str()), 0);
     EXPECT_EXIT(use(s.path("link")), testing::ExitedWithCode(1), "refused: is a symbolic link");
     if (geteuid() == 0) {
         mkdir(s.path("theirs").c_str(), 0700);

@@ -7,6 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
+
 
 #include "rt_config.h"
 #include "rt_test_util.h"
@@ -16,7 +18,7 @@ namespace {
 
 const char *k_world = R"(
 model = { ref_rssi = -40, exponent = 3.0, noise = 2.0, floor = -90 }
-ap = [ { name = "ap1", position = [0, 0], radios = [2412, 5180] },
+ap = [ { name = "ap1", position = [0, 0], radios = [2412, 5180], mac = "02:fe:00:00:00:01", ip = "10.0.0.1", floor = 0 },
        { name = "ap2", position = [30, 0], radios = [2437] } ]
 station = [
   { mac = "02:00:00:00:00:01", position = [3, 4], assoc = "ap1", assoc_radio = 1 },
@@ -34,12 +36,14 @@ struct SimTest : ::testing::Test {
         rt_radio_sock_stop();
         sim_reset();
     }
-    // Opens n radios wlan0.. as instance "ap1".
-    void open(size_t n)
+    // Opens n radios wlan0.. as instance "ap1", with a [sim] table when given.
+    void open(size_t n, const sim_conf *sc = nullptr)
     {
         rt_config c;
         c.instance = "ap1";
         c.runtime_dir = s.dir;
+        if (sc)
+            rt_driver_conf<sim_conf>(c, "sim") = *sc;
         rt_cfg_set(c);
         radios.resize(n);
         for (size_t i = 0; i < n; i++) {
@@ -164,6 +168,8 @@ TEST_F(SimTest, WorldFollowsDistanceIsDeterministicForASeedAndNamesErrors)
 
     EXPECT_FALSE(sim_world_parse("[[ap]]\nname = \"a\"\nposition = [0, 0]\ncolour = 1\n", "f", err));
     EXPECT_EQ(err, "f:4: ap.colour: unknown key");
+    EXPECT_FALSE(sim_world_parse("[[ap]]\nname = \"a\"\nposition = [0, 0]\nmac = \"02:fe\"\n", "f", err));
+    EXPECT_EQ(err, "f:4: ap.mac: expected aa:bb:cc:dd:ee:ff");
     EXPECT_FALSE(sim_world_parse("station = [{ mac = \"02:00:00:00:00:01\", position = [0, 0], "
                                  "assoc = \"nowhere\" }]", "f", err));
     EXPECT_EQ(err, "f:1: station.assoc: no access point nowhere");
@@ -171,6 +177,27 @@ TEST_F(SimTest, WorldFollowsDistanceIsDeterministicForASeedAndNamesErrors)
     EXPECT_EQ(err.rfind("f:1: ", 0), 0u) << err;
     EXPECT_FALSE(sim_world_load("/", err)); // as a FIFO (blocks) or /dev/zero (never ends)
     EXPECT_EQ(err, "/: not a regular file");
+}
+
+TEST_F(SimTest, SharedEpochSetsTheWorldClock)
+{
+    // A walker from (0,10) to (20,10) at 2 m/s, heard without noise from (0,0).
+    std::string world = s.path("w.toml");
+    FILE *f = fopen(world.c_str(), "w");
+    ASSERT_TRUE(f);
+    fputs("model = { ref_rssi = -40, exponent = 3.0, noise = 0.0, floor = -120 }\n"
+          "ap = [ { name = \"ap1\", position = [0, 0], radios = [2412] } ]\n"
+          "station = [ { mac = \"02:00:00:00:00:03\", position = [0, 10], path = [[20, 10]], "
+          "speed = 2.0 } ]\n", f);
+    fclose(f);
+    sim_conf sc;
+    sc.world = world;
+    sc.epoch = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() - 4;
+    open(1, &sc);
+    ASSERT_EQ(rt_driver_sim.set_track_enable(&radios[0], 1), 0);
+    auto t = table(0);
+    ASSERT_EQ(t.size(), 1u);
+    EXPECT_EQ(t[0].rssi, -73); // 4 s into the walk, at (8,10); at its start it would be -70
 }
 
 TEST_F(SimTest, RadioSockSpeaksLinesOverItsSocket)

@@ -64,6 +64,10 @@ double sim_now()
     std::lock_guard l(g().mu);
     if (g().clock)
         return g().clock();
+    // A shared epoch puts every instance of a site on one clock, which an observer
+    // outside can follow too.
+    if (double e = rt_driver_conf<sim_conf>(rt_cfg(), "sim").epoch; e >= 0)
+        return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() - e;
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - g().epoch).count();
 }
 
@@ -103,6 +107,8 @@ bool sim_section_key(rt_config &c, const rt_cfg_key &k)
         return rt_cfg_str(k, sc.world);
     if (strcmp(k.key, "ap") == 0)
         return rt_cfg_str(k, sc.ap);
+    if (strcmp(k.key, "epoch") == 0)
+        return rt_cfg_num(k, sc.epoch, 0, 1e11);
     if (strcmp(k.key, "seed") != 0)
         return rt_cfg_fail(k, "unknown key");
     if (!rt_cfg_int(k, seed, 0, INT64_MAX))

@@ -16,6 +16,7 @@ struct sim_conf {
     std::string world; // world file; "" = only radio.sock feeds the radios
     uint64_t seed = 1;
     std::string ap;    // access point of the world this instance is; "" = instance
+    double epoch = -1; // Unix time of the world's time 0; < 0: when the driver started
 };
 
 // The driver's own keys of a [[radio]] table.

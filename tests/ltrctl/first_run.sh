@@ -48,6 +48,13 @@ expect 2 "'show' is incomplete; it goes on with: location-tracking, running-conf
 expect 2 'unknown option --sockets' "$ltrctl" --sockets=x status
 expect 2 '01:00:5e:00:00:01 is a group' "$ltrctl" -s "$tmp/no.sock" location-tracking mac 01:00:5e:00:00:01
 
+# ltr-server: the same option forms, a version, and no group address as a station.
+expect 0 '^ltr-server [0-9]+\.[0-9]+' "$server" --version
+expect 0 'listening on 127\.0\.0\.1:0' "$server" --listen=127.0.0.1:0 --duration=0.1
+expect 2 'unknown option --bogus' "$server" --bogus
+expect 1 '01:00:5e:00:00:01 is a group \(multicast or broadcast\) address, not a station' \
+    "$server" --listen=127.0.0.1:0 'start all mac=01:00:5e:00:00:01'
+
 # Bash completion: the words that may follow, from the ltrctl it completes for.
 complete_words() { # words typed, the last one being completed
     bash -c 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _ltrctl; echo "${COMPREPLY[*]}"' \

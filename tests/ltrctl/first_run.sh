@@ -35,6 +35,13 @@ printf '%s\n' 'foreground = true' "runtime_dir = \"$tmp/run\"" '[mgt]' 'interfac
 expect 0 "$tmp/p.toml: configuration ok" "$ltrd" -c "$tmp/p.toml" --check-config
 printf 'bogus = 1\n' > "$tmp/bad.toml"
 expect 1 'configuration error: .*bad.toml:1: bogus' "$ltrd" --check-config --config "$tmp/bad.toml"
+# A site key that is configured but missing or empty stops the start, naming both.
+: > "$tmp/empty.key"
+for k in missing empty; do
+    printf '%s\n' 'foreground = true' '[neighbours]' "key_file = \"$tmp/$k.key\"" > "$tmp/k.toml"
+    expect 1 "configuration error: .*k.toml:3: neighbours.key_file: $tmp/$k.key: " "$ltrd" -n -c "$tmp/k.toml"
+done
+
 # No syslog socket here, or one nobody reads: the start-up error reaches stderr, and
 # the runtime's line names the interface and its key.
 expect 1 'management interface nosuch0 \(key mgt.interface in .*p.toml\).*no such interface' \

@@ -485,7 +485,7 @@ void usage(FILE *f)
             "  --duration SECONDS   exit after this long; keep serving after the last\n"
             "                       command until then (0: until interrupted)\n"
             "  --version            the version\n"
-            "Options take their value as --opt VALUE or --opt=VALUE.\n"
+            "An option's value may also follow an '=' (--listen=HOST:PORT).\n"
             "Each COMMAND argument is one command line; without any, commands are read\n"
             "from standard input. Without --duration the server exits after the last one.\n"
             "Exit status: 0; 1 when a command failed, a wait timed out or an AP left with\n"

@@ -21,6 +21,7 @@
 #include "rt_counter.h"
 #include "rt_local_sock.h"
 #include "rt_log.h"
+#include "rt_process.h"
 #include "rt_stop.h"
 
 using namespace cli_proto;
@@ -289,7 +290,7 @@ int cli_server_start(const std::string &path, pthread_t *thread)
     g_srv.path = path;
     g_srv.stop = false;
     pthread_t t;
-    if (pthread_create(&t, nullptr, serve, nullptr) != 0) {
+    if (rt_thread_create(&t, serve, nullptr, "qz_cli", RT_STACK_DAEMON) != 0) {
         rt_log(3, "cli: cannot start the agent thread\n");
         close(fd);
         close(wake);

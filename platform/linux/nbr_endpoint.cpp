@@ -1,13 +1,13 @@
-// One neighbour-messaging endpoint: a bound UDP socket, its receive thread, the module
-// table, drop accounting; and the process's endpoint built from the configuration.
+// One neighbour-messaging endpoint: a bound UDP socket received on the runtime's
+// service loop, the module table, drop accounting; and the process's endpoint built
+// from the configuration.
 #include "nbr_endpoint.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <string.h>
-#include <sys/eventfd.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <time.h>
@@ -20,15 +20,15 @@
 #include <map>
 #include <mutex>
 #include <sstream>
-#include <thread>
 
+#include "nbr_mac.h"
 #include "rt.h"
 #include "rt_config.h"
 #include "rt_counter.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_loop.h"
 #include "rt_process.h"
-#include "rt_stop.h"
 
 namespace {
 
@@ -63,19 +63,18 @@ struct nbr_endpoint {
     std::mutex mu;                 // guards modules
     std::map<uint16_t, nbr_recv_fn> modules;
     std::mutex deliver_mu;         // held while a callback runs
-    std::atomic<bool> stop{false};
-    unique_fd wake;                // eventfd: stop the receive thread
-    std::thread rx;
+    std::atomic<bool> receiving{false}; // the socket is on the service loop
+    std::vector<uint8_t> buf = std::vector<uint8_t>(65536); // one datagram at a time
+    uint32_t overflow_seen = 0;    // the socket's drop count last seen
 };
 
-// Ends the receive thread's wait; it then sees stop.
+// Takes the socket off the service loop; once this returns nothing more is delivered
+// (unless called from a delivery).
 static void nbr_stop_rx(nbr_endpoint *ep)
 {
-    ep->stop = true;
-    if (ep->wake.fd >= 0)
-        eventfd_write(ep->wake.fd, 1);
-    if (ep->rx.joinable() && ep->rx.get_id() != std::this_thread::get_id()) {
-        ep->rx.join();
+    if (ep->receiving.exchange(false)) {
+        rt_loop_remove(ep->sock.fd);
+        // No handler runs any more (unless we are one): the windows are ours to write.
         if (ep->unsaved && !ep->params.windows_file.empty())
             nbr_windows_save(ep->params.windows_file, ep->windows);
         ep->unsaved = false;
@@ -169,7 +168,8 @@ static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_
         nbr_drop("module", src, len);
         return;
     }
-    rt_counter("nbr.rx")++;
+    static std::atomic<uint64_t> &rx = rt_counter("nbr.rx"); // looked up once: per datagram
+    rx++;
     // A copy of exactly the payload: the receiver may write it and cannot read past it.
     // An empty payload still comes as a real pointer: receivers check it is not null.
     std::vector<uint8_t> payload(buf + off, buf + off + plen);
@@ -196,21 +196,19 @@ static void nbr_note_overflow(const msghdr &mh, uint32_t &seen)
     }
 }
 
-static void nbr_rx_loop(nbr_endpoint *ep)
+// Datagrams taken per turn of the loop before the other services get theirs.
+constexpr int k_rx_batch = 64;
+
+// The socket is readable: takes what is queued, up to a batch.
+static void nbr_on_readable(void *arg, uint32_t)
 {
-    std::vector<uint8_t> buf(65536);
+    nbr_endpoint *ep = static_cast<nbr_endpoint *>(arg);
+    static std::atomic<uint64_t> &wakes = rt_counter("wake.nbr_rx"); // turns, to spot ticking
+    wakes++;
     alignas(cmsghdr) char ctrl[CMSG_SPACE(sizeof(uint32_t))];
-    uint32_t overflow_seen = 0;
-    std::atomic<uint64_t> &wakes = rt_counter("wake.nbr_rx"); // loop turns, to spot ticking
-    while (!ep->stop && !rt_stopping()) {
-        wakes++;
-        // Woken by a datagram, by our own stop, or by the runtime's.
-        pollfd p[3] = {{ep->sock.fd, POLLIN, 0}, {ep->wake.fd, POLLIN, 0},
-                       {rt_stop_fd(), POLLIN, 0}};
-        if (poll(p, 3, -1) <= 0 || !p[0].revents) // an error is read (and cleared) below too
-            continue;
+    for (int i = 0; i < k_rx_batch && ep->receiving; i++) {
         sockaddr_in from{};
-        iovec iov{buf.data(), buf.size()};
+        iovec iov{ep->buf.data(), ep->buf.size()};
         msghdr mh{};
         mh.msg_name = &from;
         mh.msg_namelen = sizeof from;
@@ -218,20 +216,19 @@ static void nbr_rx_loop(nbr_endpoint *ep)
         mh.msg_iovlen = 1;
         mh.msg_control = ctrl;
         mh.msg_controllen = sizeof ctrl;
-        ssize_t n = recvmsg(ep->sock.fd, &mh, MSG_TRUNC);
-        if (n >= 0)
-            nbr_note_overflow(mh, overflow_seen);
+        ssize_t n = recvmsg(ep->sock.fd, &mh, MSG_TRUNC | MSG_DONTWAIT);
         if (n < 0) {
             if (errno != EINTR && errno != EAGAIN)
                 rt_log_ratelimited("nbr.recv", 10, LOG_ERR, "neighbour receive failed: %s",
                                    strerror(errno));
-            continue;
+            return;
         }
-        if (static_cast<size_t>(n) > buf.size()) {
+        nbr_note_overflow(mh, ep->overflow_seen);
+        if (static_cast<size_t>(n) > ep->buf.size()) {
             nbr_drop("oversize", from.sin_addr.s_addr, static_cast<size_t>(n));
             continue;
         }
-        nbr_handle(ep, buf.data(), static_cast<size_t>(n), from.sin_addr.s_addr);
+        nbr_handle(ep, ep->buf.data(), static_cast<size_t>(n), from.sin_addr.s_addr);
     }
 }
 
@@ -278,14 +275,15 @@ nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err)
         setsockopt(ep->sock.fd, SOL_SOCKET, SO_RCVBUF, &want, sizeof want);
     setsockopt(ep->sock.fd, SOL_SOCKET, SO_RXQ_OVFL, &on, sizeof on);
     ep->port = ntohs(a.sin_port);
-    ep->wake.fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (ep->wake.fd < 0) {
-        err = std::string("eventfd: ") + strerror(errno);
-        return nullptr;
-    }
+    if (!p.key.empty())
+        nbr_mac_init(p.key); // the receive loop copies it
     if (!p.windows_file.empty())
         nbr_windows_load(p.windows_file, ep->windows);
-    ep->rx = std::thread(nbr_rx_loop, ep.get());
+    if (rt_loop_add(ep->sock.fd, EPOLLIN, nbr_on_readable, ep.get()) != 0) {
+        err = "cannot receive on the service loop";
+        return nullptr;
+    }
+    ep->receiving = true;
     return ep;
 }
 
@@ -306,8 +304,9 @@ int nbr_endpoint_remove(nbr_endpoint *ep, uint16_t module)
         if (ep->modules.erase(module) == 0)
             return -1;
     }
-    // Wait out a delivery in flight, unless we are that delivery.
-    if (std::this_thread::get_id() != ep->rx.get_id()) {
+    // Wait out a delivery in flight, unless we are that delivery (or another handler
+    // on the same loop, which cannot run beside it).
+    if (!rt_loop_on_thread()) {
         std::lock_guard deliver(ep->deliver_mu);
     }
     return 0;
@@ -434,7 +433,7 @@ static bool nbr_params_from_cfg(nbr_params &p, std::string &err)
 
 static nbr_endpoint *g_global_ep;
 
-// Ends the receive thread only: the endpoint stays for senders until process exit.
+// Ends receiving only: the endpoint stays for senders until process exit.
 static void nbr_global_stop_rx()
 {
     nbr_endpoint *ep = g_global_ep;

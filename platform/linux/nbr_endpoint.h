@@ -1,5 +1,6 @@
-// Neighbour messaging inside the runtime: the datagram envelope and one UDP endpoint
-// with its receive thread. qz_nbrcom.cpp and the owner service sit on top of it.
+// Neighbour messaging inside the runtime: the datagram envelope and one UDP endpoint,
+// received on the runtime's service loop. qz_nbrcom.cpp and the owner service sit on
+// top of it.
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
@@ -117,8 +118,8 @@ struct nbr_params {
 };
 
 // Receives the payload (exactly plen bytes, writable, valid during the call, never null
-// even when plen is 0) and the
-// sender's IPv4 address (network order). Runs on the endpoint's receive thread.
+// even when plen is 0) and the sender's IPv4 address (network order). Runs on the
+// service loop's thread.
 using nbr_recv_fn = std::function<void(uint32_t src_ip, uint8_t *payload, int plen)>;
 
 struct nbr_endpoint;
@@ -127,7 +128,7 @@ struct nbr_endpoint_deleter {
 };
 using nbr_endpoint_ptr = std::unique_ptr<nbr_endpoint, nbr_endpoint_deleter>;
 
-// Binds and starts the receive thread; null with err set on failure.
+// Binds and starts receiving on the service loop; null with err set on failure.
 nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err);
 // The port actually bound (useful with port 0).
 uint16_t nbr_endpoint_port(const nbr_endpoint *ep);

@@ -1,23 +1,27 @@
 // Owner resolution: associated here, else associated at a live peer (asked over
 // neighbour messaging within a bound), else rendezvous hashing over the access points
 // that hear the station, so that no station is owned where its relays would be dropped.
+// The service runs on the runtime's service loop: queries and peers' messages wake it,
+// an ask in flight and the hello period are a timer; nothing in it blocks.
 #include "owner_service.h"
 
 #include <arpa/inet.h>
 #include <string.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <set>
-#include <thread>
 
 #include "rt_counter.h"
 #include "rt_log.h"
-#include "rt_stop.h"
+#include "rt_loop.h"
 
 using owner_clock = std::chrono::steady_clock;
 using owner_mac = std::array<uint8_t, 6>;
@@ -38,13 +42,28 @@ struct owner_ask {
     std::map<owner_mac, std::vector<uint32_t>> hearers;  // station -> peers that hear it
 };
 
+// One batch of stations being answered: those associated elsewhere wait for the live
+// peers' answers (one ask per chunk), up to a deadline.
+struct owner_batch {
+    std::vector<owner_mac> macs;
+    std::vector<uint32_t> owners;  // this access point where associated here, else 0
+    std::vector<owner_ask> asks;
+    owner_clock::time_point deadline;
+    bool answered() const
+    {
+        return std::all_of(asks.begin(), asks.end(),
+                           [](const owner_ask &a) { return a.waiting.empty(); });
+    }
+};
+
 } // namespace
 
 struct owner_service {
     owner_params p;
     nbr_endpoint *ep = nullptr;
     std::mutex mu;
-    std::condition_variable cv;
+    int kick = -1;                                     // eventfd: a turn is wanted
+    int timer = -1;                                    // the batch's deadline or the next hello
     std::set<owner_mac> pending;                       // answered together next turn
     bool reply_due = false;                            // a query came, even an empty one
     // The hearers each station was last elected among: a peer that asks about a station
@@ -54,11 +73,18 @@ struct owner_service {
     std::map<uint32_t, owner_clock::time_point> heard; // peer -> last heard
     std::set<uint32_t> targets;                        // greeted every hello period
     std::set<uint32_t> configured;                     // never forgotten
-    owner_ask *ask = nullptr;                          // the ask in flight
+    std::unique_ptr<owner_batch> batch;                // the batch in flight
     uint32_t next_seq = 1;
+    owner_clock::time_point next_hello = owner_clock::now();
+    bool greet_idle = false;                           // nobody to greet at the last turn
     bool stop = false;
-    std::thread worker;
 };
+
+// Asks for a turn of the service on the loop (from any thread).
+static void owner_kick(owner_service *s)
+{
+    eventfd_write(s->kick, 1);
+}
 
 static uint64_t mix64(uint64_t x)
 {
@@ -169,7 +195,7 @@ static void owner_drop(const char *what, uint32_t src, int len)
                        "owner message from %i dropped: %s (%d bytes)", src, what, len);
 }
 
-// Runs on the neighbour endpoint's receive thread.
+// Runs on the service loop (neighbour receive).
 static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int len)
 {
     owner_msg_hdr h;
@@ -234,26 +260,30 @@ static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int 
         s->heard[src] = owner_clock::now();
         // A new voice: greet back at once so that both sides count each other.
         greet = !was_live && h.type == OWNER_MSG_HELLO;
+        bool turn = false;
         if (s->targets.size() < s->configured.size() + k_max_learned &&
             s->targets.insert(src).second && s->targets.size() == 1)
-            s->cv.notify_all(); // the worker slept with nobody to greet
-        if (h.type == OWNER_MSG_ANSWER && s->ask && s->ask->seq == seq &&
-            s->ask->waiting.erase(src)) {
+            turn = true; // the hello period starts
+        owner_ask *ask = nullptr;
+        if (h.type == OWNER_MSG_ANSWER && s->batch)
+            for (owner_ask &a : s->batch->asks)
+                if (a.seq == seq)
+                    ask = &a;
+        if (ask && ask->waiting.erase(src)) {
             for (size_t i = 0; i < count; i++) {
                 const owner_mac &m = macs[i];
                 if (flags[i] & OWNER_ANS_HEARS)
-                    s->ask->hearers[m].push_back(src);
+                    ask->hearers[m].push_back(src);
                 if (!(flags[i] & OWNER_ANS_ASSOC))
                     continue;
-                auto c = s->ask->claims.find(m);
-                if (c == s->ask->claims.end() || ntohl(src) < ntohl(c->second))
-                    s->ask->claims[m] = src;
+                auto c = ask->claims.find(m);
+                if (c == ask->claims.end() || ntohl(src) < ntohl(c->second))
+                    ask->claims[m] = src;
             }
-            s->cv.notify_all();
+            turn |= s->batch->answered();
         }
         // The asker hears these too (it asks only about its own stations): where it was
         // not among their hearers here, elect again and tell the daemon unasked.
-        bool more = false;
         for (const auto &m : newly_heard) {
             auto k = s->known.find(m);
             if (k != s->known.end() && std::find(k->second.begin(), k->second.end(), src) != k->second.end())
@@ -263,11 +293,11 @@ static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int 
                 // access points trigger each other for ever.
                 s->known[m].push_back(src);
                 rt_counter("owner.reelect")++;
-                more = true;
+                turn = true;
             }
         }
-        if (more)
-            s->cv.notify_all();
+        if (turn)
+            owner_kick(s);
     }
     if (greet)
         owner_send(s, src, OWNER_MSG_HELLO, 0, nullptr, 0);
@@ -275,82 +305,91 @@ static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int 
         owner_send(s, src, OWNER_MSG_ANSWER, seq, answer.data(), answer.size(), sizeof(owner_answer_rec));
 }
 
-struct owner_views {
-    std::map<owner_mac, uint32_t> claims;                // associated at that peer
-    std::map<owner_mac, std::vector<uint32_t>> hearers;  // peers that hear the station
-};
-
-// Asks the live peers about macs; returns what they answered within the bound.
-static owner_views owner_ask_peers(owner_service *s, const std::vector<owner_mac> &macs,
-                                   const std::vector<uint32_t> &live)
+// Sends the asks of a batch's stations not associated here to the live peers.
+static void owner_ask_peers(owner_service *s, owner_batch &b, const std::vector<owner_mac> &rest,
+                            const std::vector<uint32_t> &live)
 {
-    owner_views v;
-    for (size_t off = 0; off < macs.size(); off += k_ask_chunk) {
-        size_t n = std::min(k_ask_chunk, macs.size() - off);
-        owner_ask ask;
-        {
-            std::lock_guard l(s->mu);
+    {
+        std::lock_guard l(s->mu);
+        for (size_t off = 0; off < rest.size(); off += k_ask_chunk) {
+            owner_ask &ask = b.asks.emplace_back();
             ask.seq = s->next_seq++;
             ask.waiting.insert(live.begin(), live.end());
-            s->ask = &ask;
         }
-        for (uint32_t ip : live)
-            owner_send(s, ip, OWNER_MSG_ASK, ask.seq, macs.data() + off, n);
-        rt_counter("owner.ask") += live.size();
-        std::unique_lock l(s->mu);
-        s->cv.wait_for(l, std::chrono::milliseconds(s->p.peer_timeout_ms),
-                       [&] { return ask.waiting.empty() || s->stop; });
-        s->ask = nullptr;
-        if (!ask.waiting.empty())
-            rt_counter("owner.peer_timeout")++;
-        for (const auto &[m, ip] : ask.claims)
-            v.claims[m] = ip;
-        for (auto &[m, ips] : ask.hearers)
-            v.hearers[m] = std::move(ips);
     }
-    return v;
+    for (size_t i = 0; i < b.asks.size(); i++) {
+        size_t off = i * k_ask_chunk, n = std::min(k_ask_chunk, rest.size() - off);
+        for (uint32_t ip : live)
+            owner_send(s, ip, OWNER_MSG_ASK, b.asks[i].seq, rest.data() + off, n);
+        rt_counter("owner.ask") += live.size();
+    }
 }
 
-static void owner_answer(owner_service *s, const std::vector<owner_mac> &macs)
+// Starts answering macs: those associated here at once; the rest after the live
+// peers' answers. Null when the batch is complete without asking anyone.
+static std::unique_ptr<owner_batch> owner_begin(owner_service *s, std::vector<owner_mac> macs)
 {
-    std::vector<uint32_t> owners(macs.size(), 0);
+    auto b = std::make_unique<owner_batch>();
+    b->owners.assign(macs.size(), 0);
     std::vector<owner_mac> rest;
     for (size_t i = 0; i < macs.size(); i++) {
         if (owner_associated_here(s, macs[i]))
-            owners[i] = s->p.self_ip;
+            b->owners[i] = s->p.self_ip;
         else
             rest.push_back(macs[i]);
     }
+    b->macs = std::move(macs);
     std::vector<uint32_t> live;
     {
         std::lock_guard l(s->mu);
         live = owner_live_locked(s);
     }
-    owner_views v;
+    b->deadline = owner_clock::now() + std::chrono::milliseconds(s->p.peer_timeout_ms);
     if (!rest.empty() && !live.empty())
-        v = owner_ask_peers(s, rest, live);
+        owner_ask_peers(s, *b, rest, live);
+    return b;
+}
+
+// Ends a batch with what the peers answered in time, and posts the reply.
+static void owner_finish(owner_service *s, owner_batch &b)
+{
+    std::map<owner_mac, uint32_t> claims;                // associated at that peer
+    std::map<owner_mac, std::vector<uint32_t>> hearers;  // peers that hear the station
+    size_t rest = 0;
+    for (owner_ask &ask : b.asks) {
+        if (!ask.waiting.empty())
+            rt_counter("owner.peer_timeout")++;
+        for (const auto &[m, ip] : ask.claims)
+            claims[m] = ip;
+        for (auto &[m, ips] : ask.hearers)
+            hearers[m] = std::move(ips);
+    }
+    for (uint32_t o : b.owners)
+        rest += o == 0;
     {
         std::lock_guard l(s->mu);
-        if (s->known.size() + rest.size() > k_max_known)
+        if (s->known.size() + rest > k_max_known)
             s->known.clear(); // only costs elections again when peers ask
     }
+    const std::vector<owner_mac> &macs = b.macs;
+    std::vector<uint32_t> &owners = b.owners;
     for (size_t i = 0; i < macs.size(); i++) {
         if (owners[i])
             continue;
-        auto c = v.claims.find(macs[i]);
-        if (c != v.claims.end()) {
+        auto c = claims.find(macs[i]);
+        if (c != claims.end()) {
             owners[i] = c->second;
             continue;
         }
-        std::vector<uint32_t> hearers = v.hearers[macs[i]];
+        std::vector<uint32_t> heard_by = hearers[macs[i]];
         if (owner_hears_here(s, macs[i]))
-            hearers.push_back(s->p.self_ip);
-        std::sort(hearers.begin(), hearers.end());
-        owners[i] = owner_rendezvous(macs[i].data(), hearers);
+            heard_by.push_back(s->p.self_ip);
+        std::sort(heard_by.begin(), heard_by.end());
+        owners[i] = owner_rendezvous(macs[i].data(), heard_by);
         if (!owners[i])
             rt_counter("owner.unheard")++;
         std::lock_guard l(s->mu);
-        s->known[macs[i]] = std::move(hearers);
+        s->known[macs[i]] = std::move(heard_by);
     }
 
     constexpr size_t hdr = sizeof(qz_owner_reply_evt);
@@ -368,16 +407,33 @@ static void owner_answer(owner_service *s, const std::vector<owner_mac> &macs)
         s->p.post(QZ_EVT_OWNER_REPLY, reply.data(), static_cast<int>(reply.size()));
 }
 
-static void owner_worker(owner_service *s)
+// One turn on the loop: ends a batch that is answered or out of time, greets the peers
+// when the hello period is over, starts the next batch, and sets the timer for the
+// next of those deadlines.
+static void owner_turn(owner_service *s)
 {
-    auto next_hello = owner_clock::now();
+    static std::atomic<uint64_t> &wakes = rt_counter("wake.owner"); // turns, to spot ticking
+    wakes++;
     std::unique_lock l(s->mu);
-    std::atomic<uint64_t> &wakes = rt_counter("wake.owner"); // loop turns, to spot ticking
-    while (!s->stop && !rt_stopping()) {
-        wakes++;
-        if (owner_clock::now() >= next_hello) {
+    for (bool again = true; again && !s->stop;) {
+        again = false;
+        auto now = owner_clock::now();
+        if (s->batch && (s->batch->answered() || now >= s->batch->deadline)) {
+            std::unique_ptr<owner_batch> done = std::move(s->batch);
+            l.unlock();
+            owner_finish(s, *done);
+            l.lock();
+        }
+        bool anyone = !s->targets.empty() || !s->heard.empty();
+        if (!anyone) {
+            s->greet_idle = true; // sleep until a query, a peer or the stop
+        } else if (s->greet_idle) {
+            s->greet_idle = false;
+            s->next_hello = now + std::chrono::milliseconds(s->p.hello_ms);
+        }
+        if (anyone && now >= s->next_hello) {
             // Forget access points silent for long; configured peers stay greeted.
-            auto stale = owner_clock::now() - 10 * std::chrono::milliseconds(s->p.live_ms);
+            auto stale = now - 10 * std::chrono::milliseconds(s->p.live_ms);
             std::erase_if(s->heard, [&](const auto &h) {
                 if (h.second >= stale)
                     return false;
@@ -390,27 +446,44 @@ static void owner_worker(owner_service *s)
             for (uint32_t ip : to)
                 owner_send(s, ip, OWNER_MSG_HELLO, 0, nullptr, 0);
             l.lock();
-            next_hello = owner_clock::now() + std::chrono::milliseconds(s->p.hello_ms);
+            s->next_hello = owner_clock::now() + std::chrono::milliseconds(s->p.hello_ms);
         }
-        if (!s->pending.empty() || s->reply_due) {
+        if (!s->batch && (!s->pending.empty() || s->reply_due)) {
             // One batch per turn: everything asked for since the last one.
             std::vector<owner_mac> macs(s->pending.begin(), s->pending.end());
             s->pending.clear();
             s->reply_due = false;
             l.unlock();
-            owner_answer(s, macs);
+            std::unique_ptr<owner_batch> b = owner_begin(s, std::move(macs));
             l.lock();
-            continue;
-        }
-        if (s->targets.empty() && s->heard.empty()) {
-            // Nobody to greet or forget: sleep until a query, a peer or the stop.
-            s->cv.wait(l);
-            next_hello = owner_clock::now() + std::chrono::milliseconds(s->p.hello_ms);
-        } else {
-            s->cv.wait_until(l, next_hello);
+            s->batch = std::move(b);
+            again = s->batch->asks.empty(); // nobody to ask: answered now
         }
     }
+    if (s->stop)
+        return;
+    auto now = owner_clock::now();
+    auto next = owner_clock::time_point::max();
+    if (s->batch)
+        next = s->batch->deadline;
+    if (!s->greet_idle && (!s->targets.empty() || !s->heard.empty()))
+        next = std::min(next, s->next_hello);
+    int64_t ms = -1; // rounded up: never before the deadline
+    if (next != owner_clock::time_point::max())
+        ms = std::max<int64_t>(
+            0, std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count() + 1);
+    rt_loop_timer_set(s->timer, ms);
 }
+
+static void owner_on_kick(void *arg, uint32_t)
+{
+    auto *s = static_cast<owner_service *>(arg);
+    eventfd_t v;
+    eventfd_read(s->kick, &v);
+    owner_turn(s);
+}
+
+static void owner_on_timer(void *arg, uint32_t) { owner_turn(static_cast<owner_service *>(arg)); }
 
 owner_service_ptr owner_service_open(const owner_params &p, nbr_endpoint *ep)
 {
@@ -419,13 +492,22 @@ owner_service_ptr owner_service_open(const owner_params &p, nbr_endpoint *ep)
     s->ep = ep;
     s->targets.insert(p.peers.begin(), p.peers.end());
     s->configured = s->targets;
+    s->kick = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (s->kick < 0 || rt_loop_add(s->kick, EPOLLIN, owner_on_kick, s.get()) != 0) {
+        rt_log(LOG_ERR, "owner service: cannot run on the service loop");
+        if (s->kick >= 0)
+            close(s->kick);
+        s->kick = -1;
+        return nullptr;
+    }
+    s->timer = rt_loop_timer_open(owner_on_timer, s.get());
     if (ep) {
         owner_service *raw = s.get();
         nbr_endpoint_add(ep, NBR_MODULE_OWNER, [raw](uint32_t src, uint8_t *data, int len) {
             owner_recv(raw, src, data, len);
         });
     }
-    s->worker = std::thread(owner_worker, s.get());
+    owner_kick(s.get()); // the first turn greets the configured peers
     return s;
 }
 
@@ -436,10 +518,13 @@ void owner_service_deleter::operator()(owner_service *s) const
     {
         std::lock_guard l(s->mu);
         s->stop = true;
-        s->cv.notify_all();
     }
-    if (s->worker.joinable())
-        s->worker.join();
+    // Each waits out a turn in progress.
+    if (s->kick >= 0) {
+        rt_loop_remove(s->kick);
+        close(s->kick);
+    }
+    rt_loop_timer_close(s->timer);
     delete s;
 }
 
@@ -464,7 +549,7 @@ void owner_service_query(owner_service *s, const void *payload, int len)
         owner_pend_locked(s, m);
     }
     s->reply_due = true;
-    s->cv.notify_all();
+    owner_kick(s);
 }
 
 std::vector<uint32_t> owner_service_live(owner_service *s)

@@ -62,10 +62,11 @@ struct owner_service_deleter {
 };
 using owner_service_ptr = std::unique_ptr<owner_service, owner_service_deleter>;
 
-// Starts the worker thread; ep may be null (a lone access point). ep must outlive it.
+// Starts the service on the runtime's service loop; ep may be null (a lone access
+// point) and must outlive it. Null (logged) when the loop cannot take it.
 owner_service_ptr owner_service_open(const owner_params &p, nbr_endpoint *ep);
 // Adds the stations of one owner query payload (event 156, host order) to the pending
-// batch that the worker answers in one reply per turn; a malformed payload is logged,
+// batch that the service answers in one reply per turn; a malformed payload is logged,
 // counted and dropped. Never blocks on the answer, never calls post itself.
 void owner_service_query(owner_service *s, const void *payload, int len);
 // The peers heard from within live_ms, network order.

@@ -19,6 +19,7 @@
 #include "rt_config.h"
 #include "rt_entry.h"
 #include "rt_log.h"
+#include "rt_malloc.h"
 #include "rt_process.h"
 #include "rt_stop.h"
 
@@ -29,6 +30,7 @@ int g_ready_fd = -1; // write end held by the detached process until it is ready
 int qz_daemonize(int nochdir, int noclose)
 {
     rt_entry(); // --help, --version, --check-config end here
+    rt_malloc_setup();
     const rt_config &c = rt_cfg(); // a bad configuration ends the start before detaching
     if (!c.foreground) {
         int pfd[2];

@@ -65,6 +65,21 @@ event_lib &lib()
     return *l;
 }
 
+// eventfd signalled each time the queue drops below its bound, for a source that
+// holds back while it is full; kept open for good (the server channel polls it).
+int room_fd()
+{
+    static int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return fd;
+}
+
+// After bytes left the queue (l.mu held): tells a held-back source it has room again.
+void note_room(size_t before, size_t after)
+{
+    if (before >= QUEUE_LIMIT && after < QUEUE_LIMIT && room_fd() >= 0)
+        eventfd_write(room_fd(), 1);
+}
+
 void wake(event_lib &l)
 {
     if (l.wake_fd >= 0)
@@ -99,10 +114,6 @@ void deliver(event_lib &l, delivery &d)
     int len = (int)d.data.size();
     if (d.kind == KIND_SEND) {
         std::vector<rt_event_tap_fn> taps;
-    // Radios up at open, delivered once the interface-change event has a subscriber:
-    // posted earlier they would reach nobody, and a restarted daemon would never
-    // re-apply its tracking list to radios that stay up across the restart.
-    std::vector<qz_if_change> link_dump;
         {
             std::lock_guard g(l.mu);
             taps = l.taps;
@@ -137,7 +148,9 @@ void *event_thread(void *)
         while (!l.queue.empty() && !l.quit && !rt_stopping()) {
             delivery d = std::move(l.queue.front());
             l.queue.pop_front();
+            size_t before = l.queue_bytes;
             l.queue_bytes -= cost(d);
+            note_room(before, l.queue_bytes);
             rt_counter("event_queue_len") = l.queue.size();
             rt_counter("event_queue_bytes") = l.queue_bytes;
             lk.unlock();
@@ -179,6 +192,7 @@ void *event_thread(void *)
 void drop_queue(event_lib &l)
 {
     l.queue.clear();
+    note_room(l.queue_bytes, 0);
     l.queue_bytes = 0;
     rt_counter("event_queue_len") = 0;
     rt_counter("event_queue_bytes") = 0;
@@ -216,7 +230,7 @@ int qz_event_init(int module_id, pthread_t *thread)
                                  "events_sock_dropped", "events_sock_send_dropped",
                                  "netlink_overruns"})
             rt_counter(name);
-        int rc = rt_thread_create(&l.thread, event_thread, nullptr, "qz_event");
+        int rc = rt_thread_create(&l.thread, event_thread, nullptr, "qz_event", RT_STACK_DAEMON);
         if (rc != 0) {
             rt_log(LOG_ERR, "event library: cannot start the event thread: %s", strerror(rc));
             rt_events_sock_close();
@@ -270,6 +284,8 @@ bool rt_event_queue_full()
     std::lock_guard g(l.mu);
     return l.queue_bytes >= QUEUE_LIMIT;
 }
+
+int rt_event_room_fd() { return room_fd(); }
 
 bool rt_event_running()
 {

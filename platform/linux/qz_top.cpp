@@ -80,7 +80,7 @@ int start_service_locked(timer_service &s)
     if (s.started)
         return 0;
     s.quit = false;
-    int rc = rt_thread_create(&s.thread, timer_thread, nullptr, "qz_timer");
+    int rc = rt_thread_create(&s.thread, timer_thread, nullptr, "qz_timer", RT_STACK_DAEMON);
     if (rc != 0) {
         rt_log(LOG_ERR, "timer service: cannot start its thread");
         return -1;

@@ -33,10 +33,15 @@ const char *policy_name(int policy)
 }
 } // namespace
 
-int rt_thread_create(pthread_t *thread, void *(*fn)(void *), void *arg, const char *name)
+int rt_thread_create(pthread_t *thread, void *(*fn)(void *), void *arg, const char *name,
+                     size_t stack)
 {
     sig_block b;
-    int rc = pthread_create(thread, nullptr, fn, arg);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, stack < size_t(PTHREAD_STACK_MIN) ? size_t(PTHREAD_STACK_MIN) : stack);
+    int rc = pthread_create(thread, &attr, fn, arg);
+    pthread_attr_destroy(&attr);
     if (rc == 0 && name)
         pthread_setname_np(*thread, name);
     return rc;
@@ -49,8 +54,10 @@ int qz_pthread_create(pthread_t *thread, qz_thread_fn fn, void *arg, int prio, i
         return EINVAL;
     pthread_attr_t attr;
     pthread_attr_init(&attr);
-    if (stack > 0)
-        pthread_attr_setstacksize(&attr, stack < PTHREAD_STACK_MIN ? PTHREAD_STACK_MIN : stack);
+    // 0 (the daemon's start-up thread asks no size): the runtime's own threads' size,
+    // not the 8 MiB of address space the system would reserve.
+    size_t want = stack > 0 ? size_t(stack) : RT_STACK_DAEMON;
+    pthread_attr_setstacksize(&attr, want < size_t(PTHREAD_STACK_MIN) ? size_t(PTHREAD_STACK_MIN) : want);
     bool sched = policy == SCHED_FIFO || policy == SCHED_RR;
     if (sched) {
         sched_param sp{};

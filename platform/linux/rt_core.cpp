@@ -291,7 +291,7 @@ void rt_signals_init()
         sigaddset(&set, SIGINT);
         pthread_sigmask(SIG_BLOCK, &set, nullptr);
         rt_stop_fd();
-        if (pthread_create(&g_signal_thread, nullptr, signal_thread, &set) != 0) {
+        if (rt_thread_create(&g_signal_thread, signal_thread, &set, "qz_signal", RT_STACK_SIGNAL) != 0) {
             rt_log(LOG_ERR, "cannot start the signal thread: SIGTERM/SIGINT will not stop");
             return;
         }

@@ -18,6 +18,9 @@ void rt_kevent_post(uint32_t id, const void *payload, int len);
 // True while the queue holds its bound (1 MiB, counted with bookkeeping): sources
 // outside the process then stop reading (server channel) or drop (events.sock).
 bool rt_event_queue_full();
+// Readable (eventfd) once the queue has dropped below its bound since it was last
+// read: a source held back by a full queue waits on it instead of polling.
+int rt_event_room_fd();
 // Observers of qz_event_send (owner service, events.sock subscribers).
 typedef void (*rt_event_tap_fn)(uint32_t id, const void *payload, int len);
 void rt_event_add_send_tap(rt_event_tap_fn fn);

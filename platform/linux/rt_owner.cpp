@@ -45,7 +45,7 @@ static bool owner_associated_here(const uint8_t *mac)
 void rt_owner_stop()
 {
     std::lock_guard l(g_mu);
-    owner_slot().reset(); // joins its worker
+    owner_slot().reset(); // waits out a turn on the loop
 }
 
 void rt_owner_start()

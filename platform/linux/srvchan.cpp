@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -13,7 +14,7 @@
 #include <chrono>
 #include <deque>
 #include <mutex>
-#include <thread>
+#include <utility>
 
 #include "qz_evt_srv_msg.h"
 #include "rt_config.h"
@@ -21,6 +22,7 @@
 #include "rt_event.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_process.h"
 #include "rt_stop.h"
 #include "srvchan.h"
 #include "srvchan_transport.h"
@@ -28,14 +30,14 @@
 namespace {
 
 constexpr size_t OUT_HIGH_WATER = 1 << 16; // frames moved from the queue per round
-constexpr int HOLD_POLL_MS = 20;       // how often a full event queue is looked at again
 
 struct chan_state {
     std::mutex mu;                  // queue, queue_bytes, timing, thread
     std::deque<std::string> queue;  // payloads waiting for the link, oldest first
     size_t queue_bytes = 0;
     srvchan_timing timing;
-    std::thread thread;
+    pthread_t thread{};
+    bool running = false;           // thread started and not yet joined
     std::atomic<int> wake_fd{-1};   // eventfd: new message or stop; kept open for good
     std::atomic<bool> stop{false};
     std::atomic<bool> connected{false};
@@ -271,7 +273,8 @@ bool keep_alive(session_state &ss, int &timeout)
     int64_t next = ss.held_out ? ss.last_tx + t.dead_ms
                                : std::min(ss.last_rx + t.dead_ms,
                                           std::max(ss.last_rx, ss.last_ping) + t.ping_idle_ms);
-    timeout = int(std::clamp<int64_t>(next - now, 0, ss.held_in ? HOLD_POLL_MS : INT32_MAX));
+    // Held for a full event queue, nothing is due until it has room (the room fd).
+    timeout = ss.held_in ? -1 : int(std::clamp<int64_t>(next - now, 0, INT32_MAX));
     return true;
 }
 
@@ -379,10 +382,11 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
             timeout = 0;
         short want = tp.poll_events(conn, reading, ss.pending() > 0);
         out_gauge = ss.pending();
-        pollfd p[3] = {{want ? tp.poll_fd(conn) : -1, want, 0},
+        pollfd p[4] = {{want ? tp.poll_fd(conn) : -1, want, 0},
                        {s.wake_fd.load(), POLLIN, 0},
-                       {rt_stop_fd(), POLLIN, 0}};
-        if (::poll(p, 3, timeout) < 0) {
+                       {rt_stop_fd(), POLLIN, 0},
+                       {ss.held_in ? rt_event_room_fd() : -1, POLLIN, 0}};
+        if (::poll(p, 4, timeout) < 0) {
             if (errno == EINTR)
                 continue;
             ss.fail("poll failed");
@@ -390,6 +394,10 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
         }
         if (p[1].revents & POLLIN)
             drain_wake();
+        if (p[3].revents & POLLIN) {
+            eventfd_t v;
+            eventfd_read(p[3].fd, &v);
+        }
         // Any readiness tries both ways: under TLS a read may wait for output room
         // and a write for input.
         bool ready = p[0].revents != 0;
@@ -419,7 +427,7 @@ const srv_transport &pick_transport()
     return srv_tcp_transport;
 }
 
-void channel_main()
+void *channel_main(void *)
 {
     chan_state &s = st();
     const srv_transport &tp = pick_transport();
@@ -456,6 +464,7 @@ void channel_main()
         pause_ms(backoff);
         backoff = std::min(backoff * 2, t.backoff_max_ms);
     }
+    return nullptr;
 }
 
 } // namespace
@@ -501,7 +510,7 @@ void srvchan_open()
 {
     chan_state &s = st();
     std::lock_guard g(s.mu);
-    if (s.thread.joinable() || rt_stopping())
+    if (s.running || rt_stopping())
         return;
     if (s.wake_fd < 0) {
         int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
@@ -512,21 +521,24 @@ void srvchan_open()
         s.wake_fd = fd;
     }
     s.stop = false;
-    s.thread = std::thread(channel_main);
+    if (int rc = rt_thread_create(&s.thread, channel_main, nullptr, "qz_srvchan", RT_STACK_DAEMON))
+        rt_log(3, "server channel: cannot start its thread: %s\n", strerror(rc));
+    else
+        s.running = true;
 }
 
 void srvchan_close()
 {
     chan_state &s = st();
-    std::thread th;
+    bool running;
     {
         std::lock_guard g(s.mu);
-        th = std::move(s.thread);
+        running = std::exchange(s.running, false);
         s.stop = true;
     }
     wake_thread();
-    if (th.joinable())
-        th.join();
+    if (running)
+        pthread_join(s.thread, nullptr);
     std::lock_guard g(s.mu);
     s.queue.clear();
     s.queue_bytes = 0;

@@ -14,6 +14,7 @@
 #include "rt_event.h"
 #include "rt_process.h"
 #include "rt_stop.h"
+#include "rt_life.h"
 #include "rt_test_util.h"
 
 namespace {
@@ -168,7 +169,9 @@ TEST(EventStop, AStopRequestEndsTheEventThread)
         if (rt_event_running())
             _exit(3);
         // A stop before readiness must end the daemon's wait for it, or it never exits.
-        _exit(qz_sys_ready() ? 0 : 4);
+        int status = qz_sys_ready() ? 0 : 4;
+        rt_life_stop_all(); // joins the threads that ended on the stop, as the daemon does
+        _exit(status);
     };
     EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
 }

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "nbr_endpoint.h"
+#include "nbr_mac.h"
 #include "nbr_test_util.h"
 #include "rt_counter.h"
 #include "rt_test_util.h"
@@ -63,6 +64,29 @@ struct sink {
 };
 
 } // namespace
+
+// The tag is HMAC-SHA256 (RFC 4231, case 2); a key is set up once, not per datagram,
+// and a change of key is never answered with the previous key's context.
+TEST(NbrMac, KeyedOncePerKeyAndRightAcrossKeyChanges)
+{
+    const std::string data = "what do ya want for nothing?";
+    auto mac = [&](const char *key) {
+        uint8_t out[NBR_MAC_LEN];
+        EXPECT_TRUE(nbr_mac(key, (const uint8_t *)data.data(), data.size(), out));
+        return bytes(out, out + NBR_MAC_LEN);
+    };
+    const bytes jefe = {0x5b, 0xdc, 0xc1, 0x46, 0xbf, 0x60, 0x75, 0x4e, 0x6a, 0x04, 0x24,
+                        0x26, 0x08, 0x95, 0x75, 0xc7, 0x5a, 0x00, 0x3f, 0x08, 0x9d, 0x27,
+                        0x39, 0x83, 0x9d, 0xec, 0x58, 0xb9, 0x64, 0xec, 0x38, 0x43};
+    uint64_t keyed = rt_counter("nbr.mac_keyed");
+    for (int i = 0; i < 100; i++)
+        ASSERT_EQ(mac("Jefe"), jefe);
+    EXPECT_LE(rt_counter("nbr.mac_keyed") - keyed, 1u) << "keyed per datagram";
+    bytes other = mac("Jeff");
+    EXPECT_NE(other, jefe);
+    EXPECT_EQ(mac("Jefe"), jefe) << "answered with the previous key";
+    EXPECT_EQ(mac("Jeff"), other);
+}
 
 TEST(NbrEnvelope, LayoutTagChecksAndRefusals)
 {

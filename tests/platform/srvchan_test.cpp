@@ -349,7 +349,8 @@ TEST_F(SrvChan, FloodingServerThatNeverReadsIsHeldToTheOutputBoundThenDropped)
 }
 
 // MESSAGE frames wait in the server's socket while the event queue is full (no event
-// thread empties it here), and are read again, none lost, once it has room.
+// thread empties it here), and are read again, none lost, once it has room. The held
+// channel sleeps meanwhile: it wakes for the queue's room, not to look again.
 TEST_F(SrvChan, MessageFloodIsHeldBackWhileTheEventQueueIsFull)
 {
     srvchan_set_deliver(nullptr); // to the event queue
@@ -363,6 +364,9 @@ TEST_F(SrvChan, MessageFloodIsHeldBackWhileTheEventQueueIsFull)
     EXPECT_LE(counter("event_queue_bytes"), (1u << 20) + msg.size() + 64);
     EXPECT_EQ(counter("srvchan.held_inbound"), held + 1);
     EXPECT_TRUE(srvchan_connected());
+    uint64_t wakes = counter("wake.srvchan");
+    std::this_thread::sleep_for(ms(300));
+    EXPECT_LE(counter("wake.srvchan") - wakes, 1u) << "a held channel polls the full queue";
     uint64_t frames = counter("srvchan.frames_in");
     qz_event_cleanup(); // empties the queue
     EXPECT_TRUE(counter_moves("srvchan.frames_in", frames));

@@ -1,12 +1,20 @@
 // Threads and stopping: created threads leave SIGTERM/SIGINT to the signal thread,
-// scheduling requests degrade gracefully, and a signal turns into a stop request.
+// scheduling requests degrade gracefully, and a signal turns into a stop request; and
+// the process's allocator gives large buffers back.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "qz_sys.h"
 #include "qz_tpa.h"
 #include "rt_config.h"
+#include "rt_malloc.h"
 #include "rt_stop.h"
 #include "rt_test_util.h"
 
@@ -55,4 +63,35 @@ TEST(Stop, SigtermBecomesAStopRequestAndWakesPollers)
         _exit(poll(&p, 1, 0) == 1 ? 0 : 4);
     };
     EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+}
+
+// A show at full load builds megabytes of text on the CLI agent's thread. Once freed,
+// they go back to the system, the second time as the first (glibc would otherwise
+// raise its mmap threshold after the first such free and keep later ones in a heap).
+TEST(Memory, MegabyteBuffersGoBackToTheSystemWhenFreed)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer has its own allocator";
+#endif
+    rt_malloc_setup();
+    auto resident_kib = [] {
+        long pages = 0, rss = 0;
+        FILE *f = fopen("/proc/self/statm", "r");
+        EXPECT_TRUE(f && fscanf(f, "%ld %ld", &pages, &rss) == 2);
+        if (f)
+            fclose(f);
+        return rss * (sysconf(_SC_PAGESIZE) / 1024);
+    };
+    auto show = [] { // a reply grown line by line, then framed into a copy
+        std::string text;
+        for (int i = 0; i < 40000; i++)
+            text += "12  02fd.0000.0001 -60   2412  yes    -60     3     \n";
+        std::vector<uint8_t> reply(text.begin(), text.end());
+        EXPECT_EQ(reply.size(), 40000u * 53);
+    };
+    std::thread(show).join();
+    long before = resident_kib();
+    for (int i = 0; i < 3; i++)
+        std::thread(show).join();
+    EXPECT_LT(resident_kib() - before, 512) << "KiB kept after the buffers were freed";
 }

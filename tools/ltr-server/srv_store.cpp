@@ -101,7 +101,11 @@ void store_expire(store &s, double now, std::vector<st_event> &ev)
             continue;
         }
         std::erase_if(st.readings, [&](const auto &kv) { return now - kv.second.t > s.params.timeout_s; });
-        if (st.readings.empty() || pos_track_expired(st.track, now, s.params)) {
+        // The track may age out while readings from another floor still stand (the
+        // engine tracks the strongest floor's): it then starts again from them.
+        if (!st.readings.empty() && pos_track_expired(st.track, now, s.params))
+            st.track = {};
+        if (st.readings.empty()) {
             st.present = false;
             st.readings.clear();
             st.track = {};

@@ -1,103 +1,35 @@
-// Radio I/O: one runtime thread polls the descriptors drivers add (a capture handle, a
-// socket) and runs their handlers; it sleeps in poll until one of them, a change of
-// the set or the stop has something.
-#include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
-#include <syslog.h>
-#include <unistd.h>
+// Radio I/O: the descriptors drivers add (a capture handle, a socket) wait on the
+// runtime's service loop, which runs their handlers.
+#include <sys/epoll.h>
 
-#include <algorithm>
-#include <condition_variable>
+#include <map>
 #include <mutex>
-#include <vector>
 
 #include "rt.h"
-#include "rt_life.h"
-#include "rt_log.h"
-#include "rt_process.h"
-#include "rt_stop.h"
+#include "rt_loop.h"
 
 namespace {
 
 struct io_entry {
-    int fd;
     void (*fn)(void *);
     void *arg;
 };
 
 struct io_state {
     std::mutex mu;
-    std::condition_variable idle; // busy went back to -1
-    std::vector<io_entry> entries;
-    int wake = -1;                // eventfd: the set changed, or stop
-    bool running = false;
-    bool quit = false;
-    pthread_t thread{};
-    int busy = -1;                // fd whose handler runs now
+    std::map<int, io_entry> entries; // nodes stay put: the loop holds their address
 };
 
 io_state &st()
 {
-    static io_state s;
-    return s;
+    static io_state *s = new io_state; // the loop may outlive static destruction
+    return *s;
 }
 
-void *io_thread(void *)
+void on_ready(void *arg, uint32_t)
 {
-    io_state &s = st();
-    std::vector<pollfd> p;
-    for (;;) {
-        {
-            std::lock_guard l(s.mu);
-            if (s.quit)
-                break;
-            p.assign({{rt_stop_fd(), POLLIN, 0}, {s.wake, POLLIN, 0}});
-            for (const io_entry &e : s.entries)
-                p.push_back({e.fd, POLLIN, 0});
-        }
-        if (poll(p.data(), p.size(), -1) < 0)
-            continue; // EINTR
-        if (p[0].revents)
-            break;
-        if (p[1].revents) {
-            eventfd_t v;
-            eventfd_read(s.wake, &v);
-        }
-        for (size_t i = 2; i < p.size(); i++) {
-            if (!p[i].revents)
-                continue;
-            std::unique_lock l(s.mu);
-            auto it = std::find_if(s.entries.begin(), s.entries.end(),
-                                   [&](const io_entry &e) { return e.fd == p[i].fd; });
-            if (it == s.entries.end())
-                continue; // removed meanwhile
-            io_entry e = *it;
-            s.busy = e.fd;
-            l.unlock();
-            e.fn(e.arg);
-            l.lock();
-            s.busy = -1;
-            s.idle.notify_all();
-        }
-    }
-    return nullptr;
-}
-
-void io_stop()
-{
-    io_state &s = st();
-    {
-        std::lock_guard l(s.mu);
-        if (!s.running || pthread_equal(s.thread, pthread_self()))
-            return;
-        s.quit = true;
-    }
-    eventfd_write(s.wake, 1);
-    pthread_join(s.thread, nullptr);
-    std::lock_guard l(s.mu);
-    s.running = false;
-    s.quit = false;
+    const io_entry *e = static_cast<const io_entry *>(arg);
+    e->fn(e->arg);
 }
 
 } // namespace
@@ -107,35 +39,22 @@ int rt_io_add(int fd, void (*fn)(void *arg), void *arg)
     io_state &s = st();
     if (fd < 0 || !fn)
         return -1;
-    {
-        std::lock_guard l(s.mu);
-        if (std::any_of(s.entries.begin(), s.entries.end(), [&](const io_entry &e) { return e.fd == fd; }))
-            return -1;
-        if (s.wake < 0 && (s.wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) < 0)
-            return -1;
-        s.entries.push_back({fd, fn, arg});
-        if (!s.running) {
-            if (rt_thread_create(&s.thread, io_thread, nullptr, "radio-io") != 0) {
-                s.entries.pop_back();
-                rt_log(LOG_ERR, "cannot start the radio I/O thread");
-                return -1;
-            }
-            s.running = true;
-        }
+    std::lock_guard l(s.mu);
+    auto [it, added] = s.entries.try_emplace(fd, io_entry{fn, arg});
+    if (!added)
+        return -1;
+    if (rt_loop_add(fd, EPOLLIN, on_ready, &it->second) != 0) {
+        s.entries.erase(it);
+        return -1;
     }
-    rt_life_started("radio I/O", io_stop);
-    eventfd_write(s.wake, 1);
     return 0;
 }
 
 void rt_io_remove(int fd)
 {
     io_state &s = st();
-    std::unique_lock l(s.mu);
-    std::erase_if(s.entries, [&](const io_entry &e) { return e.fd == fd; });
-    if (!s.running)
-        return;
-    eventfd_write(s.wake, 1); // the thread stops polling fd
-    if (!pthread_equal(s.thread, pthread_self()))
-        s.idle.wait(l, [&] { return s.busy != fd; });
+    // Waits out a running handler first: only then is its entry free to go.
+    rt_loop_remove(fd);
+    std::lock_guard l(s.mu);
+    s.entries.erase(fd);
 }

@@ -307,7 +307,8 @@ int pcap_open_radio(rt_radio *r)
     p->fetched.resize(k_window_stations);
     if (!(p->h = open_source(*p)))
         return -1;
-    if (int e = rt_thread_create(&p->thread, capture_thread, p.get(), "pcap")) {
+    if (int e = rt_thread_create(&p->thread, capture_thread, p.get(), "pcap",
+                                 RT_STACK_DAEMON)) {
         rt_log(LOG_ERR, "pcap: %s: cannot start the capture thread: %s", p->name.c_str(), strerror(e));
         pcap_close(p->h);
         return -1;

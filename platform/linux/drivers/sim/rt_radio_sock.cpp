@@ -1,10 +1,10 @@
 // radio.sock: the text control socket of the simulated radios (hear, forget, clear,
 // assoc, disassoc, fail, state), one request per line, replies ending in ok or error.
 // Replies are written without blocking, so a client that does not read stalls only itself.
+// The listener, the clients and their deadline timer are handled on the service loop.
 #include <errno.h>
-#include <poll.h>
 #include <string.h>
-#include <sys/eventfd.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,18 +12,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <list>
 #include <atomic>
 #include <charconv>
 #include <map>
 #include <mutex>
 #include <sstream>
-#include <thread>
 
 #include "rt_counter.h"
 #include "rt_local_sock.h"
 #include "rt_log.h"
+#include "rt_loop.h"
 #include "rt_process.h"
-#include "rt_stop.h"
 #include "sim_radio.h"
 
 namespace {
@@ -102,33 +102,6 @@ std::string run(const std::vector<std::string> &w, std::string &out)
     return sim_hear(r, h);
 }
 
-struct sock_server {
-    std::mutex mu;
-    std::thread th;
-    std::atomic<bool> stop{false};
-    std::string path;
-    int fd = -1;
-    int wake_fd = -1; // eventfd: rt_radio_sock_stop
-    rt_sock_limits limits{16, 30000, 5000, 250};
-    ~sock_server()
-    {
-        if (th.joinable()) {
-            stop = true;
-            eventfd_write(wake_fd, 1);
-            th.join();
-            close(fd);
-            close(wake_fd);
-            unlink(path.c_str());
-        }
-    }
-};
-
-sock_server &srv()
-{
-    static sock_server s;
-    return s;
-}
-
 // Replies held for one client; past this its further requests wait unread, so a
 // client that never reads costs a bounded buffer and blocks nobody else.
 constexpr size_t k_max_out = 64 << 10;
@@ -143,6 +116,7 @@ struct rclient {
 
 void drop(rclient &c, const char *why)
 {
+    rt_loop_remove(c.fd);
     if (why) {
         rt_counter("radio_sock.closed_bad")++;
         rt_log_ratelimited("radio_sock.closed_bad", 10, LOG_WARNING,
@@ -203,7 +177,7 @@ void on_readable(rclient &c)
 }
 
 // The longest idle client makes room for a new one; false when all are busy.
-bool evict_idle(std::vector<rclient> &clients)
+bool evict_idle(std::list<rclient> &clients)
 {
     rclient *victim = nullptr;
     for (auto &c : clients)
@@ -216,70 +190,116 @@ bool evict_idle(std::vector<rclient> &clients)
     return true;
 }
 
-void accept_one(rt_listener &l, std::vector<rclient> &clients, const rt_sock_limits &lim)
+struct sock_server {
+    std::mutex mu;               // everything below; each handler holds it
+    bool running = false;
+    bool stopping = false;       // handlers that come late do nothing
+    std::string path;
+    rt_listener lst;
+    int timer = -1;              // the next client deadline or the listener's rest
+    std::list<rclient> clients;  // nodes stay put: the loop holds their address
+    rt_sock_limits limits{16, 30000, 5000, 250};
+};
+
+sock_server &srv()
 {
-    int fd = rt_accept(l, "radio_sock", lim.accept_backoff_ms);
-    if (fd == RT_ACCEPT_NO_FDS && evict_idle(clients))
-        l.rest_until = 0; // the freed descriptor lets the backlog move on at once
+    static sock_server *s = new sock_server; // the exit hook stops it after statics go
+    return *s;
+}
+
+void on_client(void *arg, uint32_t events);
+
+void accept_one(sock_server &s)
+{
+    int fd = rt_accept(s.lst, "radio_sock", s.limits.accept_backoff_ms);
+    if (fd == RT_ACCEPT_NO_FDS && evict_idle(s.clients))
+        s.lst.rest_until = 0; // the freed descriptor lets the backlog move on at once
     if (fd < 0)
         return;
-    if (clients.size() >= lim.max_clients && !evict_idle(clients)) {
+    if (s.clients.size() >= s.limits.max_clients && !evict_idle(s.clients)) {
         rt_counter("radio_sock.refused")++;
         rt_log_ratelimited("radio_sock.refused", 10, LOG_WARNING,
                            "radio.sock: %d clients busy, refusing one more",
-                           static_cast<int>(clients.size()));
+                           static_cast<int>(s.clients.size()));
         close(fd);
         return;
     }
-    clients.push_back(rclient{fd, {}, {}, rt_now_ms()});
+    s.clients.push_back(rclient{fd, {}, {}, rt_now_ms()});
+    if (rt_loop_add(fd, EPOLLIN, on_client, &s.clients.back()) != 0) {
+        close(fd);
+        s.clients.pop_back();
+    }
 }
 
-void serve(int lfd, int wake_fd, rt_sock_limits lim)
+// After each handler: drops the clients past their deadline, waits on each for what
+// it can do next, and arms the timer for the next deadline.
+void settle(sock_server &s)
 {
-    std::vector<rclient> clients;
-    rt_listener l{lfd, 0};
-    std::vector<pollfd> p;
-    constexpr size_t FIXED = 3; // listener, wake, stop
-    std::atomic<uint64_t> &wakes = rt_counter("wake.radio_sock"); // loop turns
-    while (!srv().stop && !rt_stopping()) {
-        wakes++;
-        int64_t now = rt_now_ms(), next = -1;
-        for (auto &c : clients) {
-            int64_t due = c.last_ms + (c.busy() ? lim.stall_ms : lim.idle_ms);
-            if (now >= due)
-                drop(c, c.busy() ? "stalled in the middle of a line or not reading its replies"
-                                 : nullptr);
-            else
-                next = next < 0 ? due : std::min(next, due);
-        }
-        std::erase_if(clients, [](const rclient &c) { return c.fd < 0; });
-        int lpoll = rt_listener_poll_fd(l, now);
-        if (lpoll < 0)
-            next = next < 0 ? l.rest_until : std::min(next, l.rest_until);
-        p.assign({{lpoll, POLLIN, 0}, {wake_fd, POLLIN, 0}, {rt_stop_fd(), POLLIN, 0}});
-        for (auto &c : clients)
-            p.push_back({c.fd, static_cast<short>((c.out.size() < k_max_out ? POLLIN : 0) |
-                                                  (c.out.empty() ? 0 : POLLOUT)),
-                         0});
-        int timeout = next < 0 ? -1 : static_cast<int>(std::min<int64_t>(next - now, INT32_MAX));
-        if (poll(p.data(), p.size(), timeout) <= 0)
+    const rt_sock_limits &lim = s.limits;
+    int64_t now = rt_now_ms(), next = -1;
+    for (auto &c : s.clients) {
+        if (c.fd < 0)
             continue;
-        for (size_t i = 0; i < clients.size(); i++) {
-            rclient &c = clients[i];
-            short re = p[i + FIXED].revents;
-            if (re & (POLLOUT | POLLERR)) {
-                flush(c);
-                run_lines(c); // lines held back while the replies were full
-            }
-            if (c.fd >= 0 && (re & (POLLIN | POLLHUP | POLLERR)))
-                on_readable(c);
-        }
-        std::erase_if(clients, [](const rclient &c) { return c.fd < 0; });
-        if (p[0].revents & POLLIN)
-            accept_one(l, clients, lim);
+        int64_t due = c.last_ms + (c.busy() ? lim.stall_ms : lim.idle_ms);
+        if (now >= due)
+            drop(c, c.busy() ? "stalled in the middle of a line or not reading its replies"
+                             : nullptr);
+        else
+            next = next < 0 ? due : std::min(next, due);
     }
-    for (auto &c : clients)
-        close(c.fd);
+    std::erase_if(s.clients, [](const rclient &c) { return c.fd < 0; });
+    for (auto &c : s.clients)
+        rt_loop_set(c.fd, (c.out.size() < k_max_out ? uint32_t(EPOLLIN) : 0) |
+                              (c.out.empty() ? 0 : uint32_t(EPOLLOUT)));
+    bool resting = rt_listener_poll_fd(s.lst, now) < 0;
+    rt_loop_set(s.lst.fd, resting ? 0 : uint32_t(EPOLLIN));
+    if (resting)
+        next = next < 0 ? s.lst.rest_until : std::min(next, s.lst.rest_until);
+    rt_loop_timer_set(s.timer, next < 0 ? -1 : next - now);
+}
+
+void woke()
+{
+    static std::atomic<uint64_t> &wakes = rt_counter("wake.radio_sock"); // turns
+    wakes++;
+}
+
+void on_client(void *arg, uint32_t re)
+{
+    sock_server &s = srv();
+    std::lock_guard l(s.mu);
+    if (s.stopping)
+        return;
+    woke();
+    rclient &c = *static_cast<rclient *>(arg);
+    if (re & (EPOLLOUT | EPOLLERR)) {
+        flush(c);
+        run_lines(c); // lines held back while the replies were full
+    }
+    if (c.fd >= 0 && (re & (EPOLLIN | EPOLLHUP | EPOLLERR)))
+        on_readable(c);
+    settle(s);
+}
+
+void on_listener(void *, uint32_t)
+{
+    sock_server &s = srv();
+    std::lock_guard l(s.mu);
+    if (s.stopping)
+        return;
+    woke();
+    accept_one(s);
+    settle(s);
+}
+
+void on_timer(void *, uint32_t)
+{
+    sock_server &s = srv();
+    std::lock_guard l(s.mu);
+    if (s.stopping)
+        return;
+    woke();
+    settle(s);
 }
 
 } // namespace
@@ -299,7 +319,7 @@ void rt_radio_sock_start()
 {
     sock_server &s = srv();
     std::lock_guard l(s.mu);
-    if (s.th.joinable())
+    if (s.running)
         return;
     std::string path = rt_runtime_path("radio.sock");
     std::string dir = path.substr(0, path.rfind('/'));
@@ -325,30 +345,45 @@ void rt_radio_sock_start()
         close(fd);
         return;
     }
-    int wake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (wake < 0) {
-        rt_log(LOG_ERR, "radio.sock: eventfd: %s", strerror(errno));
+    s.stopping = false;
+    s.lst = {fd, 0};
+    s.path = path;
+    s.timer = rt_loop_timer_open(on_timer, nullptr);
+    if (s.timer < 0 || rt_loop_add(fd, EPOLLIN, on_listener, nullptr) != 0) {
+        rt_log(LOG_ERR, "radio.sock: cannot serve on the service loop");
+        rt_loop_timer_close(s.timer);
+        s.timer = -1;
         close(fd);
+        unlink(path.c_str());
         return;
     }
-    s.fd = fd;
-    s.wake_fd = wake;
-    s.path = path;
-    s.stop = false;
-    s.th = std::thread(serve, fd, wake, s.limits);
+    s.running = true;
 }
 
 void rt_radio_sock_stop()
 {
     sock_server &s = srv();
+    std::vector<int> fds;
+    {
+        std::lock_guard l(s.mu);
+        if (!s.running)
+            return;
+        s.stopping = true;
+        fds.push_back(s.lst.fd);
+        for (const rclient &c : s.clients)
+            fds.push_back(c.fd);
+    }
+    // Off the loop first (each waits out its handler), outside the lock they take.
+    for (int fd : fds)
+        rt_loop_remove(fd);
+    rt_loop_timer_close(s.timer);
     std::lock_guard l(s.mu);
-    if (!s.th.joinable())
-        return;
-    s.stop = true;
-    eventfd_write(s.wake_fd, 1);
-    s.th.join();
-    close(s.fd);
-    close(s.wake_fd);
+    for (const rclient &c : s.clients)
+        close(c.fd);
+    s.clients.clear();
+    close(s.lst.fd);
     unlink(s.path.c_str());
-    s.fd = s.wake_fd = -1;
+    s.lst = {};
+    s.timer = -1;
+    s.running = false;
 }

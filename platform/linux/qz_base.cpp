@@ -29,8 +29,8 @@ int g_ready_fd = -1; // write end held by the detached process until it is ready
 
 int qz_daemonize(int nochdir, int noclose)
 {
-    rt_entry(); // --help, --version, --check-config end here
     rt_malloc_setup();
+    rt_entry(); // --help, --version, --check-config end here
     const rt_config &c = rt_cfg(); // a bad configuration ends the start before detaching
     if (!c.foreground) {
         int pfd[2];

@@ -51,7 +51,8 @@ std::vector<int> cycle_platform_prepare()
     for (int r = 0; r < n; r++) {
         int ifindex = (int)if_nametoindex(c.radios[(size_t)r].name.c_str());
         auto sr = sim_radio_find(c.radios[(size_t)r].name);
-        if (!sr || qz_dcd_set_lta_track_enable(ifindex, 1) != 0)
+        if (!sr || qz_dcd_set_lta_track_enable(ifindex, 1) != 0 ||
+            qz_dcd_set_lta_lmatch_enable(ifindex, 0) != 0)
             return {};
         for (int i = 0; i < recs; i++) {
             sim_heard h;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the demo need, when missing.
-# (mosquitto, mosquitto-clients and chromium: the location server's MQTT and map tests.)
+# (mosquitto, mosquitto-clients and chromium: the location server's MQTT and map tests;
+# tshark: the dissectors' test.)
 # As root it runs apt-get; otherwise it prints the exact command and fails.
 # `deps.sh --packaging` installs only the tools that build and check the .deb packages.
 # The i386 libraries of the 32-bit build come last and are optional: when they cannot be
@@ -10,7 +11,7 @@ set -euo pipefail
 pkgs=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
       liblmdb-dev libtomlplusplus-dev libssl-dev clang libclang-rt-14-dev iproute2 python3
       libpcap-dev libnl-genl-3-dev openssl libcpp-httplib-dev nlohmann-json3-dev
-      libmosquitto-dev mosquitto mosquitto-clients chromium libeigen3-dev)
+      libmosquitto-dev mosquitto mosquitto-clients chromium libeigen3-dev libsystemd-dev tshark)
 # The man pages and the Debian packages (dpkg-buildpackage, lintian; the package test).
 pkgs_deb=(scdoc dpkg-dev debhelper fakeroot lintian man-db)
 # The 32-bit build (cmake/i386.cmake) links against Debian's i386 multiarch libraries.

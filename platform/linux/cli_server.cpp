@@ -21,6 +21,7 @@
 #include "rt_counter.h"
 #include "rt_local_sock.h"
 #include "rt_log.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 #include "rt_stop.h"
 
@@ -76,6 +77,7 @@ void process(client &c)
         std::vector<uint8_t> body(c.in.begin() + 4, c.in.begin() + 4 + len);
         c.in.erase(c.in.begin(), c.in.begin() + 4 + len);
         rt_counter("cli.requests")++;
+        rt_watched_call watched("CLI agent");
         c.out = frame(cli_handle_request(body));
         c.out_off = 0;
     }

@@ -28,6 +28,7 @@
 #include "rt_life.h"
 #include "rt_log.h"
 #include "rt_loop.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 
 namespace {
@@ -140,6 +141,7 @@ static bool nbr_fresh(nbr_endpoint *ep, const nbr_opened &o, uint32_t src, size_
 
 static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_t src)
 {
+    rt_log_about about("PEER", src);
     const auto &peers = ep->params.peers;
     if (!peers.empty() && std::find(peers.begin(), peers.end(), src) == peers.end()) {
         nbr_drop("foreign", src, len);
@@ -174,6 +176,7 @@ static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_
     // An empty payload still comes as a real pointer: receivers check it is not null.
     std::vector<uint8_t> payload(buf + off, buf + off + plen);
     payload.reserve(1);
+    rt_watched_call watched("neighbour receive");
     fn(src, payload.data(), static_cast<int>(plen));
 }
 

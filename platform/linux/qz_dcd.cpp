@@ -21,6 +21,7 @@
 #include "rt_counter.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 #include "rt_stop.h"
 
@@ -43,6 +44,10 @@ std::vector<std::pair<std::string, unsigned>> g_index;
 // this access point hears, as its peers may ask.
 std::mutex g_heard_mu;
 std::vector<std::array<std::vector<mac6>, 2>> g_heard;
+
+// Tracking switch of each radio by position, for the service manager's status line.
+std::mutex g_track_mu;
+std::vector<bool> g_track_on;
 
 // A socket kept for SIOCGIFINDEX, so looking up an interface that is no radio costs
 // one ioctl instead of glibc's socket, ioctl and close.
@@ -82,6 +87,10 @@ void close_all_locked()
             (*it)->ops->close(it->get());
     g_radios.clear();
     g_opened = false;
+    {
+        std::lock_guard t(g_track_mu);
+        g_track_on.clear();
+    }
     std::lock_guard h(g_heard_mu);
     g_heard.clear();
 }
@@ -131,6 +140,7 @@ template <typename M, typename... A> int call(int ifindex, M member, A... args)
     rt_radio *r = find_locked(ifindex);
     if (!r || !(r->ops->*member))
         return -1;
+    rt_log_about about("RADIO", r->cfg.name.c_str()); // what the driver (or caller) logs now
     return (r->ops->*member)(r, args...);
 }
 
@@ -287,6 +297,16 @@ int qz_dcd_set_lta_track_enable(int ifindex, int enable)
     int rc = call(ifindex, &rt_driver_ops::set_track_enable, enable);
     if (rc == 0 && !enable)
         note_heard(ifindex, nullptr, 0), note_heard(ifindex, nullptr, 0); // hears nothing now
+    int pos = position_of(ifindex);
+    if (rc == 0 && pos >= 0) {
+        {
+            std::lock_guard t(g_track_mu);
+            if (g_track_on.size() <= (size_t)pos)
+                g_track_on.resize(pos + 1);
+            g_track_on[pos] = enable != 0;
+        }
+        rt_notify_status();
+    }
     return rc;
 }
 
@@ -325,6 +345,15 @@ int qz_dcd_get_lta_stats(int ifindex, lta_stats *stats)
     if (!stats)
         return -1;
     return call(ifindex, &rt_driver_ops::get_stats, stats);
+}
+
+void rt_dcd_tracking(int &on, int &total)
+{
+    {
+        std::lock_guard t(g_track_mu);
+        on = (int)std::count(g_track_on.begin(), g_track_on.end(), true);
+    }
+    total = (int)rt_cfg().radios.size();
 }
 
 std::vector<rt_radio *> rt_radios()

@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -19,6 +20,7 @@
 #include "rt_event.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 #include "rt_stop.h"
 #include "srvchan.h"
@@ -143,6 +145,9 @@ void *event_thread(void *)
     l.running = true;
     pollfd fds[4];
     std::atomic<uint64_t> &wakes = rt_counter("wake.event"); // loop turns, to spot ticking
+    // With a service manager's watchdog, the poll wakes twice per period to kick it.
+    int64_t watchdog = rt_watchdog_period_ms();
+    int poll_ms = watchdog > 0 ? (int)std::max<int64_t>(watchdog / 2, 1) : -1;
     for (;;) {
         wakes++;
         while (!l.queue.empty() && !l.quit && !rt_stopping()) {
@@ -155,6 +160,7 @@ void *event_thread(void *)
             rt_counter("event_queue_bytes") = l.queue_bytes;
             lk.unlock();
             deliver(l, d);
+            rt_watchdog_kick(watchdog); // a queue that never empties must not starve it
             lk.lock();
         }
         if (l.quit || rt_stopping())
@@ -169,7 +175,9 @@ void *event_thread(void *)
         if (l.sock_fd >= 0)
             fds[n++] = {l.sock_fd, POLLIN, 0};
         lk.unlock();
-        int rc = poll(fds, n, -1);
+        // Each turn tells the watchdog that this thread still runs the daemon's events.
+        rt_watchdog_kick(watchdog);
+        int rc = poll(fds, n, poll_ms);
         if (rc > 0) {
             if (fds[0].revents) {
                 eventfd_t v;

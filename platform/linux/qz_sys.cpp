@@ -10,6 +10,7 @@
 #include <atomic>
 
 #include "rt_log.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 #include "rt_stop.h"
 
@@ -22,6 +23,7 @@ int qz_sys_ready(void)
     if (now && !ready.exchange(true)) {
         rt_log(LOG_NOTICE, "system ready");
         rt_daemon_ready();
+        rt_notify_ready();
     }
     if (!now && rt_stopping())
         return 1;

@@ -14,6 +14,7 @@
 #include "rt_counter.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 
 using steady = std::chrono::steady_clock;
@@ -66,7 +67,10 @@ void *timer_thread(void *)
         qz_pmpt_timer_cb cb = t->cb;
         void *arg = t->arg;
         l.unlock();
-        cb(t, arg);
+        {
+            rt_watched_call watched("timer");
+            cb(t, arg);
+        }
         l.lock();
         t->running = false;
         if (t->deleted)

@@ -7,6 +7,7 @@
 #include "rt_process.h"
 #include "rt_stop.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -25,6 +26,11 @@
 #include <map>
 #include <mutex>
 
+#ifdef LTR_HAVE_SYSTEMD
+#include <sys/uio.h>
+#include <systemd/sd-journal.h>
+#endif
+
 #include "qz_format.h"
 
 // ---- Logging ----
@@ -36,6 +42,22 @@ int g_log_fd = -1;
 bool g_log_open; // sinks opened for the current configuration
 std::string g_syslog_ident;
 std::atomic<bool> g_started;
+bool g_journal; // syslog lines go to the journal, with fields
+thread_local rt_log_about *g_about;
+
+// Under systemd stderr may be the journal already (JOURNAL_STREAM names it): a copy of
+// a start-up error there would show twice.
+bool stderr_is_journal()
+{
+    static const bool is = [] {
+        const char *js = getenv("JOURNAL_STREAM");
+        struct stat st;
+        unsigned long long dev, ino;
+        return js && sscanf(js, "%llu:%llu", &dev, &ino) == 2 && fstat(STDERR_FILENO, &st) == 0 &&
+               st.st_dev == dev && st.st_ino == ino;
+    }();
+    return is;
+}
 
 const char *severity_name(int sev)
 {
@@ -58,9 +80,25 @@ void open_sinks_locked(const rt_config &c)
         g_syslog_ident = program_invocation_short_name;
         if (c.instance != "default")
             g_syslog_ident += "/" + c.instance;
+#ifdef LTR_HAVE_SYSTEMD
+        g_journal = rt_journal_present();
+#endif
+        // Opened with the journal too: a line the journal refuses still goes here.
         openlog(g_syslog_ident.c_str(), LOG_PID | LOG_NDELAY, LOG_DAEMON);
     }
 }
+
+#ifdef LTR_HAVE_SYSTEMD
+// One entry; on failure (journald gone) the line still reaches syslog.
+bool journal_send(int severity, const char *tag, const std::string &text)
+{
+    std::vector<std::string> fields = rt_journal_fields(severity, tag, text, g_syslog_ident);
+    std::vector<iovec> iov;
+    for (std::string &f : fields)
+        iov.push_back({f.data(), f.size()});
+    return sd_journal_sendv(iov.data(), (int)iov.size()) == 0;
+}
+#endif
 
 void write_all(int fd, const std::string &s)
 {
@@ -105,12 +143,14 @@ void rt_vlog(int severity, const char *tag, const char *fmt, va_list ap)
     const rt_config &c = rt_cfg();
     std::string text = qz_vformat_str(fmt, ap);
     int fd;
+    bool journal;
     {
         std::lock_guard g(g_log_mu);
         open_sinks_locked(c);
         fd = g_log_fd;
+        journal = g_journal;
     }
-    bool to_stderr = c.log_stderr || (severity <= LOG_ERR && !g_started.load());
+    bool to_stderr = c.log_stderr || (severity <= LOG_ERR && !g_started.load() && !stderr_is_journal());
     if (fd >= 0 || to_stderr) {
         std::string line = rt_log_line(severity, tag, text);
         // One write per line, so that lines of concurrent threads never interleave.
@@ -122,6 +162,12 @@ void rt_vlog(int severity, const char *tag, const char *fmt, va_list ap)
     if (c.log_syslog) {
         while (!text.empty() && text.back() == '\n')
             text.pop_back();
+#ifdef LTR_HAVE_SYSTEMD
+        if (journal && journal_send(severity, tag, text))
+            return;
+#else
+        (void)journal;
+#endif
         int prio = severity < 0 ? LOG_ERR : severity > 7 ? LOG_DEBUG : severity;
         if (tag && tag[0])
             syslog(prio, "%s: %s", tag, text.c_str());
@@ -155,6 +201,49 @@ void rt_log_reopen()
         close(g_log_fd);
     g_log_fd = -1;
     g_log_open = false;
+    g_journal = false;
+}
+
+rt_log_about::rt_log_about(const char *field, const char *value) : field_(field), outer_(g_about)
+{
+    snprintf(value_, sizeof value_, "%s", value ? value : "");
+    g_about = this;
+}
+
+rt_log_about::rt_log_about(const char *field, uint32_t ipv4) : field_(field), outer_(g_about)
+{
+    in_addr a{ipv4};
+    if (!inet_ntop(AF_INET, &a, value_, sizeof value_))
+        value_[0] = 0;
+    g_about = this;
+}
+
+rt_log_about::~rt_log_about() { g_about = outer_; }
+
+bool rt_journal_present(const char *path)
+{
+    struct stat st;
+    return stat(path, &st) == 0 && S_ISSOCK(st.st_mode);
+}
+
+std::vector<std::string> rt_journal_fields(int severity, const char *tag, const std::string &text,
+                                           const std::string &ident)
+{
+    int prio = severity < 0 ? LOG_ERR : severity > 7 ? LOG_DEBUG : severity;
+    std::string body = text;
+    while (!body.empty() && body.back() == '\n')
+        body.pop_back();
+    bool tagged = tag && tag[0];
+    std::vector<std::string> f;
+    f.push_back("MESSAGE=" + (tagged ? std::string(tag) + ": " + body : body));
+    f.push_back("PRIORITY=" + std::to_string(prio));
+    f.push_back("SYSLOG_FACILITY=" + std::to_string(LOG_DAEMON >> 3));
+    f.push_back("SYSLOG_IDENTIFIER=" + ident);
+    if (tagged)
+        f.push_back(std::string("LTR_TAG=") + tag);
+    if (g_about && g_about->field() && g_about->value()[0])
+        f.push_back(std::string(g_about->field()) + "=" + g_about->value());
+    return f;
 }
 
 bool rt_log_ratelimited(const char *key, int seconds, int severity, const char *fmt, ...)

@@ -30,6 +30,8 @@ int rt_shm_key(int key);
 // Readiness parts: the driver library is open; the event thread is in its loop.
 bool rt_dcd_opened();
 bool rt_event_running();
+// Radios whose tracking switch is on, out of all configured radios.
+void rt_dcd_tracking(int &on, int &total);
 
 // Path of a socket or file of this instance under runtime_dir (creates runtime_dir).
 // A runtime_dir that another user could change ends the process with status 1.

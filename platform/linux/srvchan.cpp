@@ -22,6 +22,7 @@
 #include "rt_event.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 #include "rt_stop.h"
 #include "srvchan.h"
@@ -361,6 +362,7 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
     s.connected = true;
     rt_counter("srvchan.connected") = 1;
     rt_log(5, "server channel: connected to %s\n", addr.c_str());
+    rt_notify_status();
 
     while (!should_stop()) {
         woke();
@@ -408,6 +410,7 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
     }
     s.connected = false;
     rt_counter("srvchan.connected") = 0;
+    rt_notify_status();
     out_gauge = 0;
     requeue(ss.fl);
     return ss.healthy;

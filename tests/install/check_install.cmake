@@ -2,7 +2,8 @@
 # `--prefix`, and checks the files, that nothing lands outside the prefix, and that
 # the unit's ExecStart is the ltrd that was installed.
 # In: BUILD_DIR, SCRATCH, PREFIX (the configured CMAKE_INSTALL_PREFIX), MAN_PAGES (the
-# man pages the tree builds, relative to the prefix, separated by commas).
+# man pages the tree builds, relative to the prefix, separated by commas), WIRESHARK_LUA
+# (the installed dissectors, relative to the prefix).
 
 set(expected
     sbin/ltrd
@@ -15,6 +16,9 @@ set(expected
     share/doc/ltrd/docs/protocol.md
     share/doc/ltrd/examples/platform.toml
     share/bash-completion/completions/ltrctl)
+if(WIRESHARK_LUA AND NOT IS_ABSOLUTE "${WIRESHARK_LUA}")
+  list(APPEND expected ${WIRESHARK_LUA})
+endif()
 if(MAN_PAGES)
   string(REPLACE "," ";" man_pages "${MAN_PAGES}")
   list(APPEND expected ${man_pages})
@@ -22,6 +26,7 @@ endif()
 set(executables sbin/ltrd bin/ltrctl bin/ltr-server)
 
 set(failures "")
+find_program(ANALYZE systemd-analyze)
 macro(fail msg)
   string(APPEND failures "  ${msg}\n")
 endmacro()
@@ -58,6 +63,20 @@ macro(check_tree label root prefix)
     file(STRINGS "${root}/lib/systemd/system/ltrd.service" env REGEX "^Environment=")
     if(NOT env STREQUAL "Environment=QZ_PLATFORM_CONFIG=/etc/qz/platform.toml")
       fail("${label}: unit does not name /etc/qz/platform.toml: \"${env}\"")
+    endif()
+    file(STRINGS "${root}/lib/systemd/system/ltrd.service" type REGEX "^Type=")
+    if(NOT type STREQUAL "Type=notify")
+      fail("${label}: unit says \"${type}\": the daemon tells systemd when it serves")
+    endif()
+    # The unit's sandbox: systemd's own rating of it, 3.0 at most ("OK").
+    if(ANALYZE)
+      execute_process(COMMAND ${ANALYZE} security --offline=true --threshold=30
+                              "${root}/lib/systemd/system/ltrd.service"
+                      RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+      if(NOT rc EQUAL 0)
+        string(REGEX MATCH "Overall exposure level[^\n]*" level "${out}")
+        fail("${label}: unit exposure above 3.0: ${level}${err}")
+      endif()
     endif()
   endif()
 endmacro()

@@ -73,6 +73,21 @@ done
 head -c 32 /dev/urandom | base64 > /etc/qz/site.key
 chmod 600 /etc/qz/site.key
 
+# The certificates the example names, made as the README tells an operator: a site CA,
+# the server's certificate for server_name, this access point's own.
+cert() { # NAME CN: NAME.key and NAME.crt signed by the CA
+    openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$2" \
+        -keyout "$1.key" -out "$1.csr" 2>/dev/null &&
+    openssl x509 -req -in "$1.csr" -CA /etc/qz/ca.crt -CAkey /run/ca.key -CAcreateserial \
+        -days 2 -out "$1.crt" -extfile <(printf 'subjectAltName=DNS:%s\n' "$2") 2>/dev/null
+}
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=site-ca \
+    -days 2 -keyout /run/ca.key -out /etc/qz/ca.crt 2>/dev/null || fail "making the site CA"
+server_name=$(sed -n 's/^server_name = "\(.*\)"/\1/p' /etc/qz/platform.toml)
+[ -n "$server_name" ] || fail "the example names no server_name"
+cert /run/server "$server_name" && cert /etc/qz/ap ap || fail "making the certificates"
+chmod 600 /etc/qz/ap.key
+
 mapfile -t envs < <(sed -n 's/^Environment=//p' "$unit")
 # Enabled on install, the unit must not start the daemon before its configuration is
 # written: without it ltrd takes the defaults and detaches.
@@ -83,7 +98,8 @@ read -r -a exec_start < <(sed -n 's/^ExecStart=//p' "$unit")
 [ ${#exec_start[@]} -gt 0 ] || fail "the unit has no ExecStart"
 echo "-- start as the unit does: ${envs[*]} ${exec_start[*]}"
 
-ltr-server --listen 127.0.0.1:7420 "wait-ap 1 30" list > /run/server.out 2>&1 &
+ltr-server --listen 127.0.0.1:7420 --tls-cert /run/server.crt --tls-key /run/server.key \
+    --tls-ca /etc/qz/ca.crt "wait-ap 1 30" list > /run/server.out 2>&1 &
 server=$!
 env "${envs[@]}" "${exec_start[@]}" > /run/ltrd.out 2>&1 &
 daemon=$!
@@ -114,6 +130,14 @@ for page in ltrd ltrctl ltr-server qz-platform.toml; do
 done
 man -l "$(man -w ltrctl)" 2>/dev/null | grep -q "operator's command line" ||
     fail "man -l $(man -w ltrctl) does not show the page"
+
+echo "-- dissectors"
+if command -v tshark > /dev/null; then
+    tshark -G protocols 2>/dev/null | grep -qP '\tltrnbr$' ||
+        fail "tshark does not load the installed dissectors by itself"
+else
+    echo "tshark is not installed: the dissectors' loading is not checked"
+fi
 
 echo "-- stop"
 kill -TERM $daemon

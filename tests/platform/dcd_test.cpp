@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <net/if.h>
+#include <syslog.h>
 
 #include "qz_dcd.h"
 #include "qz_hw.h"
 #include "rt_config.h"
+#include "rt_driver.h"
+#include "rt_log.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 #include "rt_test_util.h"
 #include "sim_radio.h"
@@ -112,6 +116,7 @@ TEST_F(Dcd, RadiosHearWhatTheirLastTwoTablesHeldAndResolveFromTheTable)
     ASSERT_EQ(fetch(), 0);
     EXPECT_FALSE(rt_radio_hears(h.mac.data())) << "tracking off: the table is empty";
     ASSERT_EQ(qz_dcd_set_lta_track_enable(lo, 1), 0);
+    ASSERT_EQ(qz_dcd_set_lta_lmatch_enable(lo, 0), 0);
     ASSERT_EQ(fetch(), 0);
     EXPECT_TRUE(rt_radio_hears(h.mac.data()));
     sim_forget(radio.get(), h.mac);
@@ -124,4 +129,42 @@ TEST_F(Dcd, RadiosHearWhatTheirLastTwoTablesHeldAndResolveFromTheTable)
     ASSERT_EQ(fetch(), 0);
     ASSERT_EQ(qz_dcd_set_lta_track_enable(lo, 0), 0);
     EXPECT_FALSE(rt_radio_hears(h.mac.data()));
+}
+
+namespace {
+std::string g_field_in_call;
+int capture_about(rt_radio *, lta_stats *)
+{
+    g_field_in_call = rt_journal_fields(LOG_INFO, nullptr, "x", "ltrd").back();
+    return 0;
+}
+} // namespace
+
+// What a service manager's status line and the journal learn from driver calls: the
+// radios whose tracking switch is on, and which radio a line written in a call is about.
+TEST_F(Dcd, TrackingSwitchesMakeTheStatusAndCallsNameTheirRadio)
+{
+    c.radios = {{"lo", "sim", true}, {"qznone0", "sim", false}};
+    rt_cfg_set(c);
+    ASSERT_EQ(qz_dcd_lib_init(), 0);
+    int lo = (int)if_nametoindex("lo");
+    EXPECT_EQ(rt_notify_status_text(), "tracking off, server not connected");
+    ASSERT_EQ(qz_dcd_set_lta_track_enable(lo, 1), 0);
+    EXPECT_EQ(rt_notify_status_text(), "tracking on 1 of 2 radios, server not connected");
+    EXPECT_LT(qz_dcd_set_lta_track_enable(9999, 1), 0); // no such radio: no change
+    EXPECT_EQ(rt_notify_status_text(), "tracking on 1 of 2 radios, server not connected");
+    ASSERT_EQ(qz_dcd_set_lta_track_enable(lo, 0), 0);
+    EXPECT_EQ(rt_notify_status_text(), "tracking off, server not connected");
+
+    rt_radio *r = rt_radio_by_ifindex(lo);
+    ASSERT_NE(r, nullptr);
+    rt_driver_ops ops = *r->ops;
+    ops.get_stats = capture_about;
+    const rt_driver_ops *was = r->ops;
+    r->ops = &ops;
+    lta_stats st{};
+    EXPECT_EQ(qz_dcd_get_lta_stats(lo, &st), 0);
+    r->ops = was;
+    EXPECT_EQ(g_field_in_call, "RADIO=lo");
+    EXPECT_EQ(rt_journal_fields(LOG_INFO, nullptr, "x", "ltrd").size(), 4u); // after the call
 }

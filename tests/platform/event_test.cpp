@@ -2,6 +2,7 @@
 // event thread, send taps, events.sock injection and subscription, readiness.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,6 +13,7 @@
 #include "rt_config.h"
 #include "rt_counter.h"
 #include "rt_event.h"
+#include "rt_notify.h"
 #include "rt_process.h"
 #include "rt_stop.h"
 #include "rt_life.h"
@@ -244,4 +246,128 @@ TEST(EventQueue, EventsSockDropsWhileTheQueueIsFull)
     EXPECT_EQ(rt_counter("events_sock_injected") - injected, 1u);
     qz_event_cleanup();
     rt_events_sock_close();
+}
+
+// ---- Service manager notification ----
+
+namespace {
+// The service manager's end: a datagram socket the daemon finds in NOTIFY_SOCKET.
+struct notify_sock {
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    explicit notify_sock(const std::string &path)
+    {
+        sockaddr_un a{AF_UNIX, {}};
+        strcpy(a.sun_path, path.c_str());
+        EXPECT_EQ(bind(fd, (sockaddr *)&a, sizeof a), 0);
+        setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    }
+    ~notify_sock()
+    {
+        unsetenv("NOTIFY_SOCKET");
+        close(fd);
+    }
+    // The next message, "" when none came within ms.
+    std::string next(int ms)
+    {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, ms) != 1)
+            return "";
+        char buf[512];
+        ssize_t n = recv(fd, buf, sizeof buf, 0);
+        return n > 0 ? std::string(buf, n) : "";
+    }
+    // Waits up to ms for a message equal to want, dropping others on the way.
+    bool wait_for(const std::string &want, int ms)
+    {
+        for (int i = 0; i < ms / 50; i++)
+            if (next(50) == want)
+                return true;
+        return false;
+    }
+    void drain()
+    {
+        while (!next(0).empty()) {
+        }
+    }
+};
+
+std::mutex g_hang_mu;
+std::condition_variable g_hang_cv;
+bool g_hanging, g_release;
+void hanging_handler(uint32_t, int, void *)
+{
+    std::unique_lock l(g_hang_mu);
+    g_hanging = true;
+    g_hang_cv.notify_all();
+    g_hang_cv.wait(l, [] { return g_release; });
+    g_hanging = false;
+}
+} // namespace
+
+#ifdef LTR_HAVE_SYSTEMD
+TEST(Notify, ReadyOnlyOnceServingThenTheWatchdogFollowsTheEventThread)
+{
+    rt_scratch s;
+    rt_cfg_set(rt_test_config(s));
+    notify_sock n(s.path("notify"));
+    setenv("WATCHDOG_USEC", "200000", 1); // 200 ms: kicks every 100 ms
+    setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
+
+    EXPECT_EQ(qz_sys_ready(), 0); // nothing serves yet: the manager hears nothing
+    EXPECT_EQ(n.next(100), "");
+    pthread_t t;
+    ASSERT_EQ(qz_event_init(52, &t), 0);
+    qz_event_subscribe(164, hanging_handler);
+    ASSERT_EQ(qz_dcd_lib_init(), 0);
+    ASSERT_TRUE(rt_poll_until([] { return rt_event_running(); }));
+    EXPECT_NE(qz_sys_ready(), 0);
+    EXPECT_TRUE(n.wait_for("READY=1\nSTATUS=tracking off, server not connected", 3000));
+    EXPECT_NE(qz_sys_ready(), 0);
+    EXPECT_TRUE(n.wait_for("WATCHDOG=1", 3000)); // idle, the event thread still wakes to kick
+    EXPECT_TRUE(n.wait_for("WATCHDOG=1", 3000));
+
+    // A handler that hangs holds the event thread: no more kicks until it returns.
+    rt_event_post(164, "x", 1);
+    ASSERT_TRUE(rt_wait_for(g_hang_mu, g_hang_cv, [] { return g_hanging; }));
+    n.drain();
+    EXPECT_EQ(n.next(800), "");
+    {
+        std::lock_guard g(g_hang_mu);
+        g_release = true;
+    }
+    g_hang_cv.notify_all();
+    EXPECT_TRUE(n.wait_for("WATCHDOG=1", 3000));
+
+    // Another thread stuck in a call into the daemon (on its lock, say) for a whole
+    // period stops the kicks too, with a line naming it.
+    {
+        rt_watched_call stuck("timer");
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        n.drain();
+        EXPECT_EQ(n.next(800), "");
+    }
+    EXPECT_TRUE(n.wait_for("WATCHDOG=1", 3000));
+    EXPECT_NE(rt_read_file(s.path("log")).find("watchdog: the timer thread has been in one call"),
+              std::string::npos);
+
+    qz_dcd_lib_cleanup();
+    qz_event_cleanup();
+    pthread_join(t, nullptr);
+    unsetenv("WATCHDOG_USEC");
+    unsetenv("WATCHDOG_PID");
+}
+#endif
+
+// Without NOTIFY_SOCKET nothing is sent and the event thread never wakes on its own.
+TEST_F(Event, WithoutAServiceManagerTheEventThreadSleeps)
+{
+    setenv("WATCHDOG_USEC", "20000", 1); // a stale variable alone asks for nothing
+    EXPECT_EQ(rt_watchdog_period_ms(), 0);
+    unsetenv("WATCHDOG_USEC");
+    rt_notify_ready(); // harmless
+    rt_event_post(164, "x", 1);
+    ASSERT_TRUE(wait_seen(1)); // the thread has started and settled in its loop
+    uint64_t before = rt_counter("wake.event");
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(rt_counter("wake.event"), before);
 }

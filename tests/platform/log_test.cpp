@@ -2,9 +2,13 @@
 // line prefixes, hex dumps, rate limiting, and the debug category registry.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
 
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include "qz.h"
 #include "qz_log.h"
@@ -96,4 +100,44 @@ TEST(Debug, SwitchSetsAndClearsTheRegisteredMasks)
         EXPECT_EQ(lib, s.lib) << s.cat;
     }
     EXPECT_NE(rt_debug_text().find("ltr dcdlib on\n"), std::string::npos);
+}
+
+// Journal entries carry the line's priority, its debug tag and the radio or peer it is
+// about, set by the innermost scope on the writing thread only.
+TEST(Journal, FieldsNameTagAndSubjectOfTheLine)
+{
+    using v = std::vector<std::string>;
+    EXPECT_EQ(rt_journal_fields(LOG_WARNING, nullptr, "plain\n", "ltrd"),
+              (v{"MESSAGE=plain", "PRIORITY=4", "SYSLOG_FACILITY=3", "SYSLOG_IDENTIFIER=ltrd"}));
+    {
+        rt_log_about radio("RADIO", "wlan0");
+        EXPECT_EQ(rt_journal_fields(LOG_DEBUG, "ltr_event", "hello", "ltrd/ap1"),
+                  (v{"MESSAGE=ltr_event: hello", "PRIORITY=7", "SYSLOG_FACILITY=3",
+                     "SYSLOG_IDENTIFIER=ltrd/ap1", "LTR_TAG=ltr_event", "RADIO=wlan0"}));
+        {
+            rt_log_about peer("PEER", inet_addr("192.0.2.7"));
+            EXPECT_EQ(rt_journal_fields(12, "", "x", "ltrd").back(), "PEER=192.0.2.7");
+            EXPECT_EQ(rt_journal_fields(12, "", "x", "ltrd")[1], "PRIORITY=7");
+            std::thread([] { // another thread's lines are about nothing
+                EXPECT_EQ(rt_journal_fields(3, nullptr, "x", "ltrd").size(), 4u);
+            }).join();
+        }
+        EXPECT_EQ(rt_journal_fields(3, nullptr, "x", "ltrd").back(), "RADIO=wlan0");
+    }
+    EXPECT_EQ(rt_journal_fields(3, nullptr, "x", "ltrd").size(), 4u);
+}
+
+TEST(Journal, OnlyASocketAtThePathCountsAsJournald)
+{
+    rt_scratch s;
+    EXPECT_FALSE(rt_journal_present(s.path("socket").c_str()));
+    std::ofstream(s.path("socket")) << "x"; // a stray file is no journal
+    EXPECT_FALSE(rt_journal_present(s.path("socket").c_str()));
+    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un a{AF_UNIX, {}};
+    std::string p = s.path("journal");
+    strcpy(a.sun_path, p.c_str());
+    ASSERT_EQ(bind(fd, (sockaddr *)&a, sizeof a), 0);
+    EXPECT_TRUE(rt_journal_present(p.c_str()));
+    close(fd);
 }

@@ -108,6 +108,7 @@ struct PcapTest : ::testing::Test {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         ASSERT_TRUE(pcap_radio_done(&r));
         ASSERT_EQ(rt_driver_pcap.set_track_enable(&r, 1), 0);
+        ASSERT_EQ(rt_driver_pcap.set_lmatch(&r, 0), 0);
     }
     std::map<mac, lta_rpt_entry> table()
     {

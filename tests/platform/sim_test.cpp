@@ -95,6 +95,8 @@ TEST_F(SimTest, TrackSwitchAndListMatchDecideWhatIsReported)
         ASSERT_EQ(cmd(std::string("hear wlan0 ") + h), "ok\n");
     EXPECT_TRUE(table(0).empty()); // tracking off: nothing
     ASSERT_EQ(rt_driver_sim.set_track_enable(&radios[0], 1), 0);
+    EXPECT_TRUE(table(0).empty()); // list match is on from the start: no objects, nothing
+    ASSERT_EQ(rt_driver_sim.set_lmatch(&radios[0], 0), 0);
     auto all = table(0);
     ASSERT_EQ(all.size(), 3u);
     EXPECT_EQ(std::tuple(+all[1].rssi, +all[1].active), std::tuple(-60, 0));
@@ -195,6 +197,7 @@ TEST_F(SimTest, SharedEpochSetsTheWorldClock)
     sc.epoch = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() - 4;
     open(1, &sc);
     ASSERT_EQ(rt_driver_sim.set_track_enable(&radios[0], 1), 0);
+    ASSERT_EQ(rt_driver_sim.set_lmatch(&radios[0], 0), 0);
     auto t = table(0);
     ASSERT_EQ(t.size(), 1u);
     EXPECT_EQ(t[0].rssi, -73); // 4 s into the walk, at (8,10); at its start it would be -70

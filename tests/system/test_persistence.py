@@ -59,7 +59,8 @@ class Persistence(SiteTest):
         for sig in (signal.SIGTERM, signal.SIGKILL):
             ap.stop(sig)
             ap.start()
-            # The simulated radios start blank: only the daemon can have set them.
+            # The simulated radios start with tracking off and no objects: only the
+            # daemon can have set them.
             state = ap.radio(f"state {radio}")
             self.assertIn("track 1", state, f"after {sig.name}")
             self.assertIn("lmatch 1", state, f"after {sig.name}")

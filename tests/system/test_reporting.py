@@ -9,6 +9,7 @@ from systest import SiteTest
 
 STA = "02:aa:00:00:00:01"
 STA2 = "0a:1b:2c:00:00:02"
+STA3 = "02:aa:00:00:00:03"
 
 
 def report_of(m, ap, sta):
@@ -56,6 +57,40 @@ class Reporting(SiteTest):
         show = ap1.ctl("show", "location-tracking", "rssi").stdout
         self.assertIn("Number of stations in tracking: 1", show)
         self.assertEqual(show.count("\n1  ") + show.count("\n2  ") + show.count("\n3  "), 3)
+
+    def test_stopped_station_is_not_reported_again(self):
+        """After a stop every access point drops the station and its radios no longer
+        report it, while a station still tracked goes on being reported."""
+        site = self.make_site(aps=3)
+        site.start(interval=1)
+        ap1 = site.aps[0]
+        srv = site.server
+        for sta in (STA, STA3):
+            ap1.radio(f"assoc {ap1.radios[0]} {sta} 2412")
+            for ap, rssi in zip(site.aps, (-40, -70, -80)):
+                ap.radio(f"hear {ap.radios[0]} {sta} {rssi} 1 2412")
+        mark = srv.mark()
+        srv.send(f"start all mac={STA},{STA3}")
+        srv.wait_for(lambda m: (st := report_of(m, "ap1", STA)) is not None
+                     and len(st["readings"]) == 3, 30, mark, "a report of ap1 with three readings")
+        mark = srv.mark()
+        srv.send(f"stop all mac={STA}")
+        for ap in site.aps:
+            ack = srv.wait_for(lambda m, n=ap.name: m.get("op") == "ack" and m.get("ap") == n,
+                               10, mark, f"the ack of {ap.name}")
+            self.assertEqual(ack["ack_code"], 0)
+        after = srv.mark()
+        # Cycles go on: five more reports of the other station.
+        systest.ltrsite.wait_until(
+            lambda: len(srv.since(after, lambda m: report_of(m, "ap1", STA3))) >= 5, 30,
+            "five reports of the station still tracked")
+        for m in srv.since(after):
+            for ap in site.aps:
+                self.assertIsNone(report_of(m, ap.name, STA), m)
+        for ap in site.aps:
+            self.assertIn("Number of stations in tracking: 1",
+                          ap.ctl("show", "location-tracking", "rssi").stdout)
+            self.assertNotIn(f"obj mac {STA}", ap.radio(f"state {ap.radios[0]}"))
 
     def test_start_modify_query_stop_and_unknown_opcode(self):
         site = self.make_site(aps=1)

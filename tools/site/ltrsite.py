@@ -310,7 +310,9 @@ class AccessPoint:
     def start(self, wait=True):
         env = dict(os.environ, QZ_PLATFORM_CONFIG=self.config)
         self.out = open(os.path.join(self.dir, "ltrd.out"), "a")
-        self.proc = subprocess.Popen([self.site.bin("ltrd")], env=env, stdout=self.out,
+        # LTR_SITE_WRAP: a command that runs each ltrd under restrictions (sandbox.sh).
+        wrap = os.environ.get("LTR_SITE_WRAP", "").split()
+        self.proc = subprocess.Popen(wrap + [self.site.bin("ltrd")], env=env, stdout=self.out,
                                      stderr=subprocess.STDOUT, start_new_session=True)
         if wait:
             wait_until(lambda: self.proc.poll() is not None or self.serving(), 10,

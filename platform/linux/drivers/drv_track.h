@@ -27,7 +27,9 @@ struct drv_heard {
 
 struct drv_track {
     int track = 0;
-    int lmatch = 0;
+    // On from the start, as the daemon assumes: it tells a radio only when list match
+    // changes or the radio comes up while tracking runs, never when tracking starts.
+    int lmatch = 1;
     std::vector<drv_mac> macs;               // in insertion order
     std::vector<std::array<uint8_t, 3>> ouis;
     lta_stats stats{};

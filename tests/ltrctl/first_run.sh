@@ -47,6 +47,10 @@ done
 expect 1 'management interface nosuch0 \(key mgt.interface in .*p.toml\).*no such interface' \
     env QZ_PLATFORM_CONFIG="$tmp/p.toml" "$ltrd"
 expect 1 'init ltd failed!' env QZ_PLATFORM_CONFIG="$tmp/p.toml" "$ltrd"
+# Under systemd stderr is the journal already (JOURNAL_STREAM): no second copy there.
+: > "$tmp/journal"
+JOURNAL_STREAM=$(stat -c %d:%i "$tmp/journal") QZ_PLATFORM_CONFIG="$tmp/p.toml" "$ltrd" 2>>"$tmp/journal"
+! grep -q 'init ltd failed' "$tmp/journal" || fail "start-up error copied onto the journal's stream"
 
 # ltrctl: --opt=value as well as --opt value, a version, and what may follow a word.
 expect 0 '^ltrctl [0-9]+\.[0-9]+' "$ltrctl" --version

@@ -17,6 +17,7 @@
 
 #include "qz_format.h"
 #include "rt_config.h"
+#include "rt_entry.h"
 #include "rt_log.h"
 #include "rt_malloc.h"
 #include "rt_process.h"
@@ -29,6 +30,7 @@ int g_ready_fd = -1; // write end held by the detached process until it is ready
 int qz_daemonize(int nochdir, int noclose)
 {
     rt_malloc_setup();
+    rt_entry(); // --help, --version, --check-config end here
     const rt_config &c = rt_cfg(); // a bad configuration ends the start before detaching
     if (!c.foreground) {
         int pfd[2];
@@ -80,6 +82,7 @@ int qz_daemonize(int nochdir, int noclose)
 
 void rt_daemon_ready()
 {
+    rt_log_started();
     if (g_ready_fd < 0)
         return;
     ssize_t n = write(g_ready_fd, "r", 1);

@@ -406,7 +406,16 @@ int qz_dcd_get_mac_byname(const char *ifname, uint8_t *mac)
 {
     if (!ifname || !mac)
         return -1;
-    return is_mgt(ifname) ? rt_mgt_mac(mac) : read_if_mac(ifname, mac);
+    if (!is_mgt(ifname))
+        return read_if_mac(ifname, mac);
+    if (rt_mgt_mac(mac) == 0)
+        return 0;
+    // The daemon's own line says only that start-up failed: name what to fix.
+    const rt_config &c = rt_cfg();
+    rt_log(LOG_ERR, "management interface %s (key mgt.interface in %s): cannot read its MAC: %s",
+           c.mgt_interface.c_str(), c.path.empty() ? rt_config_path().c_str() : c.path.c_str(),
+           errno == ENODEV ? "no such interface" : strerror(errno));
+    return -1;
 }
 
 int qz_dcd_get_addr_byname(const char *ifname, uint32_t *ip, uint32_t *mask)

@@ -1,5 +1,6 @@
 // The runtime's configuration: a TOML file read once at start-up. Every key is known
 // here; an unknown key or a wrong value is an error naming file, line and key.
+#include "mac_text.h"
 #include "rt.h"
 #include "rt_config.h"
 #include "rt_log.h"
@@ -107,15 +108,7 @@ bool get_ifname(const key_ctx &k, const toml::node &n, std::string &out)
 
 bool parse_mac(const std::string &s, std::array<uint8_t, 6> &mac)
 {
-    unsigned b[6];
-    char tail;
-    if (s.size() != 17 ||
-        sscanf(s.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5],
-               &tail) != 6)
-        return false;
-    for (int i = 0; i < 6; i++)
-        mac[i] = (uint8_t)b[i];
-    return true;
+    return ltr_mac_parse(s, mac.data());
 }
 
 bool valid_instance(const std::string &s)
@@ -629,25 +622,35 @@ bool rt_read_key(const std::string &path, std::string &key, std::string &why)
 
 // ---- The process's configuration ----
 
+std::string rt_config_path()
+{
+    const char *env = getenv("QZ_PLATFORM_CONFIG");
+    return env && env[0] ? env : "/etc/qz/platform.toml";
+}
+
+bool rt_config_load(rt_config &out, std::string &err)
+{
+    std::string path = rt_config_path();
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 && errno == ENOENT) {
+        out = rt_config{};
+        out.runtime_dir = default_runtime_dir(out.instance);
+        // Said on stderr: the log is not set up yet, and a new user wonders where the
+        // settings come from.
+        fprintf(stderr, "%s: not found, running with defaults\n", path.c_str());
+        return true;
+    }
+    return rt_config_parse(path, out, err) && rt_config_check(out, err);
+}
+
 namespace {
 rt_config g_cfg;
 std::once_flag g_cfg_once;
 
 void load_cfg()
 {
-    const char *env = getenv("QZ_PLATFORM_CONFIG");
-    std::string path = env && env[0] ? env : "/etc/qz/platform.toml";
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0 && errno == ENOENT) {
-        rt_config c;
-        c.runtime_dir = default_runtime_dir(c.instance);
-        g_cfg = c;
-        if (env && env[0])
-            fprintf(stderr, "%s: not found, running with defaults\n", path.c_str());
-        return;
-    }
     std::string err;
-    if (!rt_config_parse(path, g_cfg, err) || !rt_config_check(g_cfg, err)) {
+    if (!rt_config_load(g_cfg, err)) {
         fprintf(stderr, "configuration error: %s\n", err.c_str());
         exit(1);
     }

@@ -76,6 +76,11 @@ bool rt_read_regular(const std::string &path, size_t max, bool nofollow, std::st
                      std::string &why);
 // The site key of key_file: its bytes without trailing line ends, never empty.
 bool rt_read_key(const std::string &path, std::string &key, std::string &why);
+// The configuration file's path: $QZ_PLATFORM_CONFIG, else /etc/qz/platform.toml.
+std::string rt_config_path();
+// Reads and checks the file at rt_config_path(); a missing file gives the defaults
+// (said on stderr). False with err as rt_config_parse's.
+bool rt_config_load(rt_config &out, std::string &err);
 // The process's configuration, loaded on first use; a bad file ends the process with
 // status 1 after printing the error.
 const rt_config &rt_cfg();

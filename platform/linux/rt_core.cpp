@@ -13,6 +13,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -20,6 +21,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <map>
@@ -40,8 +42,23 @@ std::mutex g_log_mu; // guards the sinks below, not the writes
 int g_log_fd = -1;
 bool g_log_open; // sinks opened for the current configuration
 std::string g_syslog_ident;
+std::atomic<bool> g_started;
 bool g_journal; // syslog lines go to the journal, with fields
 thread_local rt_log_about *g_about;
+
+// Under systemd stderr may be the journal already (JOURNAL_STREAM names it): a copy of
+// a start-up error there would show twice.
+bool stderr_is_journal()
+{
+    static const bool is = [] {
+        const char *js = getenv("JOURNAL_STREAM");
+        struct stat st;
+        unsigned long long dev, ino;
+        return js && sscanf(js, "%llu:%llu", &dev, &ino) == 2 && fstat(STDERR_FILENO, &st) == 0 &&
+               st.st_dev == dev && st.st_ino == ino;
+    }();
+    return is;
+}
 
 const char *severity_name(int sev)
 {
@@ -134,12 +151,13 @@ void rt_vlog(int severity, const char *tag, const char *fmt, va_list ap)
         fd = g_log_fd;
         journal = g_journal;
     }
-    if (fd >= 0 || c.log_stderr) {
+    bool to_stderr = c.log_stderr || (severity <= LOG_ERR && !g_started.load() && !stderr_is_journal());
+    if (fd >= 0 || to_stderr) {
         std::string line = rt_log_line(severity, tag, text);
         // One write per line, so that lines of concurrent threads never interleave.
         if (fd >= 0)
             write_all(fd, line);
-        if (c.log_stderr)
+        if (to_stderr)
             write_all(STDERR_FILENO, line);
     }
     if (c.log_syslog) {
@@ -174,6 +192,8 @@ void rt_log_tagged(int severity, const char *tag, const char *fmt, ...)
     rt_vlog(severity, tag, fmt, ap);
     va_end(ap);
 }
+
+void rt_log_started() { g_started = true; }
 
 void rt_log_reopen()
 {

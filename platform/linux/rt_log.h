@@ -18,6 +18,10 @@ bool rt_log_ratelimited(const char *key, int seconds, int severity, const char *
 std::string rt_log_line(int severity, const char *tag, const std::string &text);
 // Closes the log sinks; the next line opens them for the current configuration.
 void rt_log_reopen();
+// Until the daemon is started, error lines also go to stderr (unless it is a sink
+// already, or the journal under systemd): a missing syslog must not swallow why the
+// start failed.
+void rt_log_started();
 
 // Lines written on this thread while one lives are about one radio or one peer
 // ("RADIO", interface name; "PEER", address): the journal gets that field with them.

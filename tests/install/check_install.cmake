@@ -14,7 +14,8 @@ set(expected
     share/doc/ltrd/docs/configuration.md
     share/doc/ltrd/docs/porting.md
     share/doc/ltrd/docs/protocol.md
-    share/doc/ltrd/examples/platform.toml)
+    share/doc/ltrd/examples/platform.toml
+    share/bash-completion/completions/ltrctl)
 if(WIRESHARK_LUA AND NOT IS_ABSOLUTE "${WIRESHARK_LUA}")
   list(APPEND expected ${WIRESHARK_LUA})
 endif()

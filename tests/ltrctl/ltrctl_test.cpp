@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "ltrctl_conn.h"
+#include "ltrctl_json.h"
 #include "ltrctl_run.h"
 
 using namespace ltrctl;
@@ -50,7 +51,11 @@ TEST(LtrctlParse, BadWordsAndValuesAreRefusedWithTheReason)
 {
     const std::pair<const char *, const char *> cases[] = {
         {"location-tracking enabel", "unknown command 'location-tracking enabel'"},
-        {"location-tracking", "unknown command"},
+        {"location-tracking", "'location-tracking' is incomplete; it goes on with: enable, suppress, "
+                              "report-interval, rssi-threshold, valid-period, hold-time, list-match, mac, oui"},
+        {"show", "'show' is incomplete; it goes on with: location-tracking, running-config"},
+        {"no", "'no' is incomplete; it goes on with: location-tracking, debug"},
+        {"location-tracking enabel", "unknown command"},
         {"location-tracking report-interval", "location-tracking report-interval: needs a value"},
         {"location-tracking report-interval 0", "0 is out of range (1-65535)"},
         {"location-tracking report-interval 65536", "65536 is out of range (1-65535)"},
@@ -62,6 +67,13 @@ TEST(LtrctlParse, BadWordsAndValuesAreRefusedWithTheReason)
         {"location-tracking mac 00:11:22:33:44:5g", "is not a MAC address"},
         {"location-tracking mac 001122334455", "is not a MAC address"},
         {"location-tracking oui 00:11:22:33", "is not an OUI"},
+        {"location-tracking mac 0:11:22:33:44:555", "is not a MAC address"},
+        {"location-tracking mac 00:11:22:33:44:5 ", "is not a MAC address"},
+        {"location-tracking mac 00:11-22:33:44:55", "is not a MAC address"},
+        {"location-tracking mac 0011.2233.44:5", "is not a MAC address"},
+        {"location-tracking mac 01:00:5e:00:00:01", "01:00:5e:00:00:01 is a group (multicast or broadcast) address"},
+        {"location-tracking mac ff:ff:ff:ff:ff:ff", "is a group"},
+        {"location-tracking oui 33:33:00", "33:33:00 has the group bit set"},
         {"no show location-tracking", "has no 'no' form"},
         {"debug location-tracking verbose", "unknown category 'verbose'"},
         {"debug ltr info", "usage: [no] debug location-tracking <category>"},
@@ -80,6 +92,8 @@ TEST(LtrctlParse, RequestsAreEncodedAsTheAgentReadsThem)
     const bytes mac = parsed("location-tracking mac 00:1a:2b:3c:4d:5e").block;
     for (const char *l : {"location-tracking mac 00-1A-2B-3C-4D-5E", "location-tracking mac 001a.2b3c.4d5e"})
         EXPECT_EQ(parsed(l).block, mac) << l;
+    // Removing a group address stays possible (a configuration from before the check).
+    EXPECT_EQ(parsed("no location-tracking mac 01:00:5e:00:00:01").cmd_id, 1885);
     const bytes oui = parsed("location-tracking oui 00:1a:2b").block;
     for (const char *l : {"location-tracking oui 00-1a-2b", "location-tracking oui 001A.2b"})
         EXPECT_EQ(parsed(l).block, oui) << l;
@@ -118,7 +132,8 @@ TEST(LtrctlRunning, GeneratorBlocksBecomeReplayableWords)
     for (const char *l : {"location-tracking enable", "no location-tracking enable",
                           "location-tracking report-interval 65535", "location-tracking rssi-threshold 255",
                           "no location-tracking hold-time", "no location-tracking list-match",
-                          "location-tracking mac ff:ee:dd:cc:bb:aa", "no location-tracking oui 00:00:01"}) {
+                          "location-tracking mac 0e:ee:0d:cc:b0:0a", "location-tracking oui 0a:0b:0c",
+                          "no location-tracking oui 00:00:01"}) {
         request r = parsed(l);
         EXPECT_EQ(entry(r.cmd_id, r.block), l);
     }
@@ -207,4 +222,42 @@ TEST(LtrctlConn, SocketOthersCouldHaveMadeIsRefused)
         ASSERT_EQ(chown(d, 65534, 65534), 0);
         EXPECT_NE(open_err().find(dir + " belongs to uid 65534"), std::string::npos);
     }
+}
+
+TEST(LtrctlJson, ShowTextBecomesFields)
+{
+    auto doc = [](uint16_t id, const std::string &text, bool want_ok = true) {
+        request r;
+        r.cmd_id = id;
+        std::string out, err;
+        EXPECT_EQ(show_json(r, text, out, err), want_ok) << text << ": " << err;
+        return out;
+    };
+    const std::string rssi =
+        "RSSI=received signal strength in dBm; Freq=channel frequence in MHZ; RptAge=report age;\n"
+        "SupCnt=suppress count; LPwrRpt=last power reported; LifeCnt=life counter\n"
+        "Number of stations in tracking: 2\n"
+        "Station: 0211.2233.4455, Owner: 10.0.0.2, RptAge 4, SupCnt 1, RSSI list:\n"
+        "No. Reporter       RSSI  Freq  Active LPwrRpt LifeCnt\n"
+        "--- -------------- ----- ----- ------ ------- ------\n"
+        "1   0200.0000.0009 -45   2412  yes    -44     3     \n"
+        "2   0200.0000.000a -70   5180  no     0       1     \n"
+        "\n";
+    EXPECT_EQ(doc(1889, rssi),
+              R"({"stations_in_tracking":2,"stations":[{"mac":"02:11:22:33:44:55","owner":"10.0.0.2",)"
+              R"("report_age":4,"suppress_count":1,"readings":[{"reporter":"02:00:00:00:00:09","rssi":-45,)"
+              R"("freq":2412,"active":true,"last_power_reported":-44,"life_count":3},{"reporter":)"
+              R"("02:00:00:00:00:0a","rssi":-70,"freq":5180,"active":false,"last_power_reported":0,)"
+              R"("life_count":1}]}]})"
+              "\n");
+    EXPECT_EQ(doc(1887, "Match track list enabled: no\nNo. Type Address\n--- ---- ----------------\n"
+                        "1   oui  0a1b.2c00.0000\n"),
+              R"({"list_match":false,"entries":[{"type":"oui","address":"0a:1b:2c"}]})" "\n");
+    EXPECT_EQ(doc(1891, "RSSI fetch time to fire:                12s\n"
+                        "Station owner flush time to fire:       not started\n"),
+              R"({"rssi_fetch_time_to_fire":12,"station_owner_flush_time_to_fire":null})" "\n");
+    // A reply not as the show prints it is no document.
+    doc(1888, rssi.substr(0, rssi.find("1   0200")) + "1   0200.0000.0009 -45 2412 yes\n", false);
+    doc(1892, "number of reported rssi readings:       3\n", false);
+    doc(1884, "Engine name Quorvane\n", false);
 }

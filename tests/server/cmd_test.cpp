@@ -46,6 +46,9 @@ TEST(ServerCommand, BadInputIsRefusedWithAReason)
     const std::pair<std::string, std::string> cases[] = {
         {"start all mac=00:11:22:33:44", "start: bad MAC address \"00:11:22:33:44\""},
         {"stop all oui=00:11", "stop: bad OUI \"00:11\""},
+        {"start all mac=02:00:00:00:00:01,01:00:5e:00:00:fb",
+         "start: 01:00:5e:00:00:fb is a group (multicast or broadcast) address, not a station"},
+        {"start all oui=33:33:00", "start: 33:33:00 has the group bit set"},
         {"modify all interval=65536", "modify: interval must be a number of seconds from 0 to 65535"},
         {"modify all threshold=256", "modify: threshold must be a number of dB from 0 to 255"},
         {"query all tlv=6:abc", "query: tlv wants TYPE:HEX"},

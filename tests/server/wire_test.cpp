@@ -1,6 +1,9 @@
 // ltr-server's encoder and decoder against byte vectors written out by hand.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <regex>
+
 #include "srv_print.h"
 #include "srv_wire.h"
 
@@ -54,7 +57,18 @@ TEST(ServerDecode, ReportGroupsReadingsUnderTheStationBeforeThem)
     ap.id = 2;
     ap.peer = "127.0.0.1:5000";
     ap.name = "ap \"b\"";
-    EXPECT_EQ(show_message(ap, report, d, true),
+    // Stamped in UTC with the moment it is printed; the rest as the server always wrote it.
+    auto before = std::chrono::system_clock::now() - std::chrono::milliseconds(1);
+    std::string line = show_message(ap, report, d, true);
+    auto after = std::chrono::system_clock::now() + std::chrono::milliseconds(1);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(line, m, std::regex(R"re(^\{"time":"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)",)re")))
+        << line;
+    EXPECT_LE(utc_stamp(before), m[1].str());
+    EXPECT_GE(utc_stamp(after), m[1].str());
+    EXPECT_EQ(utc_stamp(std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000123))),
+              "2023-11-14T22:13:20.123Z");
+    EXPECT_EQ("{" + line.substr(m[0].length()),
               "{\"event\":\"message\",\"ap\":\"ap \\\"b\\\"\",\"ap_id\":2,\"peer\":\"127.0.0.1:5000\","
               "\"size\":64,\"opcode\":5,\"op\":\"rssi report\",\"msg_id\":\"0x00000000\",\"len\":54,"
               "\"tlv_num\":4,\"tlvs\":[{\"type\":4,\"name\":\"mac_list\",\"len\":11,\"count\":1,"

@@ -19,9 +19,9 @@ def main(script):
     p.add_argument("--build", default=os.path.join(REPO, "build", "release"))
     args, rest = p.parse_known_args()
     BUILD = os.path.abspath(args.build)
-    if not ltrsite.namespaces_available():
-        print("SKIP: this machine does not allow user and network namespaces (unshare -Urn); "
-              "system tests need them")
+    flags, why = ltrsite.namespace_flags()
+    if not flags:
+        print(f"SKIP: system tests need namespaces: {why}")
         sys.exit(77)
     ltrsite.enter_namespaces([os.path.abspath(script), "--build", BUILD] + rest,
                              keep=[REPO, BUILD])

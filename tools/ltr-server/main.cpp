@@ -3,6 +3,7 @@
 // requests on command and prints what comes back.
 #include <arpa/inet.h>
 #include <errno.h>
+#include <getopt.h>
 #include <netdb.h>
 #include <poll.h>
 #include <signal.h>
@@ -466,12 +467,13 @@ void usage(FILE *f)
     fprintf(f,
             "usage: ltr-server [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE [--tls-ca FILE]]\n"
             "                  [--json] [--duration SECONDS] [--site FILE] [--http HOST:PORT]\n"
-            "                  [--mqtt HOST:PORT] [--quiet] [COMMAND...]\n"
+            "                  [--mqtt HOST:PORT] [--quiet] [--version] [COMMAND...]\n"
             "  --listen HOST:PORT   where access points connect (default 127.0.0.1:7420)\n"
             "  --tls-cert FILE      speak TLS with this certificate (PEM, chain after it)\n"
             "  --tls-key FILE       and this private key (PEM)\n"
             "  --tls-ca FILE        require client certificates signed by this CA (PEM)\n"
-            "  --json               one JSON object per line instead of text\n"
+            "  --json               one JSON object per line instead of text, each with\n"
+            "                       its \"time\" (RFC 3339, UTC)\n"
             "  --quiet              no line per received message (malformed ones still)\n"
             "  --site FILE          where the access points stand: the [[ap]] tables of a\n"
             "                       world file (name, position, mac, ip, floor)\n"
@@ -482,6 +484,8 @@ void usage(FILE *f)
             "  --mqtt-id TEXT       this server's name towards the broker (default: host name)\n"
             "  --duration SECONDS   exit after this long; keep serving after the last\n"
             "                       command until then (0: until interrupted)\n"
+            "  --version            the version\n"
+            "An option's value may also follow an '=' (--listen=HOST:PORT).\n"
             "Each COMMAND argument is one command line; without any, commands are read\n"
             "from standard input. Without --duration the server exits after the last one.\n"
             "Exit status: 0; 1 when a command failed, a wait timed out or an AP left with\n"
@@ -501,74 +505,110 @@ struct options {
     std::deque<std::string> cmds;
 };
 
-// Fills o from argv; -1 to go on, else the exit status.
+// Fills o from argv; -1 to go on, else the exit status. Options and commands may mix;
+// "--" ends the options.
 int parse_options(int argc, char **argv, options &o)
 {
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto value = [&](const char *opt) -> const char * {
-            if (i + 1 >= argc) {
-                fprintf(stderr, "ltr-server: %s needs a value\n", opt);
-                exit(2);
-            }
-            return argv[++i];
-        };
-        if (a == "--listen" || a == "-l") {
-            o.listen_addr = value("--listen");
-        } else if (a == "--tls-cert") {
-            o.tls_cert = value("--tls-cert");
-        } else if (a == "--tls-key") {
-            o.tls_key = value("--tls-key");
-        } else if (a == "--tls-ca") {
-            o.tls_ca = value("--tls-ca");
-        } else if (a == "--json") {
+    enum { TLS_CERT = 256, TLS_KEY, TLS_CA, JSON, SITE, HTTP, MQTT, MQTT_PREFIX, MQTT_ID, TIMEOUT };
+    static const option longs[] = {
+        {"listen", required_argument, nullptr, 'l'},
+        {"tls-cert", required_argument, nullptr, TLS_CERT},
+        {"tls-key", required_argument, nullptr, TLS_KEY},
+        {"tls-ca", required_argument, nullptr, TLS_CA},
+        {"json", no_argument, nullptr, JSON},
+        {"quiet", no_argument, nullptr, 'q'},
+        {"site", required_argument, nullptr, SITE},
+        {"http", required_argument, nullptr, HTTP},
+        {"mqtt", required_argument, nullptr, MQTT},
+        {"mqtt-prefix", required_argument, nullptr, MQTT_PREFIX},
+        {"mqtt-id", required_argument, nullptr, MQTT_ID},
+        {"timeout", required_argument, nullptr, TIMEOUT},
+        {"duration", required_argument, nullptr, 'd'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
+    };
+    opterr = 0;
+    // '-': commands keep their place among the options.
+    for (int c; (c = getopt_long(argc, argv, "-l:qd:hV", longs, nullptr)) != -1;) {
+        switch (c) {
+        case 1:
+            o.cmds.push_back(optarg);
+            break;
+        case 'l':
+            o.listen_addr = optarg;
+            break;
+        case TLS_CERT:
+            o.tls_cert = optarg;
+            break;
+        case TLS_KEY:
+            o.tls_key = optarg;
+            break;
+        case TLS_CA:
+            o.tls_ca = optarg;
+            break;
+        case JSON:
             o.json = true;
-        } else if (a == "--quiet" || a == "-q") {
+            break;
+        case 'q':
             o.quiet = true;
-        } else if (a == "--site") {
-            o.site_file = value("--site");
-        } else if (a == "--http") {
-            o.http_addr = value("--http");
-        } else if (a == "--mqtt") {
-            o.mqtt_addr = value("--mqtt");
-        } else if (a == "--mqtt-prefix") {
-            o.mqtt_prefix = value("--mqtt-prefix");
+            break;
+        case SITE:
+            o.site_file = optarg;
+            break;
+        case HTTP:
+            o.http_addr = optarg;
+            break;
+        case MQTT:
+            o.mqtt_addr = optarg;
+            break;
+        case MQTT_PREFIX:
+            o.mqtt_prefix = optarg;
             if (o.mqtt_prefix.empty() || o.mqtt_prefix.find_first_of("#+") != std::string::npos) {
                 fprintf(stderr, "ltr-server: --mqtt-prefix must be a topic without wildcards\n");
                 return 2;
             }
-        } else if (a == "--mqtt-id") {
-            o.mqtt_id = value("--mqtt-id");
-        } else if (a == "--timeout") {
+            break;
+        case MQTT_ID:
+            o.mqtt_id = optarg;
+            break;
+        case TIMEOUT: {
             char *end = nullptr;
-            const char *v = value("--timeout");
-            o.timeout = strtod(v, &end);
+            o.timeout = strtod(optarg, &end);
             if (!end || *end || !(o.timeout > 0)) {
-                fprintf(stderr, "ltr-server: --timeout wants seconds > 0, got \"%s\"\n", v);
+                fprintf(stderr, "ltr-server: --timeout wants seconds > 0, got \"%s\"\n", optarg);
                 return 2;
             }
-        } else if (a == "--duration" || a == "-d") {
+            break;
+        }
+        case 'd': {
             char *end = nullptr;
-            const char *v = value("--duration");
-            o.duration = strtod(v, &end);
+            o.duration = strtod(optarg, &end);
             if (!end || *end || o.duration < 0) {
-                fprintf(stderr, "ltr-server: --duration wants seconds >= 0, got \"%s\"\n", v);
+                fprintf(stderr, "ltr-server: --duration wants seconds >= 0, got \"%s\"\n", optarg);
                 return 2;
             }
-        } else if (a == "--help" || a == "-h") {
+            break;
+        }
+        case 'h':
             usage(stdout);
             return 0;
-        } else if (a == "--") {
-            for (++i; i < argc; ++i)
-                o.cmds.push_back(argv[i]);
-        } else if (a.size() > 1 && a[0] == '-') {
-            fprintf(stderr, "ltr-server: unknown option %s\n", a.c_str());
+        case 'V':
+            printf("ltr-server %s\n", LTR_VERSION);
+            return 0;
+        default:
+            if (optopt >= 256 || optopt == 'l' || optopt == 'd')
+                fprintf(stderr, "ltr-server: %s needs a value\n", argv[optind - 1]);
+            else if (optopt)
+                fprintf(stderr, "ltr-server: unknown option -%c\n", optopt);
+            else
+                fprintf(stderr, "ltr-server: unknown option %s\n", argv[optind - 1]);
             usage(stderr);
             return 2;
-        } else {
-            o.cmds.push_back(a);
         }
     }
+    for (int i = optind; i < argc; ++i) // after "--"
+        o.cmds.push_back(argv[i]);
     if (o.tls_cert.empty() != o.tls_key.empty() || (!o.tls_ca.empty() && o.tls_cert.empty())) {
         fprintf(stderr, "ltr-server: --tls-cert and --tls-key go together, and --tls-ca needs them\n");
         return 2;

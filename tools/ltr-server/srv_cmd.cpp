@@ -5,6 +5,8 @@
 
 #include <sstream>
 
+#include "mac_text.h"
+
 namespace lsrv {
 
 const char *const command_help =
@@ -103,6 +105,10 @@ bool parse_item(const std::string &item, bytes &tlv, std::string &err)
                 err = "bad MAC address \"" + m + "\" (want aa:bb:cc:dd:ee:ff)";
                 return false;
             }
+            if (ltr_mac_is_group(a.data())) {
+                err = m + " is a group (multicast or broadcast) address, not a station";
+                return false;
+            }
             macs.push_back(a);
         }
         if (macs.size() > MAC_LIST_MAX) {
@@ -118,6 +124,10 @@ bool parse_item(const std::string &item, bytes &tlv, std::string &err)
             oui_addr a;
             if (!parse_oui(o, a)) {
                 err = "bad OUI \"" + o + "\" (want aa:bb:cc)";
+                return false;
+            }
+            if (ltr_mac_is_group(a.data())) {
+                err = o + " has the group bit set: only multicast addresses are in it";
                 return false;
             }
             ouis.push_back(a);

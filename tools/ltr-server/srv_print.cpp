@@ -2,10 +2,15 @@
 #include "srv_print.h"
 
 #include <stdio.h>
+#include <time.h>
+
+#include <nlohmann/json.hpp>
 
 namespace lsrv {
 
 namespace {
+
+using ojson = nlohmann::ordered_json;
 
 std::string id_hex(uint32_t id)
 {
@@ -13,8 +18,6 @@ std::string id_hex(uint32_t id)
     snprintf(b, sizeof b, "0x%08x", id);
     return b;
 }
-
-std::string q(const std::string &s) { return "\"" + json_escape(s) + "\""; }
 
 std::string ap_label(const ap_ident &ap)
 {
@@ -24,58 +27,74 @@ std::string ap_label(const ap_ident &ap)
     return s;
 }
 
-std::string ap_json(const ap_ident &ap)
+ojson ap_json(const ap_ident &ap)
 {
-    std::string s = "\"ap\":" + q(ap.name) + ",\"ap_id\":" + std::to_string(ap.id);
-    if (ap.hello)
-        s += ",\"ap_mac\":" + q(mac_str(ap.mac.data())) + ",\"ap_ip\":" + q(ip_str(ap.ip));
+    ojson j = {{"ap", ap.name}, {"ap_id", ap.id}};
+    if (ap.hello) {
+        j["ap_mac"] = mac_str(ap.mac.data());
+        j["ap_ip"] = ip_str(ap.ip);
+    }
     if (!ap.cert.empty())
-        s += ",\"ap_cert\":" + q(ap.cert);
-    return s + ",\"peer\":" + q(ap.peer);
+        j["ap_cert"] = ap.cert;
+    j["peer"] = ap.peer;
+    return j;
+}
+
+// One line: the names come from outside, so bytes that are not UTF-8 are replaced.
+std::string line(const ojson &j) { return j.dump(-1, ' ', false, ojson::error_handler_t::replace) + "\n"; }
+
+// When, what, and the access point's fields.
+ojson event_json(const char *event, const ap_ident &ap)
+{
+    ojson j = {{"time", utc_stamp(std::chrono::system_clock::now())}, {"event", event}};
+    j.update(ap_json(ap));
+    return j;
 }
 
 uint16_t be16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
 
-std::string tlv_json(const tlv_item &t)
+ojson tlv_json(const tlv_item &t)
 {
     const uint8_t *v = t.value.data();
-    std::string s = "{\"type\":" + std::to_string(t.type) + ",\"name\":" + q(tlv_name(t.type)) +
-                    ",\"len\":" + std::to_string(t.len);
+    ojson j = {{"type", t.type}, {"name", tlv_name(t.type)}, {"len", t.len}};
     switch (t.type) {
     case TLV_REPORT_INTERVAL:
     case TLV_RSSI_VALID_PERIOD:
-        s += ",\"seconds\":" + std::to_string(be16(v));
+        j["seconds"] = be16(v);
         break;
     case TLV_RSSI_THRESHOLD:
-        s += ",\"db\":" + std::to_string(v[0]);
+        j["db"] = v[0];
         break;
     case TLV_MAC_LIST:
         if (v[0] == MAC_LIST_ALL) {
-            s += ",\"count\":255,\"all\":true";
+            j["count"] = 255;
+            j["all"] = true;
             break;
         }
-        s += ",\"count\":" + std::to_string(v[0]) + ",\"macs\":[";
+        j["count"] = v[0];
+        j["macs"] = ojson::array();
         for (size_t i = 0; i < v[0]; ++i)
-            s += (i ? "," : "") + q(mac_str(v + 1 + 6 * i));
-        s += "]";
+            j["macs"].push_back(mac_str(v + 1 + 6 * i));
         break;
     case TLV_OUI_LIST:
-        s += ",\"count\":" + std::to_string(v[0]) + ",\"ouis\":[";
+        j["count"] = v[0];
+        j["ouis"] = ojson::array();
         for (size_t i = 0; i < v[0]; ++i)
-            s += (i ? "," : "") + q(oui_str(v + 1 + 3 * i));
-        s += "]";
+            j["ouis"].push_back(oui_str(v + 1 + 3 * i));
         break;
     case TLV_RSSI_DATA:
-        s += ",\"ap_mac\":" + q(mac_str(v)) + ",\"freq\":" + std::to_string(be16(v + 6)) +
-             ",\"rssi\":" + std::to_string(int8_t(v[8]));
+        j["ap_mac"] = mac_str(v);
+        j["freq"] = be16(v + 6);
+        j["rssi"] = int8_t(v[8]);
         break;
     case TLV_ACK_CODE:
-        s += ",\"code\":" + std::to_string(v[0]) + ",\"meaning\":" + q(ack_code_name(v[0]));
+        j["code"] = v[0];
+        j["meaning"] = ack_code_name(v[0]);
         break;
     default:
-        s += ",\"hex\":" + q(hex_str(t.value));
+        j["hex"] = hex_str(t.value);
     }
-    return s + "}";
+    return j;
 }
 
 std::string tlv_text(const tlv_item &t)
@@ -114,74 +133,60 @@ std::string tlv_text(const tlv_item &t)
 
 } // namespace
 
-std::string json_escape(const std::string &s)
+std::string utc_stamp(std::chrono::system_clock::time_point t)
 {
-    std::string o;
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            o += '\\';
-            o += char(c);
-        } else if (c < 0x20) {
-            char b[7];
-            snprintf(b, sizeof b, "\\u%04x", c);
-            o += b;
-        } else {
-            o += char(c); // UTF-8 passes through
-        }
-    }
-    return o;
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+    time_t secs = time_t(ms / 1000);
+    tm u;
+    gmtime_r(&secs, &u);
+    char b[40];
+    size_t n = strftime(b, sizeof b, "%Y-%m-%dT%H:%M:%S", &u);
+    snprintf(b + n, sizeof b - n, ".%03dZ", int(ms % 1000));
+    return b;
 }
 
 std::string show_message(const ap_ident &ap, std::span<const uint8_t> msg, const decoded &d, bool json)
 {
     if (json) {
-        std::string s = "{\"event\":\"message\"," + ap_json(ap) + ",\"size\":" + std::to_string(msg.size());
-        if (msg.size() >= REPLY_HEAD)
-            s += ",\"opcode\":" + std::to_string(d.op) + ",\"op\":" + q(opcode_name(d.op)) +
-                 ",\"msg_id\":" + q(id_hex(d.msg_id)) + ",\"len\":" + std::to_string(d.len) +
-                 ",\"tlv_num\":" + std::to_string(d.tlv_num);
+        ojson j = event_json("message", ap);
+        j["size"] = msg.size();
+        if (msg.size() >= REPLY_HEAD) {
+            j["opcode"] = d.op;
+            j["op"] = opcode_name(d.op);
+            j["msg_id"] = id_hex(d.msg_id);
+            j["len"] = d.len;
+            j["tlv_num"] = d.tlv_num;
+        }
         if (!d.error.empty()) {
-            s += ",\"error\":" + q(d.error) + ",\"hex\":" + q(hex_str(msg));
+            j["error"] = d.error;
+            j["hex"] = hex_str(msg);
         } else {
-            s += ",\"tlvs\":[";
-            for (size_t i = 0; i < d.tlvs.size(); ++i)
-                s += (i ? "," : "") + tlv_json(d.tlvs[i]);
-            s += "]";
+            j["tlvs"] = ojson::array();
+            for (const tlv_item &t : d.tlvs)
+                j["tlvs"].push_back(tlv_json(t));
             if (d.op == OP_ACK) {
-                s += ",\"ack_code\":" + std::to_string(d.ack_code) + ",\"ack\":" +
-                     q(ack_code_name(d.ack_code));
-                s += ",\"refused_macs\":[";
-                for (size_t i = 0; i < d.refused_macs.size(); ++i)
-                    s += (i ? "," : "") + q(mac_str(d.refused_macs[i].data()));
-                s += "],\"refused_ouis\":[";
-                for (size_t i = 0; i < d.refused_ouis.size(); ++i)
-                    s += (i ? "," : "") + q(oui_str(d.refused_ouis[i].data()));
-                s += "]";
+                j["ack_code"] = d.ack_code;
+                j["ack"] = ack_code_name(d.ack_code);
+                j["refused_macs"] = ojson::array();
+                for (const mac_addr &m : d.refused_macs)
+                    j["refused_macs"].push_back(mac_str(m.data()));
+                j["refused_ouis"] = ojson::array();
+                for (const oui_addr &o : d.refused_ouis)
+                    j["refused_ouis"].push_back(oui_str(o.data()));
             }
             if (d.op == OP_RSSI_REPORT) {
-                s += ",\"stations\":[";
-                for (size_t i = 0; i < d.stations.size(); ++i) {
-                    const station &st = d.stations[i];
-                    s += (i ? "," : "") + std::string("{\"mac\":") + q(mac_str(st.mac.data())) +
-                         ",\"readings\":[";
-                    for (size_t j = 0; j < st.readings.size(); ++j) {
-                        const rssi_reading &r = st.readings[j];
-                        s += (j ? "," : "") + std::string("{\"ap_mac\":") + q(mac_str(r.ap.data())) +
-                             ",\"freq\":" + std::to_string(r.freq) +
-                             ",\"rssi\":" + std::to_string(r.rssi) + "}";
-                    }
-                    s += "]}";
+                j["stations"] = ojson::array();
+                for (const station &st : d.stations) {
+                    ojson readings = ojson::array();
+                    for (const rssi_reading &r : st.readings)
+                        readings.push_back({{"ap_mac", mac_str(r.ap.data())}, {"freq", r.freq}, {"rssi", r.rssi}});
+                    j["stations"].push_back({{"mac", mac_str(st.mac.data())}, {"readings", readings}});
                 }
-                s += "]";
             }
         }
-        if (!d.notes.empty()) {
-            s += ",\"notes\":[";
-            for (size_t i = 0; i < d.notes.size(); ++i)
-                s += (i ? "," : "") + q(d.notes[i]);
-            s += "]";
-        }
-        return s + "}\n";
+        if (!d.notes.empty())
+            j["notes"] = d.notes;
+        return line(j);
     }
 
     std::string s = "<- " + ap_label(ap) + " ";
@@ -224,10 +229,14 @@ std::string show_message(const ap_ident &ap, std::span<const uint8_t> msg, const
 
 std::string show_sent(const ap_ident &ap, uint16_t op, uint32_t msg_id, size_t size, bool json)
 {
-    if (json)
-        return "{\"event\":\"sent\"," + ap_json(ap) + ",\"opcode\":" + std::to_string(op) +
-               ",\"op\":" + q(opcode_name(op)) + ",\"msg_id\":" + q(id_hex(msg_id)) +
-               ",\"size\":" + std::to_string(size) + "}\n";
+    if (json) {
+        ojson j = event_json("sent", ap);
+        j["opcode"] = op;
+        j["op"] = opcode_name(op);
+        j["msg_id"] = id_hex(msg_id);
+        j["size"] = size;
+        return line(j);
+    }
     std::string name = opcode_name(op);
     if (name.empty())
         name = "opcode " + std::to_string(op);
@@ -238,10 +247,10 @@ std::string show_sent(const ap_ident &ap, uint16_t op, uint32_t msg_id, size_t s
 std::string show_conn(const ap_ident &ap, const char *event, const std::string &why, bool json)
 {
     if (json) {
-        std::string s = "{\"event\":" + q(event) + "," + ap_json(ap);
+        ojson j = event_json(event, ap);
         if (!why.empty())
-            s += ",\"reason\":" + q(why);
-        return s + "}\n";
+            j["reason"] = why;
+        return line(j);
     }
     std::string s = "== " + ap_label(ap) + " " + event;
     if (std::string(event) == "hello")
@@ -257,7 +266,7 @@ std::string show_conn(const ap_ident &ap, const char *event, const std::string &
 std::string show_list_row(const ap_ident &ap, bool json)
 {
     if (json)
-        return "{\"event\":\"list\"," + ap_json(ap) + "}\n";
+        return line(event_json("list", ap));
     char b[160];
     snprintf(b, sizeof b, "#%-3u %-20s %-17s %-15s %s", ap.id,
              ap.hello ? ap.name.c_str() : "(no hello)", ap.hello ? mac_str(ap.mac.data()).c_str() : "-",

@@ -1,6 +1,7 @@
 // ltr-server output: every received message, sent request and connection change
 // as readable text or as one JSON object per line.
 #pragma once
+#include <chrono>
 #include <string>
 
 #include "srv_wire.h"
@@ -17,9 +18,11 @@ struct ap_ident {
     std::string cert;      // subject CN of the AP's TLS client certificate, if any
 };
 
-std::string json_escape(const std::string &s);
+// RFC 3339 in UTC with milliseconds: "2026-11-24T11:25:03.123Z".
+std::string utc_stamp(std::chrono::system_clock::time_point t);
 
-// Text lines end with '\n'; JSON is one object and a '\n'.
+// Text lines end with '\n'; JSON is one object and a '\n', its "time" first (the
+// moment it was printed, utc_stamp).
 std::string show_message(const ap_ident &ap, std::span<const uint8_t> msg, const decoded &d, bool json);
 std::string show_sent(const ap_ident &ap, uint16_t op, uint32_t msg_id, size_t size, bool json);
 std::string show_conn(const ap_ident &ap, const char *event, const std::string &why, bool json);

@@ -6,6 +6,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "mac_text.h"
+
 namespace lsrv {
 
 namespace {
@@ -337,19 +339,8 @@ decoded decode_reply(std::span<const uint8_t> msg)
     return d;
 }
 
-std::string mac_str(const uint8_t *m)
-{
-    char b[18];
-    snprintf(b, sizeof b, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return b;
-}
-
-std::string oui_str(const uint8_t *o)
-{
-    char b[9];
-    snprintf(b, sizeof b, "%02x:%02x:%02x", o[0], o[1], o[2]);
-    return b;
-}
+std::string mac_str(const uint8_t *m) { return ltr_mac_text(m); }
+std::string oui_str(const uint8_t *o) { return ltr_oui_text(o); }
 
 std::string ip_str(uint32_t net_order)
 {
@@ -358,21 +349,8 @@ std::string ip_str(uint32_t net_order)
     return inet_ntop(AF_INET, &a, b, sizeof b) ? b : "?";
 }
 
-bool parse_mac(const std::string &s, mac_addr &out)
-{
-    if (parse_octets(s, out.data(), 6, ':') || parse_octets(s, out.data(), 6, '-'))
-        return true;
-    // Dotted form: three groups of four hex digits.
-    if (s.size() != 14 || s[4] != '.' || s[9] != '.')
-        return false;
-    std::string flat = s.substr(0, 4) + s.substr(5, 4) + s.substr(10, 4);
-    return parse_octets(flat, out.data(), 6, 0);
-}
-
-bool parse_oui(const std::string &s, oui_addr &out)
-{
-    return parse_octets(s, out.data(), 3, ':') || parse_octets(s, out.data(), 3, '-');
-}
+bool parse_mac(const std::string &s, mac_addr &out) { return ltr_mac_parse(s, out.data()); }
+bool parse_oui(const std::string &s, oui_addr &out) { return ltr_oui_parse(s, out.data()); }
 
 bool parse_hex(const std::string &s, bytes &out)
 {

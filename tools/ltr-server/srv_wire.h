@@ -112,9 +112,9 @@ decoded decode_reply(std::span<const uint8_t> msg);
 std::string mac_str(const uint8_t *m);       // aa:bb:cc:dd:ee:ff
 std::string oui_str(const uint8_t *o);       // aa:bb:cc
 std::string ip_str(uint32_t net_order);
-// Accepts aa:bb:cc:dd:ee:ff, aa-bb-cc-dd-ee-ff and aabb.ccdd.eeff.
+// The forms of mac_text.h.
 bool parse_mac(const std::string &s, mac_addr &out);
-bool parse_oui(const std::string &s, oui_addr &out); // aa:bb:cc or aa-bb-cc
+bool parse_oui(const std::string &s, oui_addr &out);
 bool parse_hex(const std::string &s, bytes &out);    // even number of hex digits
 std::string hex_str(std::span<const uint8_t> b);
 

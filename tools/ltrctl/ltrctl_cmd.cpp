@@ -5,9 +5,11 @@
 #include <ctype.h>
 #include <string.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "cli_proto.h"
+#include "mac_text.h"
 
 namespace ltrctl {
 namespace {
@@ -94,48 +96,6 @@ uint32_t get_le32(const std::vector<uint8_t> &b, size_t at)
            (uint32_t)b[at + 3] << 24;
 }
 
-int hexval(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    c = (char)tolower((unsigned char)c);
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
-
-// n bytes from hex text in one of the three separator styles.
-bool parse_hex_bytes(const std::string &s, uint8_t *out, size_t n)
-{
-    auto pair = [&](size_t at, uint8_t &b) {
-        int h = hexval(s[at]), l = hexval(s[at + 1]);
-        if (h < 0 || l < 0)
-            return false;
-        b = (uint8_t)(h << 4 | l);
-        return true;
-    };
-    if (s.size() == n * 3 - 1 && (s[2] == ':' || s[2] == '-')) {
-        for (size_t i = 0; i < n; i++) {
-            if (i && s[i * 3 - 1] != s[2])
-                return false;
-            if (!pair(i * 3, out[i]))
-                return false;
-        }
-        return true;
-    }
-    // Dotted: groups of four hex digits, the last group may hold two (aabb.cc).
-    size_t at = 0;
-    for (size_t i = 0; i < n; i++) {
-        if (i && i % 2 == 0) {
-            if (at >= s.size() || s[at] != '.')
-                return false;
-            at++;
-        }
-        if (at + 2 > s.size() || !pair(at, out[i]))
-            return false;
-        at += 2;
-    }
-    return at == s.size() && s.find('.') != std::string::npos;
-}
-
 bool parse_value(const std::string &s, uint32_t &v)
 {
     if (s.empty() || s.size() > 10)
@@ -150,6 +110,32 @@ bool parse_value(const std::string &s, uint32_t &v)
         return false;
     v = (uint32_t)x;
     return true;
+}
+
+// The words that may follow w[at..] when w is the start of longer commands, as
+// "a, b, c"; "" when no command starts so. A "no" form lists only what it undoes.
+std::string next_words(const std::vector<std::string> &w, size_t at)
+{
+    std::vector<std::string> spelled;
+    for (auto &d : defs)
+        if (at == 0 || d.negatable)
+            spelled.push_back(d.words);
+    if (at == 0)
+        spelled.insert(spelled.end(), {"show running-config", "status", "help"});
+    spelled.push_back("debug location-tracking <category>");
+    std::vector<std::string> next;
+    for (auto &text : spelled) {
+        std::vector<std::string> dw = words(text);
+        if (dw.size() <= w.size() - at || !std::equal(w.begin() + (long)at, w.end(), dw.begin()))
+            continue;
+        const std::string &n = dw[w.size() - at];
+        if (std::find(next.begin(), next.end(), n) == next.end())
+            next.push_back(n);
+    }
+    std::string out;
+    for (auto &n : next)
+        out += (out.empty() ? "" : ", ") + n;
+    return out;
 }
 
 std::string spell(const cmd_def &d, bool negated)
@@ -170,22 +156,6 @@ std::vector<std::string> words(const std::string &line)
         w.push_back(t);
     }
     return w;
-}
-
-bool parse_mac(const std::string &s, uint8_t mac[6]) { return parse_hex_bytes(s, mac, 6); }
-bool parse_oui(const std::string &s, uint8_t oui[3]) { return parse_hex_bytes(s, oui, 3); }
-
-std::string mac_text(const uint8_t *m)
-{
-    char b[18];
-    snprintf(b, sizeof(b), "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return b;
-}
-std::string oui_text(const uint8_t *o)
-{
-    char b[9];
-    snprintf(b, sizeof(b), "%02x:%02x:%02x", o[0], o[1], o[2]);
-    return b;
 }
 
 // The requests that are not agent commands: running configuration, status, help and
@@ -252,17 +222,25 @@ bool put_argument(const cmd_def &d, const std::string &name, const std::string &
         put_le32(out.block, 12, v);
     } else if (d.arg == arg_kind::mac) {
         uint8_t mac[6];
-        if (!parse_mac(a, mac)) {
+        if (!ltr_mac_parse(a, mac)) {
             err = name + ": '" + a +
                   "' is not a MAC address (aa:bb:cc:dd:ee:ff, aa-bb-cc-dd-ee-ff or aabb.ccdd.eeff)";
+            return false;
+        }
+        if (!(flags & FLAG_NEG) && d.negatable && ltr_mac_is_group(mac)) {
+            err = name + ": " + a + " is a group (multicast or broadcast) address, not a station";
             return false;
         }
         out.block.assign(20, 0);
         memcpy(&out.block[12], mac, 6);
     } else {
         uint8_t oui[3];
-        if (!parse_oui(a, oui)) {
+        if (!ltr_oui_parse(a, oui)) {
             err = name + ": '" + a + "' is not an OUI (aa:bb:cc, aa-bb-cc or aabb.cc)";
+            return false;
+        }
+        if (!(flags & FLAG_NEG) && d.negatable && ltr_mac_is_group(oui)) {
+            err = name + ": " + a + " has the group bit set: only multicast addresses are in it";
             return false;
         }
         out.block.assign(16, 0);
@@ -293,6 +271,12 @@ bool parse(const std::string &line, request &out, std::string &err)
             break;
         }
     if (!d) {
+        std::string next = next_words(w, at);
+        if (!next.empty()) {
+            err = "'" + line.substr(line.find_first_not_of(" \t")) +
+                  "' is incomplete; it goes on with: " + next;
+            return false;
+        }
         err = "unknown command '" + line.substr(line.find_first_not_of(" \t")) + "' (try help)";
         return false;
     }
@@ -362,9 +346,9 @@ bool entry_words(uint16_t cmd_id, const std::vector<uint8_t> &b, std::string &li
             return true; // the "no" form takes no value
         line += " " + std::to_string(v);
     } else if (d->arg == arg_kind::mac) {
-        line += " " + mac_text(&b[12]);
+        line += " " + ltr_mac_text(&b[12]);
     } else {
-        line += " " + oui_text(&b[12]);
+        line += " " + ltr_oui_text(&b[12]);
     }
     return true;
 }

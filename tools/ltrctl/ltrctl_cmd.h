@@ -25,13 +25,6 @@ bool parse(const std::string &line, request &out, std::string &err);
 // Splits on blanks; "" and "#..." or "!..." lines give no words.
 std::vector<std::string> words(const std::string &line);
 
-// MAC as aa:bb:cc:dd:ee:ff, aa-bb-cc-dd-ee-ff or aabb.ccdd.eeff; OUI as aa:bb:cc,
-// aa-bb-cc or aabb.cc. Case-insensitive.
-bool parse_mac(const std::string &s, uint8_t mac[6]);
-bool parse_oui(const std::string &s, uint8_t oui[3]);
-std::string mac_text(const uint8_t *mac); // aa:bb:cc:dd:ee:ff
-std::string oui_text(const uint8_t *oui); // aa:bb:cc
-
 // The command words of one running-configuration entry; false (and err) when the
 // entry is not a configuration command or its block does not fit it.
 bool entry_words(uint16_t cmd_id, const std::vector<uint8_t> &block, std::string &line,

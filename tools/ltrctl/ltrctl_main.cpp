@@ -1,4 +1,5 @@
 // ltrctl: the operator's command line for ltrd, over the daemon's cli.sock.
+#include <getopt.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -13,14 +14,16 @@ using namespace ltrctl;
 
 static void usage(FILE *f)
 {
-    fputs("usage: ltrctl [-s SOCKET | -i INSTANCE] [-k] -f FILE|-\n"
-          "       ltrctl [-s SOCKET | -i INSTANCE] COMMAND WORDS...\n"
+    fputs("usage: ltrctl [-s SOCKET | -i INSTANCE] [-j] [-k] -f FILE|-\n"
+          "       ltrctl [-s SOCKET | -i INSTANCE] [-j] COMMAND WORDS...\n"
           "  -s, --socket PATH      the daemon's cli.sock\n"
           "  -i, --instance NAME    use /run/qz/NAME/cli.sock\n"
           "  -f, --file FILE        run the commands of FILE ('-': standard input)\n"
           "  -k, --keep-going       in a batch, go on after a bad line or a failed command\n"
           "  -t, --timeout SECONDS  give up on a daemon that does not answer (default 10)\n"
           "  -h, --help             this text and the commands\n"
+          "  -j, --json             print each command's reply as one JSON document a line\n"
+          "  -V, --version          the version\n"
           "Without a command and with standard input not a terminal, commands are read\n"
           "from standard input. 'ltrctl help' lists the commands.\n",
           f);
@@ -28,50 +31,70 @@ static void usage(FILE *f)
 
 int main(int argc, char **argv)
 {
+    static const option longs[] = {
+        {"socket", required_argument, nullptr, 's'},
+        {"instance", required_argument, nullptr, 'i'},
+        {"file", required_argument, nullptr, 'f'},
+        {"keep-going", no_argument, nullptr, 'k'},
+        {"timeout", required_argument, nullptr, 't'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {"json", no_argument, nullptr, 'j'},
+        {nullptr, 0, nullptr, 0},
+    };
     std::string sock, instance, file;
-    bool keep_going = false, have_file = false;
+    bool keep_going = false, have_file = false, json = false;
     int timeout_ms = DEFAULT_TIMEOUT_MS;
-    int i = 1;
-    for (; i < argc && argv[i][0] == '-' && argv[i][1]; i++) {
-        std::string a = argv[i];
-        auto value = [&](std::string &dst) {
-            if (i + 1 >= argc) {
-                fprintf(stderr, "ltrctl: %s needs a value\n", a.c_str());
-                exit(EXIT_USAGE);
-            }
-            dst = argv[++i];
-        };
-        if (a == "-s" || a == "--socket")
-            value(sock);
-        else if (a == "-i" || a == "--instance")
-            value(instance);
-        else if (a == "-f" || a == "--file") {
-            value(file);
+    opterr = 0;
+    // '+': options end at the first command word.
+    for (int o; (o = getopt_long(argc, argv, "+s:i:f:kt:hVj", longs, nullptr)) != -1;) {
+        switch (o) {
+        case 's':
+            sock = optarg;
+            break;
+        case 'i':
+            instance = optarg;
+            break;
+        case 'f':
+            file = optarg;
             have_file = true;
-        } else if (a == "-k" || a == "--keep-going")
+            break;
+        case 'k':
             keep_going = true;
-        else if (a == "-t" || a == "--timeout") {
-            std::string v;
-            value(v);
+            break;
+        case 'j':
+            json = true;
+            break;
+        case 't': {
             char *end = nullptr;
-            double secs = strtod(v.c_str(), &end);
-            if (v.empty() || *end || !(secs > 0 && secs <= 3600)) {
+            double secs = strtod(optarg, &end);
+            if (!optarg[0] || *end || !(secs > 0 && secs <= 3600)) {
                 fprintf(stderr, "ltrctl: --timeout wants seconds between 0 and 3600, not '%s'\n",
-                        v.c_str());
+                        optarg);
                 return EXIT_USAGE;
             }
             timeout_ms = std::max(1, (int)(secs * 1000));
+            break;
         }
-        else if (a == "-h" || a == "--help") {
+        case 'h':
             usage(stdout);
             fputs(help_text().c_str(), stdout);
             return EXIT_OK;
-        } else {
-            fprintf(stderr, "ltrctl: unknown option %s\n", a.c_str());
+        case 'V':
+            printf("ltrctl %s\n", LTR_VERSION);
+            return EXIT_OK;
+        default:
+            if (optopt && strchr("sift", optopt))
+                fprintf(stderr, "ltrctl: -%c needs a value\n", optopt);
+            else if (optopt)
+                fprintf(stderr, "ltrctl: unknown option -%c\n", optopt);
+            else
+                fprintf(stderr, "ltrctl: unknown option %s\n", argv[optind - 1]);
             usage(stderr);
             return EXIT_USAGE;
         }
     }
+    int i = optind;
 
     std::string path, why;
     if (!socket_path(sock, instance, path, why)) {
@@ -98,7 +121,7 @@ int main(int argc, char **argv)
         std::istream &in = from_stdin ? std::cin : f;
         while (std::getline(in, line))
             lines.push_back(line);
-        return run_batch(lines, keep_going, path, std::cout, std::cerr, timeout_ms);
+        return run_batch(lines, keep_going, path, std::cout, std::cerr, timeout_ms, json);
     }
     if (i == argc) {
         usage(stderr);
@@ -123,5 +146,5 @@ int main(int argc, char **argv)
         fprintf(stderr, "ltrctl: %s\n", why.c_str());
         return EXIT_NOLINK;
     }
-    return run_request(c, r, std::cout, std::cerr);
+    return run_request(c, r, std::cout, std::cerr, json);
 }

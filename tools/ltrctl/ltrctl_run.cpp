@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "cli_proto.h"
+#include "ltrctl_json.h"
 
 namespace ltrctl {
 
@@ -46,7 +47,7 @@ bool decode_running(const std::vector<uint8_t> &r, int32_t &result, std::vector<
     return true;
 }
 
-int run_request(conn &c, const request &r, std::ostream &out, std::ostream &err)
+int run_request(conn &c, const request &r, std::ostream &out, std::ostream &err, bool json)
 {
     if (r.kind == req_kind::help) {
         out << help_text();
@@ -63,6 +64,8 @@ int run_request(conn &c, const request &r, std::ostream &out, std::ostream &err)
     // The agent's own refusals carry their reason as text, whatever the request.
     if (result == cli_proto::E_MALFORMED || result == cli_proto::E_UNKNOWN) {
         err << "ltrctl: daemon: " << text;
+        if (json)
+            out << result_json(result, text);
         return EXIT_FAILED;
     }
     if (r.kind == req_kind::running_config) {
@@ -71,15 +74,29 @@ int run_request(conn &c, const request &r, std::ostream &out, std::ostream &err)
             err << "ltrctl: " << why << "\n";
             return EXIT_NOLINK;
         }
-        for (auto &l : lines)
-            out << l << "\n";
+        if (json)
+            out << running_json(lines, skipped, result);
+        else
+            for (auto &l : lines)
+                out << l << "\n";
         for (auto &s : skipped)
             err << "ltrctl: running configuration: skipped " << s << "\n";
         if (result != 0)
             err << "ltrctl: the configuration generator failed (" << result << ")\n";
         return result == 0 && skipped.empty() ? EXIT_OK : EXIT_FAILED;
     }
-    out << text;
+    if (json && result == 0) {
+        std::string doc;
+        if (!show_json(r, text, doc, why)) {
+            err << "ltrctl: the daemon's reply does not read as JSON fields: " << why << "\n";
+            return EXIT_NOLINK;
+        }
+        out << doc;
+    } else if (json) {
+        out << result_json(result, text);
+    } else {
+        out << text;
+    }
     if (result != 0) {
         if (r.kind == req_kind::debug)
             err << "ltrctl: debug: the daemon does not know " << r.module << " " << r.category
@@ -90,7 +107,7 @@ int run_request(conn &c, const request &r, std::ostream &out, std::ostream &err)
 }
 
 int run_batch(const std::vector<std::string> &lines, bool keep_going, const std::string &path,
-              std::ostream &out, std::ostream &err, int timeout_ms)
+              std::ostream &out, std::ostream &err, int timeout_ms, bool json)
 {
     std::vector<std::pair<size_t, request>> todo;
     bool bad = false;
@@ -123,7 +140,7 @@ int run_batch(const std::vector<std::string> &lines, bool keep_going, const std:
             }
             opened = true;
         }
-        int s = run_request(c, r, out, err);
+        int s = run_request(c, r, out, err, json);
         if (s == EXIT_NOLINK)
             return s;
         if (s != EXIT_OK) {

@@ -1,9 +1,10 @@
 """A simulated site on one machine: access points (each its own ltrd with its own
 radios, settings, store and sockets), simulated radios and one location server.
 
-Everything runs inside fresh user, network, mount, IPC and PID namespaces, so that
-the processes, interfaces, shared memory and files under /tmp that a site creates
-vanish with it, and nothing needs root on the host.
+Everything runs inside fresh user, network, mount, IPC and PID namespaces (as root,
+without the user namespace where the kernel refuses one), so that the processes,
+interfaces, shared memory and files under /tmp that a site creates vanish with it,
+and nothing needs root on the host.
 """
 import json
 import os
@@ -25,19 +26,46 @@ class SiteError(Exception):
     pass
 
 
+# Tried in order. Root needs no user namespace, and inside a chroot the kernel refuses
+# new user namespaces while network, mount, IPC and PID ones still work.
+NS_FLAGS = (["-Urnimp"], ["-nimp"])
+_ns_probe = None
+
+
+def namespace_flags():
+    """(unshare flags that work here, None) or (None, why nothing works)."""
+    global _ns_probe
+    if os.environ.get(NS_ENV) == "1":
+        return os.environ.get(NS_ENV + "_FLAGS", "-Urnimp").split(), None
+    if _ns_probe:
+        return _ns_probe
+    missing = [t for t in ("unshare", "ip") if not shutil.which(t)]
+    if missing:
+        _ns_probe = None, f"{' and '.join(missing)} not found (package util-linux, iproute2)"
+        return _ns_probe
+    tried = []
+    for flags in NS_FLAGS:
+        if "-U" not in flags[0] and os.geteuid() != 0:
+            continue
+        try:
+            r = subprocess.run(["unshare"] + flags + ["--fork", "--mount-proc", "sh", "-c",
+                                "ip link add t0 type ifb || ip link add t0 type dummy"],
+                               capture_output=True, timeout=20)
+        except (OSError, subprocess.SubprocessError) as e:
+            tried.append(f"unshare {flags[0]}: {e}")
+            continue
+        if r.returncode == 0:
+            _ns_probe = flags, None
+            return _ns_probe
+        err = r.stderr.decode(errors="replace").strip().splitlines()
+        tried.append(f"unshare {flags[0]}: {err[-1] if err else f'exit status {r.returncode}'}")
+    _ns_probe = None, "; ".join(tried)
+    return _ns_probe
+
+
 def namespaces_available():
     """True when this machine lets us create the namespaces a site needs."""
-    if os.environ.get(NS_ENV) == "1":
-        return True
-    if not shutil.which("unshare") or not shutil.which("ip"):
-        return False
-    try:
-        r = subprocess.run(["unshare", "-Urnimp", "--fork", "--mount-proc", "sh", "-c",
-                            "ip link add t0 type ifb || ip link add t0 type dummy"],
-                           capture_output=True, timeout=20)
-        return r.returncode == 0
-    except (OSError, subprocess.SubprocessError):
-        return False
+    return namespace_flags()[0] is not None
 
 
 def _pump(a, b):
@@ -89,9 +117,12 @@ def enter_namespaces(argv, keep=(), forward=None):
     and relays each connection to the unix socket path, which the script serves inside
     with serve_forward; returns False when that port is taken (nothing is relayed)."""
     if os.environ.get(NS_ENV) != "1":
-        env = dict(os.environ, **{NS_ENV: "1"})
-        cmd = ["unshare", "-Urnimp", "--fork", "--kill-child", "--mount-proc", "--",
-               sys.executable] + argv
+        flags, why = namespace_flags()
+        if not flags:
+            raise SiteError(f"no namespaces for a site: {why}")
+        env = dict(os.environ, **{NS_ENV: "1", NS_ENV + "_FLAGS": " ".join(flags)})
+        cmd = ["unshare"] + flags + ["--fork", "--kill-child", "--mount-proc", "--",
+                                     sys.executable] + argv
         if not forward:
             os.execvpe("unshare", cmd, env)
         lst = socket.socket(socket.AF_INET, socket.SOCK_STREAM)

@@ -1,6 +1,8 @@
 // Tracking state shared by the radio drivers: see drv_track.h.
 #include "drv_track.h"
 
+#include "mac_text.h"
+
 #include <stdio.h>
 #include <string.h>
 
@@ -8,7 +10,8 @@
 
 namespace {
 
-// Finds key in v; on delete removes it, on add appends it within max. Counts misses.
+// Finds key in v; on delete removes it, on add appends it within max. Counts misses;
+// deleting an absent key is done already, as a radio's table treats it.
 template <typename T>
 int add_or_del(std::vector<T> &v, const T &key, bool del, size_t max, uint32_t &no_node,
                uint32_t &no_mem)
@@ -17,7 +20,7 @@ int add_or_del(std::vector<T> &v, const T &key, bool del, size_t max, uint32_t &
     if (del) {
         if (it == v.end()) {
             no_node++;
-            return -1;
+            return 0;
         }
         v.erase(it);
     } else if (it == v.end()) {
@@ -110,11 +113,5 @@ std::string drv_track_text(const drv_track &t)
 
 std::string drv_mac_text(const uint8_t *b, size_t n)
 {
-    std::string s;
-    char part[4];
-    for (size_t i = 0; i < n; i++) {
-        snprintf(part, sizeof part, i ? ":%02x" : "%02x", b[i]);
-        s += part;
-    }
-    return s;
+    return n == 3 ? ltr_oui_text(b) : ltr_mac_text(b);
 }

@@ -37,9 +37,9 @@ struct drv_track {
 
 void drv_set_track(drv_track &t, int enable);
 void drv_set_lmatch(drv_track &t, int value);
-// Adds or deletes a track object; deleting a missing one or adding past the table's
-// bound fails and counts (sta_/oui_no_node, sta_/oui_no_mem). Adding a present one
-// succeeds and changes nothing. 0 / -1.
+// Adds or deletes a track object; adding past the table's bound fails and counts
+// (sta_/oui_no_mem). Deleting a missing one (counted in sta_/oui_no_node) or adding a
+// present one succeeds and changes nothing. 0 / -1.
 int drv_set_trackobj(drv_track &t, const lta_trackobj *obj);
 // Whether mac is a track object or lies in a tracked OUI.
 bool drv_matches(const drv_track &t, const uint8_t *mac);

@@ -11,6 +11,7 @@
 
 #include <toml++/toml.h>
 
+#include "mac_text.h"
 #include "rt_config.h"
 
 namespace {
@@ -309,24 +310,6 @@ bool sim_world_assoc(const sim_world &w, int ap, int radio, const sim_mac &mac)
 
 bool sim_parse_hex(const std::string &s, uint8_t *out, int n)
 {
-    if (s.size() != static_cast<size_t>(n * 3 - 1))
-        return false;
-    for (int i = 0; i < n; i++) {
-        if (i > 0 && s[static_cast<size_t>(i * 3 - 1)] != ':')
-            return false;
-        unsigned v = 0;
-        for (int j = 0; j < 2; j++) {
-            char c = s[static_cast<size_t>(i * 3 + j)];
-            int d = c >= '0' && c <= '9' ? c - '0'
-                    : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                    : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                           : -1;
-            if (d < 0)
-                return false;
-            v = v * 16 + static_cast<unsigned>(d);
-        }
-        out[i] = static_cast<uint8_t>(v);
-    }
-    return true;
+    return n == 6 ? ltr_mac_parse(s, out) : n == 3 && ltr_oui_parse(s, out);
 }
 

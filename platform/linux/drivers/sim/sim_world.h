@@ -66,5 +66,5 @@ void sim_world_hear(const sim_world &w, int ap, int radio, uint16_t freq, double
 // Whether the station is associated with that radio of ap.
 bool sim_world_assoc(const sim_world &w, int ap, int radio, const sim_mac &mac);
 
-// "aa:bb:cc:dd:ee:ff" (n = 6) or "aa:bb:cc" (n = 3); false on anything else.
+// A MAC (n = 6) or OUI (n = 3) in any form of mac_text.h; false on anything else.
 bool sim_parse_hex(const std::string &s, uint8_t *out, int n);

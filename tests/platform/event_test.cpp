@@ -291,6 +291,7 @@ struct notify_sock {
     }
 };
 
+#ifdef LTR_HAVE_SYSTEMD
 std::mutex g_hang_mu;
 std::condition_variable g_hang_cv;
 bool g_hanging, g_release;
@@ -302,6 +303,7 @@ void hanging_handler(uint32_t, int, void *)
     g_hang_cv.wait(l, [] { return g_release; });
     g_hanging = false;
 }
+#endif
 } // namespace
 
 #ifdef LTR_HAVE_SYSTEMD

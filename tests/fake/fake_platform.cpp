@@ -220,7 +220,8 @@ int run_cmd(int cmd_id, bool negated, const bytes &block, int nth, uint16_t type
     cmd.negated = negated;
     qz_cli_ipc ipc{};
     ipc.type = type;
-    memcpy(ipc.block, block.data(), std::min(block.size(), sizeof(ipc.block)));
+    // copy_n: an empty block may have no storage at all.
+    std::copy_n(block.begin(), std::min(block.size(), sizeof(ipc.block)), ipc.block);
     for (auto &v : S().vectors)
         if (v.first == cmd_id && nth-- == 0)
             return v.second(&cmd, &ipc);

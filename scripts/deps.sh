@@ -7,7 +7,7 @@ set -euo pipefail
 
 pkgs=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
       liblmdb-dev libtomlplusplus-dev libssl-dev clang libclang-rt-14-dev iproute2 python3
-      libpcap-dev libnl-genl-3-dev)
+      libpcap-dev libnl-genl-3-dev openssl)
 # The 32-bit build (cmake/i386.cmake) links against Debian's i386 multiarch libraries.
 pkgs32=(g++-multilib liblmdb-dev:i386 libtomlplusplus-dev:i386 libssl-dev:i386
         libgtest-dev:i386 libgmock-dev:i386)

@@ -4,6 +4,7 @@
 #include "rt_config.h"
 #include "rt_log.h"
 #include "srvchan.h"
+#include "srvchan_transport.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -216,6 +217,26 @@ constexpr key_def server_keys[] = {
      }},
     {"queue_limit", [](const key_ctx &k, const toml::node &n, rt_config &c) {
          return get_int(k, n, c.server_queue_limit, 0, 1 << 30);
+     }},
+    {"tls",
+     [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         bool on = false;
+         if (!get_bool(k, n, on))
+             return false;
+         c.server_tls = on;
+         return true;
+     }},
+    {"ca_file", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.server_ca_file);
+     }},
+    {"server_name", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.server_name);
+     }},
+    {"cert_file", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.server_cert_file);
+     }},
+    {"key_file", [](const key_ctx &k, const toml::node &n, rt_config &c) {
+         return get_str(k, n, c.server_key_file);
      }},
 };
 
@@ -496,6 +517,41 @@ bool rt_config_parse_text(const std::string &text, const std::string &path, rt_c
     return true;
 }
 
+namespace {
+
+// The TLS keys of [server] fit together and their files load.
+template <typename L> bool check_server_tls(const rt_config &c, L line, std::string &err)
+{
+    auto fail = [&](const std::string &key, const std::string &what) {
+        return key_ctx{c.path, key, line(key), &err}.fail(what);
+    };
+    const std::pair<const char *, const std::string *> tls_keys[] = {
+        {"server.ca_file", &c.server_ca_file},
+        {"server.server_name", &c.server_name},
+        {"server.cert_file", &c.server_cert_file},
+        {"server.key_file", &c.server_key_file},
+    };
+    if (!rt_server_tls(c)) {
+        for (auto &[key, value] : tls_keys)
+            if (!value->empty())
+                return fail(key, c.server_tls ? "not used with server.tls = false"
+                                              : "needs TLS: set server.tls = true and server.ca_file");
+        return true;
+    }
+    if (c.server_ca_file.empty())
+        return fail("server.tls", "needs server.ca_file (the CA that signed the server's "
+                                  "certificate)");
+    if (c.server_cert_file.empty() != c.server_key_file.empty())
+        return c.server_cert_file.empty() ? fail("server.key_file", "needs server.cert_file")
+                                          : fail("server.cert_file", "needs server.key_file");
+    std::string key, why;
+    if (!srv_tls_check(c, key, why))
+        return fail(key, why);
+    return true;
+}
+
+} // namespace
+
 bool rt_config_check(const rt_config &c, std::string &err)
 {
     auto line = [&](const std::string &key) {
@@ -511,6 +567,8 @@ bool rt_config_check(const rt_config &c, std::string &err)
             return k.fail("unknown driver \"" + c.radios[i].driver + "\" (this build has: " +
                           rt_driver_names() + ")");
     }
+    if (!check_server_tls(c, line, err))
+        return false;
     if (!c.nb_key_file.empty()) {
         key_ctx k{c.path, "neighbours.key_file", line("neighbours.key_file"), &err};
         std::string key, why;

@@ -25,6 +25,13 @@ struct rt_config {
     std::optional<uint32_t> mgt_ip; // network order
     std::string server_address;     // host:port, "" = channel down
     uint32_t server_queue_limit = 1 << 20;
+    // TLS on the server channel. Unset: on when a CA file is given, else plain TCP
+    // (with a warning), so that a configuration older than TLS keeps working.
+    std::optional<bool> server_tls;
+    std::string server_ca_file;   // PEM: the CA(s) that the server's certificate must chain to
+    std::string server_name;      // name to verify; "" = the host of server_address
+    std::string server_cert_file; // PEM: this access point's certificate (mutual TLS)
+    std::string server_key_file;  // PEM: its private key
     uint16_t nb_port = 7421;
     std::string nb_bind;            // IPv4 text; "" = the management IPv4
     std::vector<std::string> nb_peers;
@@ -53,6 +60,9 @@ template <typename T> const T &rt_driver_conf(const rt_config &c, const std::str
     auto it = c.driver_conf.find(driver);
     return it == c.driver_conf.end() ? defaults : *static_cast<const T *>(it->second.get());
 }
+
+// Whether the server channel runs TLS.
+inline bool rt_server_tls(const rt_config &c) { return c.server_tls.value_or(!c.server_ca_file.empty()); }
 
 // Parses a TOML file. On error returns false and sets err to "file:line: key: what".
 bool rt_config_parse(const std::string &path, rt_config &out, std::string &err);

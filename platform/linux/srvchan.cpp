@@ -1,5 +1,6 @@
-// Server channel thread: over a transport (plain TCP), says HELLO, carries MESSAGE
-// frames both ways, keeps the link alive and reconnects with back-off.
+// Server channel thread: over a transport (TLS, or plain TCP when configured so),
+// says HELLO, carries MESSAGE frames both ways, keeps the link alive and reconnects
+// with back-off.
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -373,6 +374,9 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
             break;
 
         bool reading = !ss.held_out && !ss.held_in;
+        bool buffered = reading && tp.buffered(conn);
+        if (buffered)
+            timeout = 0;
         short want = tp.poll_events(conn, reading, ss.pending() > 0);
         out_gauge = ss.pending();
         pollfd p[3] = {{want ? tp.poll_fd(conn) : -1, want, 0},
@@ -386,9 +390,12 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
         }
         if (p[1].revents & POLLIN)
             drain_wake();
-        if ((p[0].revents & (POLLOUT | POLLERR)) && !write_some(ss))
+        // Any readiness tries both ways: under TLS a read may wait for output room
+        // and a write for input.
+        bool ready = p[0].revents != 0;
+        if (ready && ss.pending() > 0 && !write_some(ss))
             break;
-        if (reading && (p[0].revents & (POLLIN | POLLHUP | POLLERR)) && !read_some(ss))
+        if (reading && (ready || buffered) && !read_some(ss))
             break;
     }
     s.connected = false;
@@ -398,10 +405,24 @@ bool session(const srv_transport &tp, srv_conn *conn, const std::string &addr)
     return ss.healthy;
 }
 
+// Which transport the configuration asks for; plain TCP says at start what it costs.
+const srv_transport &pick_transport()
+{
+    const rt_config &c = rt_cfg();
+    if (rt_server_tls(c))
+        return srv_tls_transport;
+    if (!c.server_address.empty())
+        rt_log(4, "server channel: plain TCP to %s%s: location data and the server's requests "
+                  "travel unencrypted and unauthenticated\n",
+               c.server_address.c_str(),
+               c.server_tls ? " (server.tls = false)" : " (no server.tls in the configuration)");
+    return srv_tcp_transport;
+}
+
 void channel_main()
 {
     chan_state &s = st();
-    const srv_transport &tp = srv_tcp_transport;
+    const srv_transport &tp = pick_transport();
     int backoff = 0;
     bool ever = false;
     while (!should_stop()) {

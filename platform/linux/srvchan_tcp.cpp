@@ -61,14 +61,16 @@ int connect_one(const addrinfo *ai, const srv_connect_ctl &ctl, int &err)
     return -1;
 }
 
-srv_conn *tcp_connect(const std::string &addr, const srv_connect_ctl &ctl)
+} // namespace
+
+int srv_tcp_open(const std::string &addr, const srv_connect_ctl &ctl)
 {
     std::string host, port;
     if (!srv_split_address(addr, host, port)) {
         rt_log_ratelimited("srvchan.addr", 300, 3,
                            "server channel: bad server.address \"%s\" (want host:port)\n",
                            addr.c_str());
-        return nullptr;
+        return -1;
     }
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
@@ -79,19 +81,27 @@ srv_conn *tcp_connect(const std::string &addr, const srv_connect_ctl &ctl)
     if (rc != 0) {
         rt_log_ratelimited("srvchan.resolve", 300, 4, "server channel: cannot resolve %s: %s\n",
                            addr.c_str(), gai_strerror(rc));
-        return nullptr;
+        return -1;
     }
     std::unique_ptr<addrinfo, void (*)(addrinfo *)> guard(res, ::freeaddrinfo);
     int last_err = 0;
     for (addrinfo *ai = res; ai && !ctl.stop(); ai = ai->ai_next) {
         int fd = connect_one(ai, ctl, last_err);
         if (fd >= 0)
-            return new srv_conn{fd};
+            return fd;
     }
     if (!ctl.stop())
         rt_log_ratelimited("srvchan.connect", 300, 4, "server channel: cannot connect to %s: %s\n",
                            addr.c_str(), strerror(last_err ? last_err : ECONNREFUSED));
-    return nullptr;
+    return -1;
+}
+
+namespace {
+
+srv_conn *tcp_connect(const std::string &addr, const srv_connect_ctl &ctl)
+{
+    int fd = srv_tcp_open(addr, ctl);
+    return fd < 0 ? nullptr : new srv_conn{fd};
 }
 
 ssize_t tcp_read(srv_conn *c, void *buf, size_t len) { return ::recv(c->fd, buf, len, 0); }
@@ -114,8 +124,10 @@ short tcp_poll_events(const srv_conn *, bool want_read, bool want_write)
     return short((want_read ? POLLIN : 0) | (want_write ? POLLOUT : 0));
 }
 
+bool tcp_buffered(const srv_conn *) { return false; }
+
 } // namespace
 
 const srv_transport srv_tcp_transport = {
-    "tcp", tcp_connect, tcp_read, tcp_write, tcp_close, tcp_poll_fd, tcp_poll_events,
+    "tcp", tcp_connect, tcp_read, tcp_write, tcp_close, tcp_poll_fd, tcp_poll_events, tcp_buffered,
 };

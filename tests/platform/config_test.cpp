@@ -12,6 +12,7 @@
 #include "rt_process.h"
 #include "rt_test_util.h"
 #include "sim_radio.h"
+#include "test_certs.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ runtime_dir = "/tmp/qz/ap-2"
 foreground = true
 log = {syslog = false, file = "/tmp/ltrd.log", stderr = true}
 mgt = {interface = "eth1", mac = "02:00:00:AA:bb:01", ip = "192.0.2.7"}
-server = {address = "127.0.0.1:9000", queue_limit = 4096}
+server = {address = "127.0.0.1:9000", queue_limit = 4096, tls = true, ca_file = "/c", server_name = "s", cert_file = "/a", key_file = "/k"}
 neighbours = {port = 7500, bind = "127.0.0.2", peers = ["127.0.0.3", "127.0.0.4"], key_file = "/etc/qz/site.key"}
 sim = {world = "/tmp/world.toml", seed = 42}
 owners = {mode = "external", peer_timeout_ms = 150}
@@ -67,6 +68,8 @@ radio = [{name = "wifi0", freq = 2412}, {name = "wifi1", driver = "pcap", access
     EXPECT_EQ(c.mgt_mac, (std::array<uint8_t, 6>{2, 0, 0, 0xaa, 0xbb, 1}));
     EXPECT_EQ(c.mgt_ip, inet_addr("192.0.2.7")); // network order
     EXPECT_EQ(c.server_queue_limit, 4096u);
+    EXPECT_EQ((v{c.server_ca_file, c.server_name, c.server_cert_file, c.server_key_file}), (v{"/c", "s", "/a", "/k"}));
+    EXPECT_TRUE(rt_server_tls(c));
     EXPECT_EQ(c.nb_port, 7500);
     EXPECT_EQ(c.nb_peers, (v{"127.0.0.3", "127.0.0.4"}));
     EXPECT_EQ(rt_driver_conf<sim_conf>(std::as_const(c), "sim").seed, 42u);
@@ -179,6 +182,47 @@ TEST(Config, CheckRefusesUnknownDriversAndUnusableKeyFiles)
     std::string err;
     EXPECT_FALSE(rt_config_parse(s.path("fifo"), c, err));
     EXPECT_EQ(err, s.path("fifo") + ": not a regular file");
+}
+
+// TLS keys that cannot work together, or files that do not load, end the start
+// instead of failing every connection later.
+TEST(Config, ServerTlsKeysFitTogetherAndTheirFilesLoad)
+{
+    rt_scratch s;
+    test_ca ca(s.dir, "site");
+    std::string ap = ca.issue("ap", "ap1", ""), ap2 = ca.issue("ap2", "ap2", "");
+    std::ofstream(s.path("junk")) << "not a certificate\n";
+    ASSERT_EQ(mkfifo(s.path("fifo").c_str(), 0600), 0);
+    auto check = [](const std::string &keys, rt_config *out = nullptr) {
+        tmp_file f("[server]\naddress = \"192.0.2.1:7420\"\n" + keys);
+        rt_config c;
+        std::string err;
+        if (!rt_config_parse(f.path, c, err) || !rt_config_check(c, err))
+            return err.replace(0, f.path.size(), "F");
+        if (out)
+            *out = c;
+        return err;
+    };
+    std::string ca_line = "ca_file = \"" + ca.ca_file() + "\"\n";
+    auto pair = [](const std::string &cert, const std::string &key) {
+        return "cert_file = \"" + cert + ".crt\"\nkey_file = \"" + key + ".key\"\n";
+    };
+    rt_config c;
+    EXPECT_EQ(check("", &c), "");
+    EXPECT_FALSE(rt_server_tls(c)); // older configurations keep plain TCP
+    EXPECT_EQ(check(ca_line + pair(ap, ap), &c), "");
+    EXPECT_TRUE(rt_server_tls(c)); // a CA alone asks for TLS
+    EXPECT_EQ(check("tls = true\n"), "F:3: server.tls: needs server.ca_file (the CA that signed the "
+                                     "server's certificate)");
+    EXPECT_EQ(check("tls = false\n" + ca_line), "F:4: server.ca_file: not used with server.tls = false");
+    EXPECT_EQ(check(pair(ap, ap)), "F:3: server.cert_file: needs TLS: set server.tls = true and server.ca_file");
+    EXPECT_EQ(check(ca_line + "cert_file = \"" + ap + ".crt\"\n"), "F:4: server.cert_file: needs server.key_file");
+    EXPECT_EQ(check("ca_file = \"" + s.path("junk") + "\"\n"),
+              "F:3: server.ca_file: " + s.path("junk") + ": no PEM certificate in it");
+    EXPECT_EQ(check("ca_file = \"" + s.path("fifo") + "\"\n"),
+              "F:3: server.ca_file: " + s.path("fifo") + ": not a regular file");
+    EXPECT_EQ(check(ca_line + pair(ap, ap2)),
+              "F:5: server.key_file: " + ap2 + ".key: the key does not belong to server.cert_file");
 }
 
 // Whoever can change runtime_dir can swap the daemon's sockets for their own.

@@ -22,4 +22,7 @@ TEST(ExampleConfig, StartsUnderTheSystemdUnit)
     EXPECT_FALSE(c.mgt_mac.has_value());
     EXPECT_FALSE(c.mgt_ip.has_value());
     EXPECT_FALSE(c.server_address.empty());
+    // Location data leaves it over TLS, and the server can tell who speaks.
+    EXPECT_TRUE(rt_server_tls(c));
+    EXPECT_FALSE(c.server_ca_file.empty() || c.server_cert_file.empty() || c.server_key_file.empty());
 }

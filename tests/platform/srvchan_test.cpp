@@ -1,6 +1,6 @@
 // Server channel against a real listener on loopback: HELLO, framing both ways,
-// keep-alive, reconnect, the bounded queue, refusal of malformed frames, and the
-// bounds a flooding server meets.
+// keep-alive, reconnect, the bounded queue, refusal of malformed frames, the
+// bounds a flooding server meets, and the same over TLS with certificates made here.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -8,8 +8,13 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <fstream>
+#include <optional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -20,6 +25,7 @@
 #include "rt_counter.h"
 #include "rt_test_util.h"
 #include "srvchan.h"
+#include "test_certs.h"
 
 namespace {
 
@@ -361,6 +367,264 @@ TEST_F(SrvChan, MessageFloodIsHeldBackWhileTheEventQueueIsFull)
     qz_event_cleanup(); // empties the queue
     EXPECT_TRUE(counter_moves("srvchan.frames_in", frames));
     close(c);
+}
+
+// ---- TLS ----
+
+// The server's side of one TLS connection, blocking with time-outs so that a stuck
+// handshake fails the test instead of hanging it.
+struct tls_peer {
+    SSL_CTX *ctx = SSL_CTX_new(TLS_server_method());
+    SSL *ssl = nullptr;
+    int fd = -1;
+    std::string sni, client_cn;
+    // cert: the path given by test_ca::issue; client_ca: require client certificates.
+    explicit tls_peer(const std::string &cert, const std::string &client_ca = "")
+    {
+        EXPECT_EQ(SSL_CTX_use_certificate_file(ctx, (cert + ".crt").c_str(), SSL_FILETYPE_PEM) &
+                      SSL_CTX_use_PrivateKey_file(ctx, (cert + ".key").c_str(), SSL_FILETYPE_PEM),
+                  1);
+        if (!client_ca.empty()) {
+            SSL_CTX_load_verify_locations(ctx, client_ca.c_str(), nullptr);
+            SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+        }
+    }
+    ~tls_peer()
+    {
+        SSL_free(ssl);
+        if (fd >= 0)
+            close(fd);
+        SSL_CTX_free(ctx);
+    }
+    // Accepts the channel's next connection; false when no handshake completed.
+    bool accept(listener &l)
+    {
+        SSL_free(ssl), ssl = nullptr;
+        if (fd >= 0)
+            close(fd);
+        pollfd p{l.fd, POLLIN, 0};
+        fd = poll(&p, 1, 3000) > 0 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        if (fd < 0)
+            return ADD_FAILURE() << "the channel did not connect", false;
+        timeval tv{3, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+        ssl = SSL_new(ctx);
+        SSL_set_fd(ssl, fd);
+        bool ok = SSL_accept(ssl) == 1;
+        ERR_clear_error();
+        if (!ok)
+            return false;
+        const char *sn = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+        sni = sn ? sn : "";
+        if (X509 *c = SSL_get1_peer_certificate(ssl)) {
+            char cn[256] = "";
+            X509_NAME_get_text_by_NID(X509_get_subject_name(c), NID_commonName, cn, sizeof cn);
+            client_cn = cn;
+            X509_free(c);
+        }
+        return true;
+    }
+    bool read_n(uint8_t *buf, size_t n)
+    {
+        for (int r; n; buf += r, n -= size_t(r))
+            if ((r = SSL_read(ssl, buf, int(n))) <= 0)
+                return false;
+        return true;
+    }
+    bool read_frame(frame &f)
+    {
+        uint8_t h[5];
+        if (!read_n(h, 5))
+            return false;
+        f.type = h[4];
+        f.payload.assign((uint32_t(h[0]) << 24 | uint32_t(h[1]) << 16 | uint32_t(h[2]) << 8 | h[3]) - 1, 0);
+        return read_n(f.payload.data(), f.payload.size());
+    }
+    void send(const bytes &b) { ASSERT_EQ(SSL_write(ssl, b.data(), int(b.size())), int(b.size())); }
+};
+
+class SrvChanTls : public SrvChan {
+protected:
+    rt_scratch dir;
+    test_ca ca{dir.dir, "site"};
+    std::string srv = ca.issue("srv", "location server", "DNS:srv.site.test");
+
+    // TLS towards l as srv.site.test unless name says otherwise; with client, this
+    // access point shows that certificate.
+    void configure_tls(const listener &l, const std::string &name = "srv.site.test",
+                       const std::string &client = "")
+    {
+        rt_config c = base(l.address());
+        c.server_tls = true, c.server_ca_file = ca.ca_file(), c.server_name = name;
+        if (!client.empty())
+            c.server_cert_file = client + ".crt", c.server_key_file = client + ".key";
+        rt_cfg_set(c);
+    }
+    rt_config base(const std::string &addr)
+    {
+        rt_config c = rt_test_config(dir, "ap-test-7");
+        c.server_address = addr;
+        c.mgt_mac = std::array<uint8_t, 6>{0x02, 0x11, 0x22, 0x33, 0x44, 0x55}, c.mgt_ip = htonl(0x7f000105);
+        return c;
+    }
+    bool logged(const std::string &line)
+    {
+        return rt_poll_until([&] { return rt_read_file(dir.path("log")).find(line) != std::string::npos; });
+    }
+};
+
+TEST_F(SrvChanTls, CarriesTheSameFramesBothWaysWithNameAndClientCertificate)
+{
+    listener l;
+    configure_tls(l, "srv.site.test", ca.issue("ap", "ap-test-7", ""));
+    uint8_t msg[] = {0, 2, 0xde, 0xad, 0xbe, 0xef, 0, 0, 0, 6, 0, 5, 0, 6, 0, 0};
+    ASSERT_EQ(srvchan_send(msg, sizeof msg), 0);
+    srvchan_open();
+    tls_peer peer(srv, ca.ca_file());
+    ASSERT_TRUE(peer.accept(l));
+    EXPECT_EQ(peer.sni, "srv.site.test");
+    EXPECT_EQ(peer.client_cn, "ap-test-7");
+    frame f;
+    ASSERT_TRUE(peer.read_frame(f));
+    EXPECT_EQ(f.type, SRV_FRAME_HELLO);
+    EXPECT_EQ(f.payload.size(), SRV_HELLO_FIXED + 9);
+    ASSERT_TRUE(peer.read_frame(f));
+    EXPECT_EQ(f.payload, bytes(msg, msg + sizeof msg));
+    // Inbound: a frame over several records, then a PING answered inside TLS.
+    bytes big(60000), small{1, 2, 3};
+    for (size_t i = 0; i < big.size(); ++i)
+        big[i] = uint8_t(i * 7);
+    bytes wire = make_frame(SRV_FRAME_MESSAGE, big), more = make_frame(SRV_FRAME_MESSAGE, small);
+    wire.insert(wire.end(), more.begin(), more.end());
+    peer.send(wire);
+    peer.send(make_frame(SRV_FRAME_PING, {'t'}));
+    ASSERT_TRUE(peer.read_frame(f));
+    EXPECT_EQ(f.type, SRV_FRAME_PONG);
+    EXPECT_EQ(delivered_after(2), (std::vector<bytes>{big, small}));
+    EXPECT_TRUE(srvchan_connected());
+    EXPECT_EQ(rt_read_file(dir.path("log")).find("plain TCP"), std::string::npos);
+}
+
+// Each refused certificate gives its own line, no session, and the usual retry.
+TEST_F(SrvChanTls, RefusedServerCertificatesNameTheirReason)
+{
+    test_ca other(dir.dir, "other");
+    struct bad {
+        std::string cert, name, line;
+    } cases[] = {
+        {ca.issue("old", "srv", "DNS:srv.site.test", -2 * 86400, -86400), "srv.site.test",
+         "refused: it has expired"},
+        {ca.issue("wrong", "srv", "DNS:other.site.test"), "srv.site.test",
+         "refused: it is not for \"srv.site.test\""},
+        // No server_name: the address's own IP must be in the certificate.
+        {ca.issue("ip", "srv", "IP:127.0.0.2"), "", "refused: it is not for \"127.0.0.1\""},
+        {other.issue("foreign", "srv", "DNS:srv.site.test"), "srv.site.test",
+         "refused: unable to get local issuer certificate"},
+    };
+    for (const bad &b : cases) {
+        listener l;
+        configure_tls(l, b.name);
+        uint64_t failures = counter("srvchan.tls_failures");
+        srvchan_open();
+        tls_peer peer(b.cert);
+        EXPECT_FALSE(peer.accept(l)) << b.line;
+        EXPECT_TRUE(logged("server channel: certificate of " + l.address() + " " + b.line)) << b.line;
+        EXPECT_FALSE(peer.accept(l)) << "no retry after " << b.line;
+        EXPECT_TRUE(rt_poll_until([&] { return counter("srvchan.tls_failures") >= failures + 2; }));
+        EXPECT_FALSE(srvchan_connected());
+        srvchan_close();
+    }
+    EXPECT_EQ(counter("srvchan.connected"), 0u);
+}
+
+// An access point set for TLS meeting a plain-TCP server: one line, no session.
+TEST_F(SrvChanTls, PlainServerFailsTheHandshake)
+{
+    listener l;
+    configure_tls(l);
+    srvchan_open();
+    pollfd p{l.fd, POLLIN, 0};
+    int c = poll(&p, 1, 3000) > 0 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    ASSERT_GE(c, 0);
+    send_all(c, make_frame(SRV_FRAME_PING, {}));
+    EXPECT_TRUE(logged("server channel: TLS handshake with " + l.address() + " failed: "));
+    EXPECT_FALSE(srvchan_connected());
+    close(c);
+}
+
+TEST_F(SrvChanTls, ServerThatWantsAClientCertificateRefusesOneWithoutOrFromAnotherCa)
+{
+    test_ca other(dir.dir, "other");
+    for (const std::string &client : {std::string(), other.issue("ap", "ap-test-7", "")}) {
+        listener l;
+        configure_tls(l, "srv.site.test", client);
+        srvchan_open();
+        tls_peer peer(srv, ca.ca_file());
+        EXPECT_FALSE(peer.accept(l)) << client;
+        EXPECT_TRUE(logged("server channel: TLS error on the connection to " + l.address()));
+        srvchan_close();
+        std::ofstream(dir.path("log"), std::ios::trunc).flush();
+    }
+}
+
+// A delivery that waits until the test opens the gate: holds the channel thread.
+std::mutex g_gate_mu;
+std::condition_variable g_gate_cv;
+bool g_gate_open = false, g_gate_reached = false;
+void gated(const void *, int)
+{
+    std::unique_lock l(g_gate_mu);
+    g_gate_reached = true;
+    g_gate_cv.notify_all();
+    g_gate_cv.wait(l, [] { return g_gate_open; });
+}
+
+// The server closes while the channel is busy with its message and a large PONG
+// waits: the writes after the server's reset fail with EPIPE, never a SIGPIPE.
+TEST_F(SrvChanTls, WritesToAServerThatClosedCostAReconnectNotTheProcess)
+{
+    srvchan_set_deliver(gated);
+    listener l;
+    configure_tls(l);
+    srvchan_open();
+    {
+        tls_peer peer(srv);
+        ASSERT_TRUE(peer.accept(l));
+        frame f;
+        ASSERT_TRUE(peer.read_frame(f));
+        bytes wire = make_frame(SRV_FRAME_PING, bytes(60000, 0x42)), msg = make_frame(SRV_FRAME_MESSAGE, {1});
+        wire.insert(wire.end(), msg.begin(), msg.end());
+        peer.send(wire);
+        ASSERT_TRUE(rt_wait_for(g_gate_mu, g_gate_cv, [] { return g_gate_reached; }));
+        uint8_t sink[4096];
+        while (recv(peer.fd, sink, sizeof sink, MSG_DONTWAIT) > 0) {
+        }
+    } // closed with nothing unread or unsent: a FIN the channel has not seen
+    std::this_thread::sleep_for(ms(100));
+    {
+        std::lock_guard g(g_gate_mu);
+        g_gate_open = true;
+    }
+    g_gate_cv.notify_all();
+    tls_peer again(srv);
+    EXPECT_TRUE(again.accept(l));
+}
+
+// Plain TCP only as configured, and it says so at start.
+TEST_F(SrvChanTls, PlainTcpWarnsAtStart)
+{
+    for (std::optional<bool> tls : {std::optional<bool>(), std::optional<bool>(false)}) {
+        listener l;
+        rt_config c = base(l.address());
+        c.server_tls = tls;
+        rt_cfg_set(c);
+        srvchan_open();
+        close(accept_hello(l));
+        EXPECT_TRUE(logged("server channel: plain TCP to " + l.address() +
+                           (tls ? " (server.tls = false)" : " (no server.tls in the configuration)")));
+        srvchan_close();
+    }
 }
 
 } // namespace

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # ltr-server driving a running ltrd over loopback: every request answered, and the
-# daemon ends cleanly on SIGTERM. Usage: ltrd_link.sh LTRD LTRCTL LTR_SERVER
+# daemon ends cleanly on SIGTERM. With "tls", over mutual TLS, the server's certificate
+# checked by the address's own IP. Usage: ltrd_link.sh LTRD LTRCTL LTR_SERVER [tls]
 set -euo pipefail
-ltrd=$1 ltrctl=$2 srv=$3 dir=$(mktemp -d /tmp/ltrd-link.XXXXXX) pid=
+ltrd=$1 ltrctl=$2 srv=$3 tls=${4:-} dir=$(mktemp -d /tmp/ltrd-link.XXXXXX) pid=
 trap '[ -n "$pid" ] && kill $pid 2>/dev/null; rm -rf "$dir"' EXIT
 fail() { echo "FAIL: $*" >&2; cat "$dir/out.jsonl" >&2; tail -40 "$dir/ltrd.log" >&2; exit 1; }
 port=$((20000 + $$ % 20000))
@@ -10,12 +11,18 @@ printf '%s\n' "instance = \"srvlink$$\"" "runtime_dir = \"$dir/run\"" "foregroun
     "[log]" "syslog = false" "stderr = true" "[mgt]" "mac = \"02:11:22:33:44:55\"" "ip = \"127.0.0.1\"" \
     "[server]" "address = \"127.0.0.1:$port\"" "[neighbours]" "port = $((port + 1))" "bind = \"127.0.0.1\"" \
     "[store]" "dir = \"$dir/store\"" > "$dir/p.toml"
+srv_tls=()
+if [ -n "$tls" ]; then
+    "$(dirname "$0")/../../scripts/site-certs" "$dir/pki" 127.0.0.1 link-ap > /dev/null
+    sed -i "/^address = /a tls = true\nca_file = \"$dir/pki/ca.crt\"\ncert_file = \"$dir/pki/link-ap.crt\"\nkey_file = \"$dir/pki/link-ap.key\"" "$dir/p.toml"
+    srv_tls=(--tls-cert "$dir/pki/server.crt" --tls-key "$dir/pki/server.key" --tls-ca "$dir/pki/ca.crt")
+fi
 QZ_PLATFORM_CONFIG=$dir/p.toml "$ltrd" > "$dir/ltrd.log" 2>&1 &
 pid=$!
 for _ in $(seq 100); do [ -S "$dir/run/cli.sock" ] && break; sleep 0.1; done
 "$ltrctl" -s "$dir/run/cli.sock" location-tracking enable > /dev/null || fail "enable refused"
 # The daemon found no server at start and is backing off: allow for a few rounds.
-"$srv" --json --listen "127.0.0.1:$port" "wait-ap 1 40" \
+"$srv" --json --listen "127.0.0.1:$port" "${srv_tls[@]}" "wait-ap 1 40" \
     "start all interval=30 threshold=5 mac=00:11:22:33:44:55 oui=00:50:f2" "query all mac=all" \
     "modify all valid=90" "send all 9" "raw all 0002000000770000000006000100090000" "raw all 00020000" \
     "wait-reply 10" "stop all mac=all" "wait-reply 10" > "$dir/out.jsonl" || fail "ltr-server exit status $?"
@@ -25,6 +32,10 @@ for want in '"event":"hello","ap":"srvlink'"$$"'","ap_id":1,"ap_mac":"02:11:22:3
     '"op":"ack","msg_id":"0x00000077".*"ack_code":5,' '"op":"ack","msg_id":"0x00000005".*"ack_code":0,'; do
     grep -q -- "$want" "$dir/out.jsonl" || fail "no line matching: $want"
 done
+if [ -n "$tls" ]; then
+    grep -q '"event":"hello".*"ap_cert":"link-ap"' "$dir/out.jsonl" || fail "no hello naming the AP's certificate"
+    grep -q 'certificate for "127.0.0.1" verified' "$dir/ltrd.log" || fail "ltrd did not check the server's certificate"
+fi
 # The 4-byte message is dropped without an answer, and everything decodes.
 [ "$(grep -c '"event":"message"' "$dir/out.jsonl")" = 6 ] || fail "expected exactly 6 replies"
 ! grep -q '"error"' "$dir/out.jsonl" || fail "a reply did not decode"

@@ -35,6 +35,7 @@ class SiteTest(unittest.TestCase):
     radios = 1
     key = None
     world = None
+    tls = False
 
     def make_site(self, **kw):
         n = getattr(self, "_n", 0) + 1
@@ -42,6 +43,6 @@ class SiteTest(unittest.TestCase):
         root = f"/tmp/{self.id().split('.')[-1]}-{n}"
         site = ltrsite.Site(BUILD, root=root, aps=kw.get("aps", self.aps),
                             radios=kw.get("radios", self.radios), key=kw.get("key", self.key),
-                            world=kw.get("world", self.world))
+                            world=kw.get("world", self.world), tls=kw.get("tls", self.tls))
         self.addCleanup(site.close)
         return site

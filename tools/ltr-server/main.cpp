@@ -1,5 +1,6 @@
-// ltr-server: a reference location server. Accepts access points, answers their
-// keep-alive, sends tracking requests on command and prints what comes back.
+// ltr-server: a reference location server. Accepts access points (over TCP, or TLS
+// with their certificates checked), answers their keep-alive, sends tracking
+// requests on command and prints what comes back.
 #include <arpa/inet.h>
 #include <errno.h>
 #include <netdb.h>
@@ -19,7 +20,10 @@
 
 #include "srv_cmd.h"
 #include "srv_print.h"
+#include "srv_tls.h"
 #include "srv_wire.h"
+
+#include <openssl/ssl.h>
 
 using namespace lsrv;
 
@@ -50,6 +54,8 @@ struct fd_owner {
 struct ap_conn {
     ap_ident id;
     fd_owner sock;
+    tls_conn tls; // unused over plain TCP; goes before the socket closes
+    bool tls_seen = false; // handshake done and the certificate looked at
     bytes in, out;
     size_t out_off = 0;
     std::set<uint32_t> pending; // msg_ids sent and not yet answered
@@ -59,6 +65,7 @@ struct ap_conn {
 
 struct server {
     bool json = false;
+    SSL_CTX *tls_ctx = nullptr; // null: plain TCP
     fd_owner listen_sock;
     std::vector<std::unique_ptr<ap_conn>> aps;
     unsigned next_ap = 1;
@@ -116,7 +123,32 @@ struct server {
                         NI_NUMERICHOST | NI_NUMERICSERV) == 0)
             a->id.peer = std::string(host) + ":" + serv;
         out(show_conn(a->id, "connect", "", json));
+        if (tls_ctx && !tls_start(a->tls, tls_ctx, fd))
+            drop(*a, a->tls.error);
         aps.push_back(std::move(a));
+    }
+
+    ssize_t conn_read(ap_conn &a, void *buf, size_t len)
+    {
+        if (!tls_ctx)
+            return recv(a.sock.fd, buf, len, 0);
+        ssize_t n = tls_read(a.tls, buf, len);
+        if (!a.tls_seen && tls_ready(a.tls)) {
+            a.tls_seen = true;
+            a.id.cert = tls_peer_cn(a.tls);
+        }
+        return n;
+    }
+
+    ssize_t conn_write(ap_conn &a, const void *buf, size_t len)
+    {
+        return tls_ctx ? tls_write(a.tls, buf, len) : send(a.sock.fd, buf, len, MSG_NOSIGNAL);
+    }
+
+    // Why the connection failed: TLS names its own reason.
+    std::string io_error(const ap_conn &a) const
+    {
+        return tls_ctx && !a.tls.error.empty() ? a.tls.error : strerror(errno);
     }
 
     void on_frame(ap_conn &a, const frame &f)
@@ -158,18 +190,27 @@ struct server {
         }
     }
 
+    // Reads what arrived: one recv over TCP; over TLS until nothing is left
+    // decoded, as no poll would tell of it.
     void read_ap(ap_conn &a)
     {
+        while (read_once(a) && tls_ctx && !a.closing) {
+        }
+    }
+
+    // False when nothing was read.
+    bool read_once(ap_conn &a)
+    {
         uint8_t buf[16384];
-        ssize_t n = recv(a.sock.fd, buf, sizeof buf, 0);
+        ssize_t n = conn_read(a, buf, sizeof buf);
         if (n == 0) {
             drop(a, a.in.empty() ? "closed by the AP" : "closed inside a frame");
-            return;
+            return false;
         }
         if (n < 0) {
             if (errno != EAGAIN && errno != EINTR)
-                drop(a, strerror(errno));
-            return;
+                drop(a, io_error(a));
+            return false;
         }
         a.in.insert(a.in.end(), buf, buf + n);
         size_t used = 0;
@@ -187,14 +228,15 @@ struct server {
             used += f.used;
         }
         a.in.erase(a.in.begin(), a.in.begin() + std::ptrdiff_t(std::min(used, a.in.size())));
+        return true;
     }
 
     void write_ap(ap_conn &a)
     {
-        ssize_t n = send(a.sock.fd, a.out.data() + a.out_off, a.out.size() - a.out_off, MSG_NOSIGNAL);
+        ssize_t n = conn_write(a, a.out.data() + a.out_off, a.out.size() - a.out_off);
         if (n < 0) {
             if (errno != EAGAIN && errno != EINTR)
-                drop(a, strerror(errno));
+                drop(a, io_error(a));
             return;
         }
         a.out_off += size_t(n);
@@ -296,8 +338,12 @@ bool open_listener(server &s, const std::string &addr)
 void usage(FILE *f)
 {
     fprintf(f,
-            "usage: ltr-server [--listen HOST:PORT] [--json] [--duration SECONDS] [COMMAND...]\n"
+            "usage: ltr-server [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE [--tls-ca FILE]]\n"
+            "                  [--json] [--duration SECONDS] [COMMAND...]\n"
             "  --listen HOST:PORT   where access points connect (default 127.0.0.1:7420)\n"
+            "  --tls-cert FILE      speak TLS with this certificate (PEM, chain after it)\n"
+            "  --tls-key FILE       and this private key (PEM)\n"
+            "  --tls-ca FILE        require client certificates signed by this CA (PEM)\n"
             "  --json               one JSON object per line instead of text\n"
             "  --duration SECONDS   exit after this long; keep serving after the last\n"
             "                       command until then (0: until interrupted)\n"
@@ -311,6 +357,7 @@ void usage(FILE *f)
 // What the command line asked for.
 struct options {
     std::string listen_addr = "127.0.0.1:7420";
+    std::string tls_cert, tls_key, tls_ca;
     double duration = -1; // seconds; negative: until the last command
     bool json = false;
     std::deque<std::string> cmds;
@@ -330,6 +377,12 @@ int parse_options(int argc, char **argv, options &o)
         };
         if (a == "--listen" || a == "-l") {
             o.listen_addr = value("--listen");
+        } else if (a == "--tls-cert") {
+            o.tls_cert = value("--tls-cert");
+        } else if (a == "--tls-key") {
+            o.tls_key = value("--tls-key");
+        } else if (a == "--tls-ca") {
+            o.tls_ca = value("--tls-ca");
         } else if (a == "--json") {
             o.json = true;
         } else if (a == "--duration" || a == "-d") {
@@ -353,6 +406,10 @@ int parse_options(int argc, char **argv, options &o)
         } else {
             o.cmds.push_back(a);
         }
+    }
+    if (o.tls_cert.empty() != o.tls_key.empty() || (!o.tls_ca.empty() && o.tls_cert.empty())) {
+        fprintf(stderr, "ltr-server: --tls-cert and --tls-key go together, and --tls-ca needs them\n");
+        return 2;
     }
     return -1;
 }
@@ -446,7 +503,9 @@ bool serve_once(server &s, script &sc, int64_t end)
     bool want_stdin = !sc.input_done && sc.waiting == CMD_NONE && sc.cmds.empty();
     pf.push_back({want_stdin ? 0 : -1, POLLIN, 0});
     for (const auto &a : s.aps)
-        pf.push_back({a->sock.fd, short(POLLIN | (a->out_off < a->out.size() ? POLLOUT : 0)), 0});
+        pf.push_back({a->sock.fd,
+                      short(POLLIN | (a->out_off < a->out.size() || a->tls.wants_write ? POLLOUT : 0)),
+                      0});
     int64_t timeout = 1000;
     if (sc.waiting != CMD_NONE)
         timeout = std::min(timeout, std::max<int64_t>(0, sc.wait_until - now_ms()));
@@ -467,7 +526,8 @@ bool serve_once(server &s, script &sc, int64_t end)
     for (size_t i = 0; i < n_aps; ++i) {
         ap_conn &a = *s.aps[i];
         short re = pf[2 + i].revents;
-        if (re & (POLLIN | POLLHUP | POLLERR))
+        // Under TLS any readiness may let the handshake or a read go on.
+        if ((re & (POLLIN | POLLHUP | POLLERR)) || (s.tls_ctx && re))
             s.read_ap(a);
         if (!a.closing && (re & POLLOUT))
             s.write_ap(a);
@@ -506,10 +566,17 @@ int main(int argc, char **argv)
     sigaction(SIGTERM, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
+    std::string err;
+    if (!o.tls_cert.empty() && !(s.tls_ctx = tls_context(o.tls_cert, o.tls_key, o.tls_ca, err))) {
+        fprintf(stderr, "ltr-server: %s\n", err.c_str());
+        return 2;
+    }
+    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX *)> ctx_guard(s.tls_ctx, SSL_CTX_free);
     if (!open_listener(s, o.listen_addr))
         return 2;
     if (!s.json)
-        s.out("listening on " + o.listen_addr + "\n");
+        s.out("listening on " + o.listen_addr +
+              (!s.tls_ctx ? "" : o.tls_ca.empty() ? " (TLS)" : " (TLS, client certificates required)") + "\n");
 
     const int64_t end = o.duration > 0 ? now_ms() + int64_t(o.duration * 1000) : -1;
     while (!g_signalled) {

@@ -29,6 +29,8 @@ std::string ap_json(const ap_ident &ap)
     std::string s = "\"ap\":" + q(ap.name) + ",\"ap_id\":" + std::to_string(ap.id);
     if (ap.hello)
         s += ",\"ap_mac\":" + q(mac_str(ap.mac.data())) + ",\"ap_ip\":" + q(ip_str(ap.ip));
+    if (!ap.cert.empty())
+        s += ",\"ap_cert\":" + q(ap.cert);
     return s + ",\"peer\":" + q(ap.peer);
 }
 
@@ -243,7 +245,8 @@ std::string show_conn(const ap_ident &ap, const char *event, const std::string &
     }
     std::string s = "== " + ap_label(ap) + " " + event;
     if (std::string(event) == "hello")
-        s += ": mac " + mac_str(ap.mac.data()) + " ip " + ip_str(ap.ip);
+        s += ": mac " + mac_str(ap.mac.data()) + " ip " + ip_str(ap.ip) +
+             (ap.cert.empty() ? "" : " cert \"" + ap.cert + "\"");
     else
         s += " (" + ap.peer + ")";
     if (!why.empty())
@@ -256,10 +259,10 @@ std::string show_list_row(const ap_ident &ap, bool json)
     if (json)
         return "{\"event\":\"list\"," + ap_json(ap) + "}\n";
     char b[160];
-    snprintf(b, sizeof b, "#%-3u %-20s %-17s %-15s %s\n", ap.id,
+    snprintf(b, sizeof b, "#%-3u %-20s %-17s %-15s %s", ap.id,
              ap.hello ? ap.name.c_str() : "(no hello)", ap.hello ? mac_str(ap.mac.data()).c_str() : "-",
              ap.hello ? ip_str(ap.ip).c_str() : "-", ap.peer.c_str());
-    return b;
+    return b + (ap.cert.empty() ? "" : " cert \"" + ap.cert + "\"") + "\n";
 }
 
 } // namespace lsrv

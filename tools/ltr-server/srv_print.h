@@ -14,6 +14,7 @@ struct ap_ident {
     std::string name;
     mac_addr mac{};
     uint32_t ip = 0;       // network order
+    std::string cert;      // subject CN of the AP's TLS client certificate, if any
 };
 
 std::string json_escape(const std::string &s);

@@ -17,6 +17,8 @@ import time
 
 NS_ENV = "LTR_SITE_NS"
 SERVER_PORT = 7420
+TLS_NAME = "ls.site.test"  # the server's name in its certificate, on a TLS site
+REPO = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 
 
 class SiteError(Exception):
@@ -84,12 +86,12 @@ def wait_until(pred, timeout, what):
 class Server:
     """ltr-server with JSON output; requests go through its standard input."""
 
-    def __init__(self, binary, workdir, port=SERVER_PORT):
+    def __init__(self, binary, workdir, port=SERVER_PORT, tls_args=()):
         self.messages = []
         self.cond = threading.Condition()
         self.log = open(os.path.join(workdir, "ltr-server.jsonl"), "w")
         self.proc = subprocess.Popen(
-            [binary, "--listen", f"127.0.0.1:{port}", "--json", "--duration", "0"],
+            [binary, "--listen", f"127.0.0.1:{port}", "--json", "--duration", "0", *tls_args],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
             bufsize=1)
         self.errors = []
@@ -187,6 +189,11 @@ class AccessPoint:
             f'ip = "{self.ip}"',
             "[server]",
             f'address = "127.0.0.1:{s.server_port}"',
+        ]
+        if s.pki:
+            lines += ["tls = true", f'ca_file = "{s.pki}/ca.crt"', f'server_name = "{TLS_NAME}"',
+                      f'cert_file = "{s.pki}/{self.name}.crt"', f'key_file = "{s.pki}/{self.name}.key"']
+        lines += [
             "[neighbours]",
             f'bind = "{self.ip}"',
             "peers = [" + ", ".join(f'"{p}"' for p in peers) + "]",
@@ -279,7 +286,7 @@ _next_port = [SERVER_PORT]
 
 
 class Site:
-    def __init__(self, build, aps=3, radios=2, world=None, seed=1, key=None, root=None):
+    def __init__(self, build, aps=3, radios=2, world=None, seed=1, key=None, root=None, tls=False):
         self.build = build
         self.server_port = _next_port[0]
         _next_port[0] += 1
@@ -294,6 +301,13 @@ class Site:
                 f.write(key)
             os.chmod(self.key_file, 0o600)
         self.server = None
+        # With tls, the server and every access point get certificates of a site CA
+        # (scripts/site-certs), and the links run mutual TLS.
+        self.pki = None
+        if tls:
+            self.pki = os.path.join(self.root, "pki")
+            subprocess.run([os.path.join(REPO, "scripts", "site-certs"), self.pki, TLS_NAME]
+                           + [f"ap{i + 1}" for i in range(aps)], check=True, capture_output=True)
         self.aps = [AccessPoint(self, i + 1, radios) for i in range(aps)]
         for ap in self.aps:
             ap.write_config([p.ip for p in self.aps if p is not ap])
@@ -306,7 +320,11 @@ class Site:
         raise SiteError(f"{name} not found under {self.build}")
 
     def start_server(self):
-        self.server = Server(self.bin("ltr-server"), self.root, self.server_port)
+        tls_args = ()
+        if self.pki:
+            tls_args = ("--tls-cert", f"{self.pki}/server.crt", "--tls-key", f"{self.pki}/server.key",
+                        "--tls-ca", f"{self.pki}/ca.crt")
+        self.server = Server(self.bin("ltr-server"), self.root, self.server_port, tls_args)
         return self.server
 
     def start(self, enable=True, interval=None):

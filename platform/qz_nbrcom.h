@@ -14,7 +14,7 @@ typedef int (*qz_hc_recv_cb)(void *ctx, int len, void *data);
 struct qz_hc_reg {
     uint32_t module_id; // the registrant's module id; datagrams carry it
     uint32_t caps;      // delivery kinds accepted: bit 1 unicast, bit 2 broadcast
-    uint32_t version;   // envelope version the registrant speaks (1)
+    uint32_t version;   // version of this record (1), not of the datagrams on the wire
     uint32_t reserved;
     // Pointers sit in 8-byte slots so that the record has the same bytes on 32- and
     // 64-bit targets; on a 32-bit target the slot's other half stays zero.

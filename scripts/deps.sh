@@ -1,16 +1,28 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the demo need, when missing.
+# (mosquitto, mosquitto-clients and chromium: the location server's MQTT and map tests.)
 # As root it runs apt-get; otherwise it prints the exact command and fails.
+# `deps.sh --packaging` installs only the tools that build and check the .deb packages.
 # The i386 libraries of the 32-bit build come last and are optional: when they cannot be
 # installed, scripts/test says so and skips that build (`deps.sh --has-i386` tells).
 set -euo pipefail
 
 pkgs=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
       liblmdb-dev libtomlplusplus-dev libssl-dev clang libclang-rt-14-dev iproute2 python3
-      libpcap-dev libnl-genl-3-dev openssl)
+      libpcap-dev libnl-genl-3-dev openssl libcpp-httplib-dev nlohmann-json3-dev
+      libmosquitto-dev mosquitto mosquitto-clients chromium)
+# The man pages and the Debian packages (dpkg-buildpackage, lintian; the package test).
+pkgs_deb=(scdoc dpkg-dev debhelper fakeroot lintian man-db)
 # The 32-bit build (cmake/i386.cmake) links against Debian's i386 multiarch libraries.
 pkgs32=(g++-multilib liblmdb-dev:i386 libtomlplusplus-dev:i386 libssl-dev:i386
         libgtest-dev:i386 libgmock-dev:i386)
+if [ "${1:-}" = --packaging ]; then
+    # Only what the package test needs beside a finished build.
+    pkgs=("${pkgs_deb[@]}")
+    pkgs32=()
+else
+    pkgs+=("${pkgs_deb[@]}")
+fi
 
 missing_of() { # package names... -> the ones not installed
     local p

@@ -10,10 +10,12 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -25,6 +27,7 @@
 #include "rt_counter.h"
 #include "rt_life.h"
 #include "rt_log.h"
+#include "rt_process.h"
 #include "rt_stop.h"
 
 namespace {
@@ -44,10 +47,19 @@ struct unique_fd {
 
 } // namespace
 
+constexpr size_t k_max_sources = 1024; // source addresses remembered per destination
+
 struct nbr_endpoint {
     nbr_params params;
     unique_fd sock;
     uint16_t port = 0;
+    std::atomic<uint64_t> counter{0};            // the last one sent
+    std::mutex src_mu;                           // guards sources
+    // Bound to any address: destination -> our source address and when it was looked up.
+    std::map<uint32_t, std::pair<uint32_t, std::chrono::steady_clock::time_point>> sources;
+    std::map<uint32_t, nbr_window> windows;      // sender -> window; receive thread only
+    std::chrono::steady_clock::time_point saved; // windows last written to windows_file
+    bool unsaved = false;
     std::mutex mu;                 // guards modules
     std::map<uint16_t, nbr_recv_fn> modules;
     std::mutex deliver_mu;         // held while a callback runs
@@ -62,17 +74,69 @@ static void nbr_stop_rx(nbr_endpoint *ep)
     ep->stop = true;
     if (ep->wake.fd >= 0)
         eventfd_write(ep->wake.fd, 1);
-    if (ep->rx.joinable() && ep->rx.get_id() != std::this_thread::get_id())
+    if (ep->rx.joinable() && ep->rx.get_id() != std::this_thread::get_id()) {
         ep->rx.join();
+        if (ep->unsaved && !ep->params.windows_file.empty())
+            nbr_windows_save(ep->params.windows_file, ep->windows);
+        ep->unsaved = false;
+    }
 }
 
-static void nbr_drop(const char *reason, uint32_t src, size_t len)
+static void nbr_drop(const char *reason, uint32_t src, size_t len, const char *hint = "")
 {
     std::string name = std::string("nbr.drop.") + reason;
     rt_counter(name.c_str())++;
     rt_log_ratelimited(name.c_str(), 10, LOG_WARNING,
-                       "neighbour datagram from %i dropped: %s (%d bytes)", src, reason,
-                       static_cast<int>(len));
+                       "neighbour datagram from %i dropped: %s (%d bytes)%s", src, reason,
+                       static_cast<int>(len), hint);
+}
+
+// With a key: the tagged sender must be where the datagram came from, and its
+// (epoch, counter) new. False when dropped (counted and logged).
+static bool nbr_fresh(nbr_endpoint *ep, const nbr_opened &o, uint32_t src, size_t len)
+{
+    if (o.from.sender != src) {
+        nbr_drop("spoofed", src, len, ": sealed by another address");
+        return false;
+    }
+    auto it = ep->windows.find(src);
+    if (it == ep->windows.end()) {
+        // A sender needs the key to get here, and configured peers bound them anyway.
+        if (ep->windows.size() >= NBR_MAX_SENDERS) {
+            nbr_drop("senders", src, len);
+            return false;
+        }
+        it = ep->windows.emplace(src, nbr_window{}).first;
+    }
+    nbr_freshness f = nbr_window_check(it->second, o.from.epoch, o.from.counter);
+    if (f == NBR_FRESH || f == NBR_RESTARTED) {
+        ep->unsaved = true;
+        // Written now and then: a crash forgets at most the last seconds' counters.
+        auto now = std::chrono::steady_clock::now();
+        if (!ep->params.windows_file.empty() && now - ep->saved >= std::chrono::seconds(2)) {
+            nbr_windows_save(ep->params.windows_file, ep->windows);
+            ep->saved = now;
+            ep->unsaved = false;
+        }
+    }
+    switch (f) {
+    case NBR_FRESH:
+        return true;
+    case NBR_RESTARTED:
+        rt_counter("nbr.restart")++;
+        rt_log_ratelimited("nbr.restart", 10, LOG_INFO, "neighbour %i started again (epoch %llu)",
+                           src, static_cast<unsigned long long>(o.from.epoch));
+        return true;
+    case NBR_REPLAYED:
+        nbr_drop("replay", src, len);
+        return false;
+    case NBR_STALE_EPOCH:
+        nbr_drop("stale_epoch", src, len,
+                 ": sent before that access point's last start (a recording, or its clock "
+                 "went back)");
+        return false;
+    }
+    return false;
 }
 
 static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_t src)
@@ -82,13 +146,17 @@ static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_
         nbr_drop("foreign", src, len);
         return;
     }
-    uint16_t module = 0;
-    size_t off = 0, plen = 0;
-    nbr_verdict v = nbr_unseal(buf, len, ep->params.key, &module, &off, &plen);
+    nbr_opened o;
+    nbr_verdict v = nbr_unseal(buf, len, ep->params.key, &o);
     if (v != NBR_OK) {
         nbr_drop(nbr_verdict_name(v), src, len);
         return;
     }
+    // Without a key nothing is authenticated: sender, epoch and counter are advisory.
+    if (o.tagged && !nbr_fresh(ep, o, src, len))
+        return;
+    uint16_t module = o.module;
+    size_t off = o.off, plen = o.plen;
     std::lock_guard deliver(ep->deliver_mu);
     nbr_recv_fn fn;
     {
@@ -103,7 +171,9 @@ static void nbr_handle(nbr_endpoint *ep, const uint8_t *buf, size_t len, uint32_
     }
     rt_counter("nbr.rx")++;
     // A copy of exactly the payload: the receiver may write it and cannot read past it.
+    // An empty payload still comes as a real pointer: receivers check it is not null.
     std::vector<uint8_t> payload(buf + off, buf + off + plen);
+    payload.reserve(1);
     fn(src, payload.data(), static_cast<int>(plen));
 }
 
@@ -175,6 +245,15 @@ nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err)
 {
     nbr_endpoint_ptr ep(new nbr_endpoint);
     ep->params = p;
+    if (!ep->params.epoch) {
+        // Later on every start, as long as the clock does not go back across a restart.
+        timespec ts{};
+        clock_gettime(CLOCK_REALTIME, &ts);
+        ep->params.epoch = static_cast<uint64_t>(ts.tv_sec) * 1000000 +
+                           static_cast<uint64_t>(ts.tv_nsec) / 1000;
+        if (!p.epoch_file.empty())
+            ep->params.epoch = nbr_next_epoch(p.epoch_file, ep->params.epoch);
+    }
     ep->sock.fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (ep->sock.fd < 0) {
         err = std::string("socket: ") + strerror(errno);
@@ -204,6 +283,8 @@ nbr_endpoint_ptr nbr_endpoint_open(const nbr_params &p, std::string &err)
         err = std::string("eventfd: ") + strerror(errno);
         return nullptr;
     }
+    if (!p.windows_file.empty())
+        nbr_windows_load(p.windows_file, ep->windows);
     ep->rx = std::thread(nbr_rx_loop, ep.get());
     return ep;
 }
@@ -232,11 +313,45 @@ int nbr_endpoint_remove(nbr_endpoint *ep, uint16_t module)
     return 0;
 }
 
+// The address our datagrams to dst leave from: the bound one, else the one the
+// kernel's route picks (the receiver checks it against the source).
+static uint32_t nbr_source_for(nbr_endpoint *ep, uint32_t dst_ip, uint16_t port)
+{
+    if (ep->params.bind_ip)
+        return ep->params.bind_ip;
+    auto now = std::chrono::steady_clock::now();
+    std::lock_guard g(ep->src_mu);
+    auto it = ep->sources.find(dst_ip);
+    if (it != ep->sources.end() && now - it->second.second < std::chrono::seconds(10))
+        return it->second.first; // looked up again now and then: addresses and routes change
+    uint32_t src = 0;
+    unique_fd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port ? port : 7421);
+    a.sin_addr.s_addr = dst_ip;
+    socklen_t al = sizeof a;
+    if (probe.fd >= 0 && connect(probe.fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+        getsockname(probe.fd, reinterpret_cast<sockaddr *>(&a), &al) == 0)
+        src = a.sin_addr.s_addr;
+    if (ep->sources.size() >= k_max_sources)
+        ep->sources.clear();
+    if (src)
+        ep->sources[dst_ip] = {src, now};
+    else
+        rt_log_ratelimited("nbr.send.source", 60, LOG_WARNING,
+                           "no source address towards %i: keyed peers will drop our datagrams "
+                           "as spoofed (set neighbours.bind)",
+                           dst_ip);
+    return src;
+}
+
 int nbr_endpoint_send_to(nbr_endpoint *ep, uint32_t dst_ip, uint16_t port, uint16_t module,
                          const void *payload, size_t len)
 {
     std::vector<uint8_t> dgram;
-    if (!nbr_seal(module, payload, len, ep->params.key, dgram)) {
+    nbr_origin from{nbr_source_for(ep, dst_ip, port), ep->params.epoch, ++ep->counter};
+    if (!nbr_seal(module, payload, len, ep->params.key, from, dgram)) {
         rt_counter("nbr.tx_error")++;
         rt_log_ratelimited("nbr.send.size", 10, LOG_ERR,
                            "neighbour message to %i too large: %d bytes", dst_ip,
@@ -310,6 +425,10 @@ static bool nbr_params_from_cfg(nbr_params &p, std::string &err)
     }
     if (!c.nb_key_file.empty() && !nbr_read_key(c.nb_key_file, p.key, err))
         return false;
+    if (!p.key.empty()) { // without a key nobody checks
+        p.windows_file = rt_runtime_path("nbr_windows");
+        p.epoch_file = rt_runtime_path("nbr_epoch");
+    }
     return true;
 }
 
@@ -343,6 +462,17 @@ nbr_endpoint *nbr_global()
     }
     rt_log(LOG_INFO, "neighbour messaging on %i:%d%s", p.bind_ip, static_cast<int>(ep->port),
            p.key.empty() ? "" : " (authenticated)");
+    if (p.key.empty() && p.peers.empty())
+        rt_log(LOG_WARNING, "NEIGHBOUR MESSAGING IS OPEN: no neighbours.key_file and no "
+                            "neighbours.peers, so any host that reaches port %d can inject "
+                            "readings and owner messages; set both",
+               static_cast<int>(ep->port));
+    else if (p.key.empty())
+        rt_log(LOG_WARNING, "neighbour messaging is not authenticated (no neighbours.key_file): "
+                            "datagrams are trusted by their source address alone");
+    else if (p.peers.empty())
+        rt_log(LOG_NOTICE, "neighbours.peers is empty: a holder of the site key is heard "
+                           "from any address");
     g_global_ep = ep.get();
     rt_life_started("neighbour receive", nbr_global_stop_rx);
     return ep.get();

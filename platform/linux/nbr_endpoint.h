@@ -5,24 +5,34 @@
 #include <stdint.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-// ---- Envelope: "QZNM", version, flags, module id (big-endian), payload, [tag] ----
+// ---- Envelope: "QZNM", version, flags, module id, sender, epoch, counter, payload, [tag] ----
 
 struct nbr_hdr {
     uint8_t magic[4];   // "QZNM"
     uint8_t version;    // NBR_VERSION
     uint8_t flags;      // NBR_FLAG_TAGGED
     uint8_t module[2];  // big-endian
+    uint8_t sender[4];  // the sender's IPv4, network order: must be the datagram's source
+    uint8_t epoch[8];   // big-endian; the sender's start, larger on every start
+    uint8_t counter[8]; // big-endian; per epoch, from 1, one per datagram sent
 };
-static_assert(sizeof(nbr_hdr) == 8);
+static_assert(sizeof(nbr_hdr) == 28);
 static_assert(offsetof(nbr_hdr, version) == 4);
 static_assert(offsetof(nbr_hdr, module) == 6);
+static_assert(offsetof(nbr_hdr, sender) == 8);
+static_assert(offsetof(nbr_hdr, epoch) == 12);
+static_assert(offsetof(nbr_hdr, counter) == 20);
 
-constexpr uint8_t NBR_VERSION = 1;
+// 2: sender, epoch and counter joined the header. Version 1 datagrams are dropped.
+constexpr uint8_t NBR_VERSION = 2;
+// qz_hc_reg.version: the registration record's layout, not the envelope's.
+constexpr uint32_t NBR_REG_VERSION = 1;
 constexpr uint8_t NBR_FLAG_TAGGED = 0x1;
 constexpr size_t NBR_TAG_LEN = 16;          // HMAC-SHA256, truncated
 constexpr size_t NBR_MAX_DATAGRAM = 65507;  // largest UDP payload over IPv4
@@ -41,13 +51,58 @@ enum nbr_verdict {
 // Counter and log name of a verdict ("short", "magic", ...).
 const char *nbr_verdict_name(nbr_verdict v);
 
+// Who sealed a datagram, and which of its datagrams this is.
+struct nbr_origin {
+    uint32_t sender = 0;  // network order
+    uint64_t epoch = 0;
+    uint64_t counter = 0;
+};
+
+// What nbr_unseal found in a good datagram.
+struct nbr_opened {
+    uint16_t module = 0;
+    size_t off = 0;   // payload offset
+    size_t plen = 0;  // payload length
+    bool tagged = false;
+    nbr_origin from;
+};
+
 // Builds one datagram into out; tagged when key is not empty. False when too large.
 bool nbr_seal(uint16_t module, const void *payload, size_t len, std::string_view key,
-              std::vector<uint8_t> &out);
-// Checks one received datagram of len bytes. On NBR_OK, module, payload offset and
-// payload length are set; nothing outside buf[0, len) is read.
-nbr_verdict nbr_unseal(const uint8_t *buf, size_t len, std::string_view key, uint16_t *module,
-                       size_t *off, size_t *plen);
+              const nbr_origin &from, std::vector<uint8_t> &out);
+// Checks one received datagram of len bytes; on NBR_OK fills out. Nothing outside
+// buf[0, len) is read.
+nbr_verdict nbr_unseal(const uint8_t *buf, size_t len, std::string_view key, nbr_opened *out);
+
+// ---- Replay window: per sender, the newest epoch and which recent counters came ----
+
+constexpr uint64_t NBR_WINDOW_BITS = 1024;
+
+struct nbr_window {
+    uint64_t epoch = 0;  // 0: nothing accepted yet
+    uint64_t top = 0;    // highest counter accepted in epoch
+    uint64_t seen[NBR_WINDOW_BITS / 64] = {}; // bit c % NBR_WINDOW_BITS: counter c came
+};
+
+enum nbr_freshness {
+    NBR_FRESH,       // accepted (and now remembered)
+    NBR_RESTARTED,   // a later epoch: the sender started again; accepted
+    NBR_REPLAYED,    // counter seen already, or older than the window
+    NBR_STALE_EPOCH, // an epoch older than the sender's newest
+};
+// Decides whether (epoch, counter) is new for w and, when it is, records it.
+nbr_freshness nbr_window_check(nbr_window &w, uint64_t epoch, uint64_t counter);
+
+// Senders remembered with a window; past this new ones are refused.
+constexpr size_t NBR_MAX_SENDERS = 1024;
+// Windows saved by an earlier run, every counter up to each top taken as seen; a bad
+// file or line is logged and skipped.
+void nbr_windows_load(const std::string &path, std::map<uint32_t, nbr_window> &out);
+// Replaces the file (written aside, then renamed); a failure is logged.
+void nbr_windows_save(const std::string &path, const std::map<uint32_t, nbr_window> &windows);
+// This start's epoch: now_us, or one more than the epoch saved in path by the last start
+// when the clock went back since; saves it for the next start. Failures are logged.
+uint64_t nbr_next_epoch(const std::string &path, uint64_t now_us);
 
 // ---- Endpoint: one bound UDP socket and the thread that delivers what it receives ----
 
@@ -56,9 +111,13 @@ struct nbr_params {
     uint16_t port = 7421;          // 0 = any free port (tests)
     std::vector<uint32_t> peers;   // network order; empty = accept every source
     std::string key;               // site key; empty = no authentication
+    uint64_t epoch = 0;            // 0: the wall clock at open, in microseconds (tests set it)
+    std::string windows_file;      // where replay windows outlive the process; "" = nowhere
+    std::string epoch_file;        // our last epoch, for the next start; "" = nowhere
 };
 
-// Receives the payload (exactly plen bytes, writable, valid during the call) and the
+// Receives the payload (exactly plen bytes, writable, valid during the call, never null
+// even when plen is 0) and the
 // sender's IPv4 address (network order). Runs on the endpoint's receive thread.
 using nbr_recv_fn = std::function<void(uint32_t src_ip, uint8_t *payload, int plen)>;
 

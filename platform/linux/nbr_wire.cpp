@@ -30,8 +30,21 @@ static void nbr_tag(std::string_view key, const uint8_t *data, size_t len, uint8
     memcpy(out, md, NBR_TAG_LEN);
 }
 
+static void put_be64(uint8_t *b, uint64_t v)
+{
+    for (int i = 0; i < 8; i++)
+        b[i] = static_cast<uint8_t>(v >> (56 - 8 * i));
+}
+static uint64_t get_be64(const uint8_t *b)
+{
+    uint64_t v = 0;
+    for (int i = 0; i < 8; i++)
+        v = v << 8 | b[i];
+    return v;
+}
+
 bool nbr_seal(uint16_t module, const void *payload, size_t len, std::string_view key,
-              std::vector<uint8_t> &out)
+              const nbr_origin &from, std::vector<uint8_t> &out)
 {
     size_t total = sizeof(nbr_hdr) + len + (key.empty() ? 0 : NBR_TAG_LEN);
     if (total > NBR_MAX_DATAGRAM)
@@ -43,6 +56,9 @@ bool nbr_seal(uint16_t module, const void *payload, size_t len, std::string_view
     h.flags = key.empty() ? 0 : NBR_FLAG_TAGGED;
     h.module[0] = static_cast<uint8_t>(module >> 8);
     h.module[1] = static_cast<uint8_t>(module);
+    memcpy(h.sender, &from.sender, 4);
+    put_be64(h.epoch, from.epoch);
+    put_be64(h.counter, from.counter);
     memcpy(out.data(), &h, sizeof h);
     if (len)
         memcpy(out.data() + sizeof h, payload, len);
@@ -51,17 +67,19 @@ bool nbr_seal(uint16_t module, const void *payload, size_t len, std::string_view
     return true;
 }
 
-nbr_verdict nbr_unseal(const uint8_t *buf, size_t len, std::string_view key, uint16_t *module,
-                       size_t *off, size_t *plen)
+nbr_verdict nbr_unseal(const uint8_t *buf, size_t len, std::string_view key, nbr_opened *out)
 {
+    // The magic and version come first: an old sender's shorter header reads as "version".
+    if (len < 5)
+        return NBR_SHORT;
+    if (memcmp(buf, k_magic, 4) != 0)
+        return NBR_MAGIC;
+    if (buf[4] != NBR_VERSION)
+        return NBR_VERSION_BAD;
     if (len < sizeof(nbr_hdr))
         return NBR_SHORT;
     nbr_hdr h;
     memcpy(&h, buf, sizeof h);
-    if (memcmp(h.magic, k_magic, 4) != 0)
-        return NBR_MAGIC;
-    if (h.version != NBR_VERSION)
-        return NBR_VERSION_BAD;
     bool tagged = h.flags & NBR_FLAG_TAGGED;
     if (!key.empty() && !tagged)
         return NBR_UNTAGGED;
@@ -77,8 +95,12 @@ nbr_verdict nbr_unseal(const uint8_t *buf, size_t len, std::string_view key, uin
                 return NBR_BAD_TAG;
         }
     }
-    *module = static_cast<uint16_t>(h.module[0] << 8 | h.module[1]);
-    *off = sizeof h;
-    *plen = body;
+    out->module = static_cast<uint16_t>(h.module[0] << 8 | h.module[1]);
+    out->off = sizeof h;
+    out->plen = body;
+    out->tagged = tagged && !key.empty();
+    memcpy(&out->from.sender, h.sender, 4);
+    out->from.epoch = get_be64(h.epoch);
+    out->from.counter = get_be64(h.counter);
     return NBR_OK;
 }

@@ -29,7 +29,7 @@ namespace {
 constexpr size_t k_max_pending = 4096;
 constexpr size_t k_max_known = 4096;     // hearer sets remembered
 constexpr size_t k_ask_chunk = 1000;     // MACs per ask datagram
-constexpr size_t k_max_learned = 256;    // access points greeted without being configured
+constexpr size_t k_max_learned = OWNER_MAX_LEARNED;
 
 struct owner_ask {
     uint32_t seq = 0;
@@ -153,6 +153,15 @@ static std::vector<uint32_t> owner_live_locked(owner_service *s)
     return live;
 }
 
+// Whether as many unconfigured access points as we keep are heard already; s->mu held.
+static bool owner_learned_full_locked(owner_service *s)
+{
+    size_t learned = 0;
+    for (const auto &h : s->heard)
+        learned += !s->configured.count(h.first);
+    return learned >= k_max_learned;
+}
+
 static void owner_drop(const char *what, uint32_t src, int len)
 {
     rt_counter("owner.drop.malformed")++;
@@ -173,6 +182,18 @@ static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int 
     const std::vector<owner_mac> &macs = msg.macs;
     const std::vector<uint8_t> &flags = msg.flags;
     uint32_t seq = get_be32(h.seq);
+
+    {
+        std::lock_guard l(s->mu);
+        if (!s->heard.count(src) && !s->configured.count(src) && owner_learned_full_locked(s)) {
+            rt_counter("owner.drop.unknown")++;
+            rt_log_ratelimited("owner.drop.unknown", 10, LOG_WARNING,
+                               "owner message from %i ignored: %d unconfigured access points "
+                               "known already",
+                               src, static_cast<int>(k_max_learned));
+            return;
+        }
+    }
 
     // Answer an ask before taking the lock: the driver is asked per station.
     std::vector<owner_answer_rec> answer;
@@ -261,6 +282,7 @@ static owner_views owner_ask_peers(owner_service *s, const std::vector<owner_mac
         }
         for (uint32_t ip : live)
             owner_send(s, ip, OWNER_MSG_ASK, ask.seq, macs.data() + off, n);
+        rt_counter("owner.ask") += live.size();
         std::unique_lock l(s->mu);
         s->cv.wait_for(l, std::chrono::milliseconds(s->p.peer_timeout_ms),
                        [&] { return ask.waiting.empty() || s->stop; });

@@ -40,6 +40,10 @@ enum : uint8_t {
     OWNER_ANS_HEARS = 0x2, // in one of its radios' recent report tables
 };
 
+// Access points heard, greeted and asked without being configured: on an open site
+// any host can claim to be one, and each costs an ask per station every turn.
+constexpr size_t OWNER_MAX_LEARNED = 32;
+
 struct owner_params {
     uint32_t self_ip = 0;          // this access point's management IPv4, network order
     int peer_timeout_ms = 300;     // how long to wait for peers' answers

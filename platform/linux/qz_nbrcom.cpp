@@ -22,9 +22,9 @@ int qz_hc_register(qz_hc_reg *reg)
         rt_log(LOG_ERR, "qz_hc_register: module id %u is out of range", reg->module_id);
         return -1;
     }
-    if (reg->version != NBR_VERSION) {
-        rt_log(LOG_ERR, "qz_hc_register: module %u speaks envelope version %u, not %u",
-               reg->module_id, reg->version, NBR_VERSION);
+    if (reg->version != NBR_REG_VERSION) {
+        rt_log(LOG_ERR, "qz_hc_register: module %u gives record version %u, not %u",
+               reg->module_id, reg->version, NBR_REG_VERSION);
         return -1;
     }
     nbr_endpoint *ep = nbr_global();

@@ -39,7 +39,7 @@ struct state {
     std::vector<dbg_flag> flags;
     int not_ready = 0;
     std::map<std::string, std::function<void()>> hooks;
-    bool hc_reg = false, echo_logs = false, recording = true;
+    bool hc_reg = false, echo_logs = false, recording = true, keep_text = true;
 };
 
 state &S() { static state s; return s; }
@@ -48,8 +48,10 @@ state &S() { static state s; return s; }
 std::map<int, bytes> &shm() { static std::map<int, bytes> m; return m; }
 std::map<int, int> &shm_ids() { static std::map<int, int> m; return m; }
 
-int scripted(const std::string &fn, int dflt)
+int scripted(const char *fn, int dflt)
 {
+    if (S().scripts.empty())
+        return dflt;
     auto it = S().scripts.find(fn);
     if (it == S().scripts.end() || it->second.empty())
         return dflt;
@@ -58,11 +60,12 @@ int scripted(const std::string &fn, int dflt)
     return r;
 }
 
-void record(const std::string &fn, std::vector<int64_t> args = {}, std::string text = {},
-            bytes data = {})
+void record(const char *fn, std::initializer_list<int64_t> args = {}, std::string text = {}, bytes data = {})
 {
     if (S().recording)
-        S().calls.push_back({fn, std::move(args), std::move(text), std::move(data)});
+        S().calls.push_back({fn, args, std::move(text), std::move(data)});
+    if (S().hooks.empty())
+        return;
     auto it = S().hooks.find(fn);
     if (it != S().hooks.end() && it->second)
         std::function<void()>(it->second)(); // a copy: the hook may replace itself
@@ -110,7 +113,7 @@ void deliver(std::map<uint32_t, qz_event_handler> &subs, uint32_t id, bytes &pay
 int keep_sent(const char *fn, std::vector<sent> &out, uint32_t id, int len, const void *data)
 {
     G g(mu);
-    record(fn, {id, len}, {}, to_bytes(data, (size_t)len));
+    record(fn, {id, len}, {}, S().recording ? to_bytes(data, (size_t)len) : bytes{});
     return on_ok(scripted(fn, 0), [&] {
         if (S().recording)
             out.push_back({id, to_bytes(data, (size_t)len)});
@@ -164,6 +167,7 @@ std::vector<std::string> call_names()
 }
 
 void set_recording(bool on) { G g(mu); S().recording = on; }
+void set_keep_text(bool on) { G g(mu); S().keep_text = on; }
 
 void clear_calls()
 {
@@ -247,6 +251,10 @@ using namespace fake;
 #define RESULT scripted(__func__, 0)
 #define SEND(list, id, len, data) keep_sent(__func__, S().list, id, len, data)
 #define FORMAT(s, fmt) va_list ap; va_start(ap, fmt); auto s = qz_vformat_str(fmt, ap); va_end(ap)
+// Text nobody keeps is not even formatted; the calling function returns at once.
+#define DROP_TEXT(...)                                                                                    \
+    if (!S().keep_text)                                                                                   \
+        return __VA_ARGS__;
 
 
 extern "C" {
@@ -409,6 +417,7 @@ int qz_cli_agent_add_tlv(void *ctx, int cmd_id, const void *block, int len, int 
 
 int qz_cli_printf(qz_cli_cmd *, const char *fmt, ...)
 {
+    DROP_TEXT(0)
     FORMAT(s, fmt);
     G g(mu);
     S().cli += s;
@@ -468,6 +477,7 @@ const char *qz_ifname_id2radio(int i)
 
 void qz_log(int category, int severity, const char *fmt, ...)
 {
+    DROP_TEXT()
     FORMAT(s, fmt);
     G g(mu);
     if (S().echo_logs)
@@ -477,6 +487,7 @@ void qz_log(int category, int severity, const char *fmt, ...)
 
 void __qz_dbg(const char *prefix, int line, const char *tag, const char *fmt, ...)
 {
+    DROP_TEXT()
     FORMAT(s, fmt);
     G g(mu);
     S().dbgs.push_back({tag ? tag : "", line, (prefix ? prefix : "") + s});
@@ -490,9 +501,10 @@ void __qz_err(const char *, int, const char *fmt, ...)
 
 void qz_hexdump(const void *addr, int len)
 {
-    CALL({len}, {}, to_bytes(addr, len > 0 ? (size_t)len : 0));
-    std::string s;
+    CALL({len}, {}, S().recording ? to_bytes(addr, len > 0 ? (size_t)len : 0) : bytes{});
+    DROP_TEXT()
     const uint8_t *b = (const uint8_t *)addr;
+    std::string s;
     for (int i = 0; i < len; i++) {
         char h[4];
         snprintf(h, sizeof(h), "%02x%c", b[i], (i % 16 == 15 || i == len - 1) ? '\n' : ' ');

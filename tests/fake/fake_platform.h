@@ -42,6 +42,9 @@ std::vector<std::string> call_names(); // in order
 void clear_calls();
 // Off: calls and sends are no longer recorded (benchmarks); scripts still apply.
 void set_recording(bool on);
+// Off: log, debug, hexdump and CLI text is neither formatted nor kept: logs(), dbgs()
+// and cli_text() stay empty. For fuzzing, where nothing reads it.
+void set_keep_text(bool on);
 
 // The next `times` calls of fn return result instead of the default.
 void script(const std::string &fn, int result, int times = 1);

@@ -3,12 +3,16 @@
 // receiver (a manager on the fake platform), with exactly its payload's bytes. The
 // first byte picks the site key: none, or one that the input's datagram is either
 // sealed with first (a good tag, so that the payload goes on) or checked against as
-// it came (a forged or missing tag).
+// it came (a forged or missing tag); or, fourth, the rest is a run of (epoch, counter)
+// pairs put to one sender's replay window, which must let each new pair in once and no
+// copy ever.
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
+#include <set>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "fake_platform.h"
@@ -19,6 +23,7 @@
 namespace {
 
 constexpr std::string_view site_key = "fuzz site key";
+const nbr_origin sealer{0x0200000a, 5, 9};
 
 // Builds a datagram around payload: [module u16 big-endian][payload].
 bool seal(const uint8_t *in, size_t n, std::vector<uint8_t> &out)
@@ -26,17 +31,12 @@ bool seal(const uint8_t *in, size_t n, std::vector<uint8_t> &out)
     if (n < 2)
         return false;
     uint16_t module = (uint16_t)(in[0] << 8 | in[1]);
-    return nbr_seal(module, in + 2, n - 2, site_key, out);
+    return nbr_seal(module, in + 2, n - 2, site_key, sealer, out);
 }
 
-struct opened {
-    uint16_t module = 0;
-    size_t off = 0, plen = 0;
-};
-
-bool open_datagram(const uint8_t *buf, size_t len, std::string_view key, opened &o)
+bool open_datagram(const uint8_t *buf, size_t len, std::string_view key, nbr_opened &o)
 {
-    nbr_verdict v = nbr_unseal(buf, len, key, &o.module, &o.off, &o.plen);
+    nbr_verdict v = nbr_unseal(buf, len, key, &o);
     if (v != NBR_OK)
         return false;
     if (o.off > len || o.plen > len - o.off)
@@ -61,18 +61,47 @@ void to_relay(const uint8_t *p, size_t n)
     reg.recv(reg.priv, (int)n, copy.get());
 }
 
+// Records of 3 bytes: epoch 1 + (low 2 bits of the first), counter (big-endian u16).
+// A model of the window says what each must get.
+void check_window(const uint8_t *in, size_t n)
+{
+    nbr_window w;
+    uint64_t epoch = 0, top = 0;
+    std::set<std::pair<uint64_t, uint64_t>> seen;
+    for (size_t at = 0; at + 3 <= n; at += 3) {
+        uint64_t e = 1 + (in[at] & 3), c = uint64_t(in[at + 1] << 8 | in[at + 2]);
+        nbr_freshness f = nbr_window_check(w, e, c);
+        bool fresh_here = c != 0 && e >= epoch && !seen.count({e, c}) &&
+                          (e > epoch || c > top || top - c < NBR_WINDOW_BITS);
+        bool let_in = f == NBR_FRESH || f == NBR_RESTARTED;
+        if (let_in != fresh_here || (f == NBR_STALE_EPOCH) != (c != 0 && e < epoch))
+            __builtin_trap(); // a copy let in, or a new datagram refused
+        if (!let_in)
+            continue;
+        if (e > epoch)
+            top = 0;
+        epoch = e;
+        top = c > top ? c : top;
+        seen.insert({e, c});
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 1)
         return 0;
+    if (data[0] % 4 == 3) {
+        check_window(data + 1, size - 1);
+        return 0;
+    }
     if (!fuzz_core_start() || !fake::hc_registered())
         __builtin_trap();
     std::vector<uint8_t> dgram;
     std::string_view key;
     bool sealed_here = false;
-    switch (data[0] % 3) {
+    switch (data[0] % 4) {
     case 0: dgram.assign(data + 1, data + size); break;
     case 1:
         key = site_key;
@@ -88,10 +117,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         break;
     }
     auto buf = fuzz_copy(dgram.data(), dgram.size());
-    opened o;
+    nbr_opened o;
     bool good = open_datagram(buf.get(), dgram.size(), key, o);
-    if (sealed_here && !good)
-        __builtin_trap(); // our own datagram refused
+    if (sealed_here && (!good || !o.tagged || o.from.sender != sealer.sender ||
+                        o.from.epoch != sealer.epoch || o.from.counter != sealer.counter))
+        __builtin_trap(); // our own datagram refused or misread
     if (good) {
         const uint8_t *p = buf.get() + o.off;
         if (o.module == NBR_MODULE_OWNER)

@@ -1,7 +1,8 @@
 # Installs the build tree twice, into DESTDIR with the configured prefix and with
 # `--prefix`, and checks the files, that nothing lands outside the prefix, and that
 # the unit's ExecStart is the ltrd that was installed.
-# In: BUILD_DIR, SCRATCH, PREFIX (the configured CMAKE_INSTALL_PREFIX).
+# In: BUILD_DIR, SCRATCH, PREFIX (the configured CMAKE_INSTALL_PREFIX), MAN_PAGES (the
+# man pages the tree builds, relative to the prefix, separated by commas).
 
 set(expected
     sbin/ltrd
@@ -13,6 +14,10 @@ set(expected
     share/doc/ltrd/docs/porting.md
     share/doc/ltrd/docs/protocol.md
     share/doc/ltrd/examples/platform.toml)
+if(MAN_PAGES)
+  string(REPLACE "," ";" man_pages "${MAN_PAGES}")
+  list(APPEND expected ${man_pages})
+endif()
 set(executables sbin/ltrd bin/ltrctl bin/ltr-server)
 
 set(failures "")

@@ -203,7 +203,7 @@ TEST(LtrctlConn, SocketOthersCouldHaveMadeIsRefused)
     if (geteuid() == 0) {
         ASSERT_EQ(lchown(path.c_str(), 65534, 65534), 0);
         EXPECT_NE(open_err().find(path + " belongs to uid 65534"), std::string::npos);
-        lchown(path.c_str(), 0, 0);
+        ASSERT_EQ(lchown(path.c_str(), 0, 0), 0);
         ASSERT_EQ(chown(d, 65534, 65534), 0);
         EXPECT_NE(open_err().find(dir + " belongs to uid 65534"), std::string::npos);
     }

@@ -241,7 +241,7 @@ TEST(Config, RuntimeDirOthersCouldChangeEndsTheStart)
     chmod(s.path("open").c_str(), 0777);
     EXPECT_EXIT(use(s.path("open")), testing::ExitedWithCode(1),
                 "runtime_dir .*/open refused: writable by other users \\(mode 0777\\)");
-    symlink(s.path("open").c_str(), s.path("link").c_str());
+    ASSERT_EQ(symlink(s.path("open").c_str(), s.path("link").c_str()), 0);
     EXPECT_EXIT(use(s.path("link")), testing::ExitedWithCode(1), "refused: is a symbolic link");
     if (geteuid() == 0) {
         mkdir(s.path("theirs").c_str(), 0700);

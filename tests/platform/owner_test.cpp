@@ -9,6 +9,7 @@
 #include <set>
 #include <thread>
 
+#include "nbr_test_util.h"
 #include "owner_service.h"
 #include "rt_counter.h"
 #include "rt_test_util.h"
@@ -19,8 +20,6 @@ using mac_t = std::array<uint8_t, 6>;
 using reply = std::map<mac_t, uint32_t>;
 mac_t mac(int last, int mid = 0) { return {0x02, 0, 0, 0, (uint8_t)mid, (uint8_t)last}; }
 mac_t to_mac(const uint8_t *m) { return {m[0], m[1], m[2], m[3], m[4], m[5]}; }
-
-uint32_t ip4(const char *s) { return inet_addr(s); }
 
 std::vector<uint8_t> query(const std::vector<mac_t> &macs, uint16_t code = QZ_OWNER_QUERY_CODE)
 {
@@ -33,14 +32,15 @@ std::vector<uint8_t> query(const std::vector<mac_t> &macs, uint16_t code = QZ_OW
     return q;
 }
 
-nbr_endpoint_ptr open_at(uint32_t ip, uint16_t port, const std::vector<uint32_t> &peers = {})
+nbr_endpoint_ptr open_at(uint32_t ip, uint16_t port, const std::vector<uint32_t> &peers = {},
+                         const char *key = "site")
 {
     std::string err;
     nbr_params np;
     np.bind_ip = ip;
     np.port = port;
     np.peers = peers;
-    np.key = "site";
+    np.key = key;
     auto ep = nbr_endpoint_open(np, err);
     EXPECT_TRUE(ep) << err;
     return ep;
@@ -56,12 +56,13 @@ struct ap {
     nbr_endpoint_ptr ep;
     owner_service_ptr svc;
     uint32_t ip;
+    const char *key = "site";
 
     uint16_t start(const char *addr, int port, std::vector<uint32_t> peers, int timeout_ms = 300)
     {
         ip = ip4(addr);
         if (port >= 0)
-            ep = open_at(ip, (uint16_t)port, peers);
+            ep = open_at(ip, (uint16_t)port, peers, key);
         auto caller = std::this_thread::get_id();
         owner_params p{ip, timeout_ms, 50, 1000, peers,
                        [this](const uint8_t *m) { return assoc.count(to_mac(m)) > 0; },
@@ -288,4 +289,28 @@ TEST(OwnerService, OwnerIsElectedAmongTheApsThatHearTheStation)
     EXPECT_TRUE(rt_poll_until([&] { return a.latest(moving) == ib; })) << "a learns b hears it too";
     EXPECT_EQ(c.ask({mac(1, 9)})[mac(1, 9)], 0u) << "heard by nobody: no owner";
     EXPECT_FALSE(a.on_caller || b.on_caller || c.on_caller);
+}
+
+// An open site (no key, no peers): any host can claim to be an access point, and each
+// one heard costs an ask per station every turn. Hellos from 100 addresses must not
+// turn the service into a reflector.
+TEST(OwnerService, FloodOfHellosFromNewAddressesIsHeardOnlyUpToTheBound)
+{
+    ap a;
+    a.key = "";
+    uint16_t port = a.start("127.0.0.2", 0, {}, 50);
+    uint64_t ignored = rt_counter("owner.drop.unknown"), asks = rt_counter("owner.ask");
+    owner_msg_hdr hello{OWNER_MSG_HELLO, 0, {0, 0}, {0, 0, 0, 0}};
+    std::vector<uint8_t> hb((uint8_t *)&hello, (uint8_t *)&hello + sizeof hello);
+    for (int i = 1; i <= 100; i++) {
+        uint32_t src = htonl(ntohl(ip4("127.0.1.0")) + (uint32_t)i);
+        nbr_send_raw(src, a.ip, port, nbr_sealed(NBR_MODULE_OWNER, hb, "", src));
+    }
+    EXPECT_TRUE(rt_poll_until([&] { return rt_counter("owner.drop.unknown") == ignored + 100 - OWNER_MAX_LEARNED; }));
+    EXPECT_EQ(owner_service_live(a.svc.get()).size(), OWNER_MAX_LEARNED);
+    std::vector<mac_t> stations;
+    for (int i = 0; i < 20; i++)
+        stations.push_back(mac(i, 3));
+    EXPECT_EQ(a.ask(stations).size(), 20u);
+    EXPECT_EQ(rt_counter("owner.ask") - asks, OWNER_MAX_LEARNED) << "one ask per heard address";
 }

@@ -16,7 +16,7 @@ namespace {
 
 const char *k_world = R"(
 model = { ref_rssi = -40, exponent = 3.0, noise = 2.0, floor = -90 }
-ap = [ { name = "ap1", position = [0, 0], radios = [2412, 5180] },
+ap = [ { name = "ap1", position = [0, 0], radios = [2412, 5180], mac = "02:fe:00:00:00:01", ip = "10.0.0.1", floor = 0 },
        { name = "ap2", position = [30, 0], radios = [2437] } ]
 station = [
   { mac = "02:00:00:00:00:01", position = [3, 4], assoc = "ap1", assoc_radio = 1 },
@@ -163,6 +163,8 @@ TEST_F(SimTest, WorldFollowsDistanceIsDeterministicForASeedAndNamesErrors)
 
     EXPECT_FALSE(sim_world_parse("[[ap]]\nname = \"a\"\nposition = [0, 0]\ncolour = 1\n", "f", err));
     EXPECT_EQ(err, "f:4: ap.colour: unknown key");
+    EXPECT_FALSE(sim_world_parse("[[ap]]\nname = \"a\"\nposition = [0, 0]\nmac = \"02:fe\"\n", "f", err));
+    EXPECT_EQ(err, "f:4: ap.mac: expected aa:bb:cc:dd:ee:ff");
     EXPECT_FALSE(sim_world_parse("station = [{ mac = \"02:00:00:00:00:01\", position = [0, 0], "
                                  "assoc = \"nowhere\" }]", "f", err));
     EXPECT_EQ(err, "f:1: station.assoc: no access point nowhere");

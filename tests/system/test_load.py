@@ -99,7 +99,9 @@ class Load(SiteTest):
         for i in range(STATIONS):
             relay = struct.pack(">I4sHH", 0, src, 16, 0) + bytes.fromhex(
                 sta_mac(i).replace(":", "") + ap2.mac.replace(":", "")) + struct.pack(">BbH", 1, -60, 2412)
-            dgrams.append(b"QZNM" + bytes([1, 0]) + struct.pack(">H", 52) + relay)
+            # No site key here: sender, epoch and counter are carried but not checked.
+            dgrams.append(b"QZNM" + bytes([2, 0]) + struct.pack(">H", 52) + src +
+                          struct.pack(">QQ", 1, i + 1) + relay)
         before = counters(ap1)
         s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         s.bind((ap2.ip, 0))

@@ -82,7 +82,11 @@ TEST_F(EngineMsg, LengthAndCountRules)
         {msg(4, {overlap_len3, tlv(0x309, bytes(4))}, -1, 2), {"unknown tlv type 11.\n", "unknown tlv type 777.\n"}},
         {msg(4, {bytes{0, 0}, tlv(2, {7}, 4)}, -1, 2), {"unknown tlv type 0.\n", bad_len(2, 4), count_failed}},
     };
-    for (auto &c : cases) {
+    std::vector<std::string> stuck(300, "unknown tlv type 0.\n"); // the whole count on one head
+    stuck.push_back(count_failed);
+    std::vector<tc> all(std::begin(cases), std::end(cases));
+    all.push_back({msg(4, {tlv(0, {}, 0), t}, 12, 300), stuck});
+    for (auto &c : all) {
         bool ok = c.errors.empty() || c.errors.back() != count_failed;
         EXPECT_EQ(validate(c.m), ok ? 0 : -1);
         EXPECT_EQ(dbg_lines(), c.errors);
@@ -144,6 +148,14 @@ TEST_F(EngineMsg, ReceivedMessagesDumpAsTheyTravel)
         EXPECT_EQ(received, dbg_lines());
         EXPECT_GE(received.size(), 2u);
     }
+
+    // A zero-length TLV holds the dump on one head for the rest of the count: it shows
+    // nothing, and what follows it is never reached.
+    fake::clear_text();
+    bytes stuck = msg(LTR_OP_START, {tlv(1, u16v(30)), tlv(0, {}, 0), tlv(3, u16v(90))}, -1, 300);
+    ltr_msg_dump((const ltr_msg_body *)(stuck.data() + offsetof(ltr_srv_msg, opcode)),
+                 (int)(stuck.size() - offsetof(ltr_srv_msg, opcode)));
+    EXPECT_EQ(dbg_lines(), std::vector<std::string>{"report interval 30"});
 
     // Heads that do not overlap are left in host order for the handlers.
     delivery d(msg(LTR_OP_QUERY, {mac_all()}));

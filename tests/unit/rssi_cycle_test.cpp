@@ -134,6 +134,43 @@ TEST_F(RssiCycle, ReadingsAgeByIntervalAndHoldTime)
     EXPECT_EQ(sta(1), nullptr);
 }
 
+// The cycle reaches this AP's own reading without walking the reporters: the link must
+// follow the reading through ageing, new reporters and a new MAC of this AP.
+TEST_F(RssiCycle, OwnReadingIsFoundAfterItAgedOutAndAfterANewMac)
+{
+    const fake::mac_t other{0x00, 0x66, 0x77, 0x88, 0x99, 0xbb};
+    cfg.hold_time = 5;
+    auto readings = [&] {
+        std::string out;
+        for (ltr_rssi_entry *e = sta(1)->rssi_list; e; e = e->link.next)
+            out += qz_format_str("%m %d|", e->rssi_data.ap_mac, e->rssi_data.rssi);
+        return out;
+    };
+    hear(if0, {rec(1, -50)});
+    cycle();
+    own(1);
+    recv(relay_msg(1, peer_mac, -60, 2437));
+    hear(if0, {});
+    cycle(); // interval 60: the own reading lives one cycle, the relayed one stays
+    ASSERT_EQ(entry(1), nullptr);
+    recv(relay_msg(1, other, -70, 5180)); // may take the freed reading's memory
+    hear(if0, {rec(1, -55)});
+    cycle();
+    EXPECT_EQ(eng.tlvs, (strs{"sta 0200.0000.0001", "rd " + me + " 2437 -55", "rd 0066.7788.99bb 5180 -70",
+                              "rd 0066.7788.99aa 2437 -60"}));
+    EXPECT_EQ(readings(), me + " -55|0066.7788.99bb -70|0066.7788.99aa -60|");
+
+    memcpy(mgt.my_mac, other.data(), 6); // now the other reporter's reading is this AP's
+    hear(if0, {rec(1, -45)});
+    cycle();
+    EXPECT_EQ(readings(), "0066.7788.99bb -45|0066.7788.99aa -60|"); // the old own one aged out
+    memcpy(mgt.my_mac, my_mac.data(), 6);
+    hear(if0, {rec(1, -41)});
+    cycle();
+    EXPECT_EQ(readings(), me + " -41|0066.7788.99bb -45|0066.7788.99aa -60|");
+    EXPECT_EQ(sta(1)->rssi_cnt, 3);
+}
+
 TEST_F(RssiCycle, EntryPointsHoldTheLockAcrossPlatformCalls)
 {
     int seen = 0, unlocked = 0;

@@ -19,7 +19,12 @@
 #include <vector>
 
 #include "srv_cmd.h"
+#include "srv_http.h"
+#include "srv_json.h"
+#include "srv_mqtt.h"
 #include "srv_print.h"
+#include "srv_site.h"
+#include "srv_store.h"
 #include "srv_tls.h"
 #include "srv_wire.h"
 
@@ -31,6 +36,16 @@ namespace {
 
 volatile sig_atomic_t g_signalled = 0;
 void on_signal(int) { g_signalled = 1; }
+
+double now_s()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+double unix_now()
+{
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
 
 int64_t now_ms()
 {
@@ -66,6 +81,12 @@ struct ap_conn {
 struct server {
     bool json = false;
     SSL_CTX *tls_ctx = nullptr; // null: plain TCP
+    bool quiet = false;            // no line per message
+    site where;
+    store st;
+    std::unique_ptr<http_server, void (*)(http_server *)> http{nullptr, nullptr};
+    mqtt_ptr mqtt{nullptr, nullptr};
+    double last_tick = 0, last_stats = 0;
     fd_owner listen_sock;
     std::vector<std::unique_ptr<ap_conn>> aps;
     unsigned next_ap = 1;
@@ -106,6 +127,101 @@ struct server {
             if (!a->closing)
                 n += a->pending.size();
         return n;
+    }
+
+    // Changed stations go to the page and the broker at most every flush_s: a busy
+    // station costs one JSON text per flush, not one per report.
+    static constexpr double flush_s = 0.2;
+    std::set<mac_addr> dirty;
+    double last_flush = 0;
+
+    void publish(const std::vector<st_event> &ev)
+    {
+        if (!http && !mqtt)
+            return;
+        for (const st_event &e : ev) {
+            std::string mac = mac_str(e.mac.data());
+            if (e.kind == ST_FORGET) {
+                dirty.erase(e.mac);
+                if (http)
+                    http_drop_station(*http, mac);
+                continue;
+            }
+            if (e.kind == ST_MOVE) {
+                dirty.insert(e.mac);
+                continue;
+            }
+            // Whoever acts on the event finds the state already saying so.
+            send_state(e.mac, now_s(), unix_now());
+            dirty.erase(e.mac);
+            if (mqtt)
+                mqtt_event(*mqtt, e.kind == ST_ENTER ? "enter" : "leave", mac, unix_now());
+        }
+    }
+
+    void send_state(const mac_addr &m, double now, double unix_t)
+    {
+        auto it = st.stations.find(m);
+        if (it == st.stations.end())
+            return;
+        std::string mac = mac_str(m.data());
+        std::string j = station_json(st, it->second, now, unix_t).dump();
+        if (http)
+            http_set_station(*http, mac, j);
+        if (mqtt)
+            mqtt_station(*mqtt, mac, j, it->second.present);
+    }
+
+    void flush(double now)
+    {
+        last_flush = now;
+        double unix_t = unix_now();
+        for (const mac_addr &m : dirty)
+            send_state(m, now, unix_t);
+        dirty.clear();
+    }
+
+    void publish_stats(double now)
+    {
+        last_stats = now;
+        size_t present = 0;
+        for (const auto &[m, s] : st.stations)
+            present += s.present;
+        nlohmann::json j = {{"reports", st.counts.reports},
+                            {"station_updates", st.counts.station_updates},
+                            {"solves", st.counts.solves},
+                            {"stations", st.stations.size()},
+                            {"present", present},
+                            {"aps_connected", hello_count()}};
+        http_set_stats(*http, j.dump());
+    }
+
+    // Twice a second: expiry, the access point list, a reconnected broker; and the
+    // flush of changed stations.
+    void tick()
+    {
+        double now = now_s();
+        if (!dirty.empty() && now - last_flush >= flush_s)
+            flush(now);
+        if (now - last_tick < 0.5)
+            return;
+        last_tick = now;
+        std::vector<st_event> ev;
+        store_expire(st, now, ev);
+        publish(ev);
+        if (http) {
+            std::vector<ap_ident> conn;
+            for (const auto &a : aps)
+                if (a->id.hello && !a->closing)
+                    conn.push_back(a->id);
+            http_set_aps(*http, aps_json(st, conn).dump());
+            publish_stats(now);
+        }
+        if (mqtt && mqtt_take_connected(*mqtt)) {
+            double unix_t = unix_now();
+            for (const auto &[m, s] : st.stations)
+                mqtt_station(*mqtt, mac_str(m.data()), station_json(st, s, now, unix_t).dump(), s.present);
+        }
     }
 
     void accept_one()
@@ -169,6 +285,7 @@ struct server {
                 a.id.name = h.name;
                 a.id.mac = h.mac;
                 a.id.ip = h.ip;
+                store_hello(st, h.mac, h.ip, h.name);
                 out(show_conn(a.id, "hello", "", json));
             }
             break;
@@ -177,7 +294,16 @@ struct server {
             decoded d = decode_reply(f.payload);
             if (d.error.empty())
                 a.pending.erase(d.msg_id);
-            out(show_message(a.id, f.payload, d, json));
+            if (!quiet || !d.error.empty())
+                out(show_message(a.id, f.payload, d, json));
+            if (d.error.empty() && d.op == OP_RSSI_REPORT) {
+                std::vector<st_event> ev;
+                double now = now_s();
+                store_report(st, a.id.name, a.id.mac, d.stations, now, ev);
+                publish(ev);
+                if (http && now - last_stats >= 0.1)
+                    publish_stats(now);
+            }
             break;
         }
         case FR_PING:
@@ -339,12 +465,21 @@ void usage(FILE *f)
 {
     fprintf(f,
             "usage: ltr-server [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE [--tls-ca FILE]]\n"
-            "                  [--json] [--duration SECONDS] [COMMAND...]\n"
+            "                  [--json] [--duration SECONDS] [--site FILE] [--http HOST:PORT]\n"
+            "                  [--mqtt HOST:PORT] [--quiet] [COMMAND...]\n"
             "  --listen HOST:PORT   where access points connect (default 127.0.0.1:7420)\n"
             "  --tls-cert FILE      speak TLS with this certificate (PEM, chain after it)\n"
             "  --tls-key FILE       and this private key (PEM)\n"
             "  --tls-ca FILE        require client certificates signed by this CA (PEM)\n"
             "  --json               one JSON object per line instead of text\n"
+            "  --quiet              no line per received message (malformed ones still)\n"
+            "  --site FILE          where the access points stand: the [[ap]] tables of a\n"
+            "                       world file (name, position, mac, ip, floor)\n"
+            "  --timeout SECONDS    a station unheard this long has left (default 30)\n"
+            "  --http HOST:PORT     serve the live map and the JSON API there\n"
+            "  --mqtt HOST:PORT     publish station states and events to that broker\n"
+            "  --mqtt-prefix TEXT   first topic level (default ltr)\n"
+            "  --mqtt-id TEXT       this server's name towards the broker (default: host name)\n"
             "  --duration SECONDS   exit after this long; keep serving after the last\n"
             "                       command until then (0: until interrupted)\n"
             "Each COMMAND argument is one command line; without any, commands are read\n"
@@ -360,6 +495,9 @@ struct options {
     std::string tls_cert, tls_key, tls_ca;
     double duration = -1; // seconds; negative: until the last command
     bool json = false;
+    bool quiet = false;
+    std::string site_file, http_addr, mqtt_addr, mqtt_prefix = "ltr", mqtt_id;
+    double timeout = 30;
     std::deque<std::string> cmds;
 };
 
@@ -385,6 +523,30 @@ int parse_options(int argc, char **argv, options &o)
             o.tls_ca = value("--tls-ca");
         } else if (a == "--json") {
             o.json = true;
+        } else if (a == "--quiet" || a == "-q") {
+            o.quiet = true;
+        } else if (a == "--site") {
+            o.site_file = value("--site");
+        } else if (a == "--http") {
+            o.http_addr = value("--http");
+        } else if (a == "--mqtt") {
+            o.mqtt_addr = value("--mqtt");
+        } else if (a == "--mqtt-prefix") {
+            o.mqtt_prefix = value("--mqtt-prefix");
+            if (o.mqtt_prefix.empty() || o.mqtt_prefix.find_first_of("#+") != std::string::npos) {
+                fprintf(stderr, "ltr-server: --mqtt-prefix must be a topic without wildcards\n");
+                return 2;
+            }
+        } else if (a == "--mqtt-id") {
+            o.mqtt_id = value("--mqtt-id");
+        } else if (a == "--timeout") {
+            char *end = nullptr;
+            const char *v = value("--timeout");
+            o.timeout = strtod(v, &end);
+            if (!end || *end || !(o.timeout > 0)) {
+                fprintf(stderr, "ltr-server: --timeout wants seconds > 0, got \"%s\"\n", v);
+                return 2;
+            }
         } else if (a == "--duration" || a == "-d") {
             char *end = nullptr;
             const char *v = value("--duration");
@@ -506,7 +668,7 @@ bool serve_once(server &s, script &sc, int64_t end)
         pf.push_back({a->sock.fd,
                       short(POLLIN | (a->out_off < a->out.size() || a->tls.wants_write ? POLLOUT : 0)),
                       0});
-    int64_t timeout = 1000;
+    int64_t timeout = s.dirty.empty() ? 500 : int64_t(server::flush_s * 1000);
     if (sc.waiting != CMD_NONE)
         timeout = std::min(timeout, std::max<int64_t>(0, sc.wait_until - now_ms()));
     if (end >= 0)
@@ -556,6 +718,17 @@ int main(int argc, char **argv)
         return rc;
     server s;
     s.json = o.json;
+    s.quiet = o.quiet;
+    if (!o.site_file.empty()) {
+        std::string err;
+        if (!site_load(o.site_file, s.where, err)) {
+            fprintf(stderr, "ltr-server: --site %s\n", err.c_str());
+            return 2;
+        }
+        s.st.where = &s.where;
+        s.st.params = s.where.model;
+    }
+    s.st.params.timeout_s = o.timeout;
     script sc;
     sc.input_done = !o.cmds.empty(); // commands given: standard input is not read
     sc.cmds = std::move(o.cmds);
@@ -577,6 +750,29 @@ int main(int argc, char **argv)
     if (!s.json)
         s.out("listening on " + o.listen_addr +
               (!s.tls_ctx ? "" : o.tls_ca.empty() ? " (TLS)" : " (TLS, client certificates required)") + "\n");
+    if (!o.http_addr.empty()) {
+        std::string err;
+        s.http = http_start(o.http_addr, err);
+        if (!s.http) {
+            fprintf(stderr, "ltr-server: %s\n", err.c_str());
+            return 2;
+        }
+        if (!s.json)
+            s.out("map on http://" + o.http_addr + "/\n");
+    }
+    if (!o.mqtt_addr.empty()) {
+        if (o.mqtt_id.empty()) {
+            char host[256] = "ltr-server";
+            gethostname(host, sizeof host - 1);
+            o.mqtt_id = host;
+        }
+        std::string err;
+        s.mqtt = mqtt_start(o.mqtt_addr, o.mqtt_prefix, o.mqtt_id, err);
+        if (!s.mqtt) {
+            fprintf(stderr, "ltr-server: %s\n", err.c_str());
+            return 2;
+        }
+    }
 
     const int64_t end = o.duration > 0 ? now_ms() + int64_t(o.duration * 1000) : -1;
     while (!g_signalled) {
@@ -590,6 +786,7 @@ int main(int argc, char **argv)
             break;
         if (!serve_once(s, sc, end))
             return 1;
+        s.tick();
     }
     flush_all(s);
     return s.failures ? 1 : 0;

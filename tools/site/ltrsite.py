@@ -40,14 +40,78 @@ def namespaces_available():
         return False
 
 
-def enter_namespaces(argv, keep=()):
+def _pump(a, b):
+    """Copies bytes both ways between two connected sockets until either side ends."""
+    def one(src, dst):
+        try:
+            while data := src.recv(65536):
+                dst.sendall(data)
+        except OSError:
+            pass
+        for s in (src, dst):
+            try:
+                s.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+    for pair in ((a, b), (b, a)):
+        threading.Thread(target=one, args=pair, daemon=True).start()
+
+
+def _relay(listener, connect):
+    """Accepts on listener and joins each connection to a fresh connect()."""
+    def loop():
+        while True:
+            c, _ = listener.accept()
+            try:
+                t = connect()
+            except OSError:
+                c.close()
+                continue
+            _pump(c, t)
+    threading.Thread(target=loop, daemon=True).start()
+
+
+def serve_forward(path, port):
+    """Inside the namespaces: the unix socket path leads to 127.0.0.1:port here."""
+    if os.path.exists(path):
+        os.unlink(path)
+    lst = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    lst.bind(path)
+    lst.listen(16)
+    _relay(lst, lambda: socket.create_connection(("127.0.0.1", port)))
+
+
+def enter_namespaces(argv, keep=(), forward=None):
     """Runs argv (a Python script and its arguments) again inside the namespaces, unless
     already there; inside, gives it a private /tmp and a loopback interface. Paths in
-    keep that lie under /tmp (a checkout or build tree) stay visible there."""
+    keep that lie under /tmp (a checkout or build tree) stay visible there.
+    forward=(port, path): this process stays outside, listens on the host's 127.0.0.1:port
+    and relays each connection to the unix socket path, which the script serves inside
+    with serve_forward; returns False when that port is taken (nothing is relayed)."""
     if os.environ.get(NS_ENV) != "1":
         env = dict(os.environ, **{NS_ENV: "1"})
-        os.execvpe("unshare", ["unshare", "-Urnimp", "--fork", "--kill-child", "--mount-proc",
-                               "--", sys.executable] + argv, env)
+        cmd = ["unshare", "-Urnimp", "--fork", "--kill-child", "--mount-proc", "--",
+               sys.executable] + argv
+        if not forward:
+            os.execvpe("unshare", cmd, env)
+        lst = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        try:
+            lst.bind(("127.0.0.1", forward[0]))
+            lst.listen(16)
+        except OSError:
+            env[NS_ENV + "_NO_FORWARD"] = "1"
+            lst = None
+        child = subprocess.Popen(cmd, env=env)
+        # Ctrl-C reaches the child too; it stops the site, then we end with it.
+        signal.signal(signal.SIGINT, signal.SIG_IGN)
+        signal.signal(signal.SIGTERM, lambda *_: child.terminate())
+        if lst:
+            def to_child():
+                s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+                s.connect(forward[1])
+                return s
+            _relay(lst, to_child)
+        sys.exit(child.wait())
     old_tmp = os.open("/tmp", os.O_RDONLY | os.O_DIRECTORY)
     subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/tmp"], check=True)
     kept = []
@@ -60,6 +124,7 @@ def enter_namespaces(argv, keep=()):
         subprocess.run(["mount", "--no-canonicalize", "--rbind", src, path], check=True)
     os.close(old_tmp)
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    return os.environ.get(NS_ENV + "_NO_FORWARD") != "1"
 
 
 def add_interface(name):
@@ -86,14 +151,14 @@ def wait_until(pred, timeout, what):
 class Server:
     """ltr-server with JSON output; requests go through its standard input."""
 
-    def __init__(self, binary, workdir, port=SERVER_PORT, tls_args=()):
+    def __init__(self, binary, workdir, port=SERVER_PORT, extra=()):
         self.messages = []
         self.cond = threading.Condition()
         self.log = open(os.path.join(workdir, "ltr-server.jsonl"), "w")
         self.proc = subprocess.Popen(
-            [binary, "--listen", f"127.0.0.1:{port}", "--json", "--duration", "0", *tls_args],
+            [binary, "--listen", f"127.0.0.1:{port}", "--json", "--duration", "0", *extra],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-            bufsize=1)
+            bufsize=1, start_new_session=True)  # Ctrl-C is for the script, which stops it
         self.errors = []
         threading.Thread(target=self._read, daemon=True).start()
         threading.Thread(target=self._read_err, daemon=True).start()
@@ -213,7 +278,7 @@ class AccessPoint:
         env = dict(os.environ, QZ_PLATFORM_CONFIG=self.config)
         self.out = open(os.path.join(self.dir, "ltrd.out"), "a")
         self.proc = subprocess.Popen([self.site.bin("ltrd")], env=env, stdout=self.out,
-                                     stderr=subprocess.STDOUT)
+                                     stderr=subprocess.STDOUT, start_new_session=True)
         if wait:
             wait_until(lambda: self.proc.poll() is not None or self.serving(), 10,
                        f"{self.name} to come up")
@@ -319,12 +384,13 @@ class Site:
                 return p
         raise SiteError(f"{name} not found under {self.build}")
 
-    def start_server(self):
+    def start_server(self, extra=()):
+        """extra: further ltr-server options (--site, --http, --mqtt...)."""
         tls_args = ()
         if self.pki:
             tls_args = ("--tls-cert", f"{self.pki}/server.crt", "--tls-key", f"{self.pki}/server.key",
                         "--tls-ca", f"{self.pki}/ca.crt")
-        self.server = Server(self.bin("ltr-server"), self.root, self.server_port, tls_args)
+        self.server = Server(self.bin("ltr-server"), self.root, self.server_port, (*tls_args, *extra))
         return self.server
 
     def start(self, enable=True, interval=None):

@@ -29,6 +29,16 @@ static_assert(offsetof(ltr_rssi_data, active) == 9);
 struct ltr_sta;
 struct ltr_sta_tbl;
 
+// Two loads and a compare: the station and reading look-ups run for every record.
+inline bool ltr_mac_eq(const uint8_t *a, const uint8_t *b)
+{
+    uint32_t a4, b4;
+    uint16_t a2, b2;
+    __builtin_memcpy(&a4, a, 4), __builtin_memcpy(&b4, b, 4);
+    __builtin_memcpy(&a2, a + 4, 2), __builtin_memcpy(&b2, b + 4, 2);
+    return ((a4 ^ b4) | (uint32_t)(a2 ^ b2)) == 0;
+}
+
 struct ltr_rssi_entry {
     ltr_link<ltr_rssi_entry> link; // in sta->rssi_list, newest first
     ltr_sta *sta;
@@ -45,6 +55,9 @@ struct ltr_sta {
     ltr_sta_tbl *sta_tbl;
     uint8_t macaddr[6];
     ltr_rssi_entry *rssi_list;
+    // The newest reading under sta_tbl->self_mac (this AP's own reading), or null: the
+    // cycle finds it without walking the reporters.
+    ltr_rssi_entry *self;
     int32_t max_rssi_cnt;
     int32_t rssi_cnt;
     uint32_t ni_owner_ip; // network order; 0 = unknown
@@ -58,6 +71,7 @@ struct ltr_sta_tbl {
     ltr_sta *hash[LTR_STA_HASH_SIZE];
     int32_t max_sta;
     int32_t sta_cnt;
+    uint8_t self_mac[6]; // the MAC the stations' self links are for (mgt.my_mac)
 };
 
 void ltr_sta_tbl_init(ltr_sta_tbl *sta_tbl, uint32_t capacity);

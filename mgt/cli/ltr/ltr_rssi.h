@@ -40,6 +40,8 @@ using ltr_owner_rec = qz_owner_rec;
 // Due rule. All with the lock held.
 // One cycle of a reading's life; false once it has run out.
 bool ltr_rssi_age(ltr_mgt *m, ltr_rssi_entry *e);
+// The same with the reading's life (ltr_rssi_life) already known.
+bool ltr_rssi_age_life(ltr_rssi_entry *e, int life);
 // Stores a fresh reading of sta under its reporter (rd->ap_mac), opening the entry when
 // needed, and marks sta due for a new reporter, for due, or for a change beyond the
 // threshold. local: heard by this AP's radios. Null when nothing was stored.

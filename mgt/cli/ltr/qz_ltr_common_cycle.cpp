@@ -20,6 +20,11 @@ alignas(4) uint8_t sta_buf[QZ_DCD_STA_BUF_LEN]; // associated-station record, th
 static_assert(sizeof(rpt_buf) == 5120);
 static_assert(sizeof(sta_buf) >= LTR_TLV_STA_LEN && sizeof(sta_buf) >= LTR_TLV_RSSI_LEN);
 
+// Lives of an own and of a relayed reading in this cycle (ltr_rssi_life).
+struct cycle_lives {
+    int local, relayed;
+};
+
 bool ltr_owned(const ltr_mgt *m, const ltr_sta *sta)
 {
     return m->my_ip != 0 && sta->ni_owner_ip == m->my_ip;
@@ -40,7 +45,8 @@ void ltr_add_rssi_tlv(ltr_mgt *m, const ltr_rssi_entry *e)
 }
 
 // An owned station is reported on the band of the radio it is associated with: the
-// driver may have heard it on the other band.
+// driver may have heard it on the other band. Every record asks the radios afresh: an
+// association can move between two records of one cycle.
 void ltr_band_correct(const uint8_t *sta_mac, ltr_rssi_data *rd)
 {
     for (int j = 0; j < qz_radio_count(); j++) {
@@ -117,7 +123,7 @@ void ltr_collect(ltr_mgt *m)
 }
 
 // Ages one station's readings and reports or relays them when the station is due.
-void ltr_report_sta(ltr_mgt *m, ltr_sta *sta)
+void ltr_report_sta(ltr_mgt *m, ltr_sta *sta, cycle_lives lives)
 {
     ltr_sta_age(m->cfg, sta);
     bool owned = ltr_owned(m, sta);
@@ -127,7 +133,7 @@ void ltr_report_sta(ltr_mgt *m, ltr_sta *sta)
     bool reported = false;
     for (ltr_rssi_entry *e = sta->rssi_list, *next; e; e = next) {
         next = e->link.next;
-        if (!ltr_rssi_age(m, e)) {
+        if (!ltr_rssi_age_life(e, e->ni_local ? lives.local : lives.relayed)) {
             ltr_rssi_del(e);
             continue;
         }
@@ -174,9 +180,14 @@ void ltr_rssi_cycle(qz_pmpt_timer_t *t, void *param)
     ltr_collect(m);
 
     if (m->engine->reset(m) >= 0) {
+        ltr_rssi_entry probe{};
+        probe.ni_local = 1;
+        cycle_lives lives{ltr_rssi_life(m, &probe), 0};
+        probe.ni_local = 0;
+        lives.relayed = ltr_rssi_life(m, &probe);
         for (ltr_sta *sta = m->sta_tbl.sta_list.first, *next; sta; sta = next) {
             next = sta->list.next;
-            ltr_report_sta(m, sta);
+            ltr_report_sta(m, sta, lives);
             if (sta->rssi_cnt == 0)
                 ltr_sta_del(sta);
         }

@@ -30,9 +30,10 @@ int ltr_rssi_life(ltr_mgt *mgt, ltr_rssi_entry *rssi)
     return mgt->cfg->hold_time + 1;
 }
 
-bool ltr_rssi_age(ltr_mgt *m, ltr_rssi_entry *e)
+bool ltr_rssi_age(ltr_mgt *m, ltr_rssi_entry *e) { return ltr_rssi_age_life(e, ltr_rssi_life(m, e)); }
+
+bool ltr_rssi_age_life(ltr_rssi_entry *e, int life)
 {
-    int life = ltr_rssi_life(m, e);
     if (life == e->life_start) {
         e->life_cnt--;
     } else {

@@ -129,8 +129,13 @@ void dump_tlv(uint16_t type, const uint8_t *v, int vavail)
 void dump_walk(ltr_tlv_cursor c)
 {
     ltr_tlv_ref t;
-    while (ltr_tlv_next(&c, &t))
+    while (ltr_tlv_next(&c, &t)) {
         dump_tlv(t.type, t.v, t.vlen);
+        // A len of 0 leaves the walk on the same head for the rest of tlv_num (up to
+        // 65535 times), and a TLV without value bytes prints nothing.
+        if (t.len == 0)
+            break;
+    }
 }
 
 } // namespace
@@ -198,6 +203,16 @@ int ltr_msg_validate(ltr_mgt *mgt, ltr_srv_msg *in, int len)
                 }
             } else {
                 LTR_DBG(ERROR, "unknown tlv type %d.\n", (int)t.type);
+                if (t.len == 0) {
+                    // The walk stays on this head for the rest of tlv_num (up to 65535
+                    // turns), each turn the same: only the lines and the counts remain.
+                    for (c.count--; c.count > 0; c.count--) {
+                        overlap = true;
+                        walked++;
+                        LTR_DBG(ERROR, "unknown tlv type %d.\n", (int)t.type);
+                    }
+                    break;
+                }
             }
             if (!ltr_tlv_skip(&c, &t)) {
                 LTR_DBG(ERROR, "tlv crosses the end of the msg: type %d, len %d.\n", (int)t.type, (int)t.len);

@@ -35,7 +35,7 @@ ltr_sta *ltr_sta_find(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
 {
     LTR_CHECK(sta_tbl != LTR_NULL && macaddr != LTR_NULL);
     for (ltr_sta *sta = sta_tbl->hash[sta_bucket(macaddr)]; sta; sta = sta->hlink.next)
-        if (memcmp(sta->macaddr, macaddr, 6) == 0)
+        if (ltr_mac_eq(sta->macaddr, macaddr))
             return sta;
     return nullptr;
 }
@@ -56,6 +56,7 @@ ltr_sta *ltr_sta_add(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
     sta->max_rssi_cnt = LTR_RSSI_MAX;
     sta->rssi_cnt = 0;
     sta->rssi_list = nullptr;
+    sta->self = nullptr;
     ltr_tlist_append(sta_tbl->sta_list, sta, &ltr_sta::list);
     ltr_list_push_front(&sta_tbl->hash[sta_bucket(macaddr)], sta, &ltr_sta::hlink);
     sta->sta_tbl = sta_tbl;
@@ -83,13 +84,40 @@ void ltr_sta_del_bymac(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
         ltr_sta_del(sta);
 }
 
+namespace {
+
+// The newest reading under macaddr, from e on.
+ltr_rssi_entry *rssi_walk(ltr_rssi_entry *e, const uint8_t *macaddr)
+{
+    for (; e; e = e->link.next)
+        if (ltr_mac_eq(e->rssi_data.ap_mac, macaddr))
+            return e;
+    return nullptr;
+}
+
+// Whether macaddr is this AP's own. The self links follow the AP's MAC: when it changed,
+// they are pointed at the readings under the new one first.
+bool rssi_is_self(ltr_sta *sta, const uint8_t *macaddr)
+{
+    ltr_sta_tbl *t = sta->sta_tbl;
+    if (!t)
+        return false;
+    if (!ltr_mac_eq(t->self_mac, mgt.my_mac)) {
+        memcpy(t->self_mac, mgt.my_mac, 6);
+        for (ltr_sta *s = t->sta_list.first; s; s = s->list.next)
+            s->self = rssi_walk(s->rssi_list, t->self_mac);
+    }
+    return ltr_mac_eq(macaddr, t->self_mac);
+}
+
+} // namespace
+
 ltr_rssi_entry *ltr_rssi_find(ltr_sta *sta, const uint8_t *macaddr)
 {
     LTR_CHECK(sta != LTR_NULL && macaddr != LTR_NULL);
-    for (ltr_rssi_entry *e = sta->rssi_list; e; e = e->link.next)
-        if (memcmp(e->rssi_data.ap_mac, macaddr, 6) == 0)
-            return e;
-    return nullptr;
+    if (rssi_is_self(sta, macaddr))
+        return sta->self;
+    return rssi_walk(sta->rssi_list, macaddr);
 }
 
 ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data)
@@ -109,15 +137,20 @@ ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data)
     e->sta = sta;
     ltr_list_push_front(&sta->rssi_list, e, &ltr_rssi_entry::link);
     sta->rssi_cnt++;
+    if (rssi_is_self(sta, rssi_data->ap_mac))
+        sta->self = e; // the newest
     return e;
 }
 
 void ltr_rssi_del(ltr_rssi_entry *rssi_entry)
 {
     LTR_CHECK(rssi_entry != LTR_NULL);
+    ltr_sta *sta = rssi_entry->sta;
+    if (sta && sta->self == rssi_entry) // an older reading under the same MAC takes over
+        sta->self = rssi_walk(rssi_entry->link.next, rssi_entry->rssi_data.ap_mac);
     ltr_list_unlink(rssi_entry, &ltr_rssi_entry::link);
-    if (rssi_entry->sta)
-        rssi_entry->sta->rssi_cnt--;
+    if (sta)
+        sta->rssi_cnt--;
     ltr_delete(rssi_entry);
 }
 

@@ -1,6 +1,7 @@
 // World file loading, station movement and the path-loss model of the simulated radios.
 #include "sim_world.h"
 
+#include <arpa/inet.h>
 #include <math.h>
 #include <stdio.h>
 
@@ -87,7 +88,9 @@ void parse_aps(const toml::node &n, sim_world &w)
         fail(n, "ap", "expected [[ap]] tables");
     for (auto &&e : *arr) {
         const toml::table &t = table_of(e, "ap");
-        only_keys(t, "ap.", {"name", "position", "radios"});
+        // mac, ip and floor place the access point for the location server, which reads
+        // the same file; the radios do not need them, but a typo should not pass.
+        only_keys(t, "ap.", {"name", "position", "radios", "mac", "ip", "floor"});
         sim_world_ap ap;
         auto name = t.get("name");
         if (!name)
@@ -110,6 +113,15 @@ void parse_aps(const toml::node &n, sim_world &w)
                 ap.radios.push_back(static_cast<uint16_t>(v));
             }
         }
+        if (auto m = t.get("mac"); m && !sim_parse_hex(str(*m, "ap.mac"), sim_mac{}.data(), 6))
+            fail(*m, "ap.mac", "expected aa:bb:cc:dd:ee:ff");
+        if (auto a = t.get("ip")) {
+            in_addr ip{};
+            if (inet_pton(AF_INET, str(*a, "ap.ip").c_str(), &ip) != 1)
+                fail(*a, "ap.ip", "expected an IPv4 address");
+        }
+        if (auto f = t.get("floor"); f && !f->is_integer())
+            fail(*f, "ap.floor", "expected a whole number");
         w.aps.push_back(std::move(ap));
     }
 }

@@ -6,7 +6,8 @@
 
 #include <memory>
 
-// A fresh platform and core, every debug category on; false when the start failed.
+// A fresh platform and core, every debug category on (the fake drops the lines, so the
+// paths that build them run); false when the start failed.
 // Each input gets its own, so that a crash replays alone.
 bool fuzz_core_start();
 // Frees what the input built, so that a block left behind is the input's own leak.

@@ -198,29 +198,15 @@ static void owner_drop(const char *what, uint32_t src, int len)
 // Runs on the service loop (neighbour receive).
 static void owner_recv(owner_service *s, uint32_t src, const uint8_t *data, int len)
 {
-    owner_msg_hdr h;
-    if (len < static_cast<int>(sizeof h)) {
-        owner_drop("too short", src, len);
+    owner_msg msg;
+    if (const char *why = owner_msg_parse(data, len, msg)) {
+        owner_drop(why, src, len);
         return;
     }
-    memcpy(&h, data, sizeof h);
-    if (h.type < OWNER_MSG_HELLO || h.type > OWNER_MSG_ANSWER) {
-        owner_drop("unknown type", src, len);
-        return;
-    }
-    size_t count = static_cast<size_t>(h.count[0] << 8 | h.count[1]);
-    size_t rec_len = h.type == OWNER_MSG_ANSWER ? sizeof(owner_answer_rec) : 6;
-    if (static_cast<size_t>(len) != sizeof h + rec_len * count) {
-        owner_drop("count does not match the length", src, len);
-        return;
-    }
-    std::vector<owner_mac> macs(count);
-    std::vector<uint8_t> flags(count);
-    for (size_t i = 0; i < count; i++) {
-        memcpy(macs[i].data(), data + sizeof h + rec_len * i, 6);
-        if (h.type == OWNER_MSG_ANSWER)
-            flags[i] = data[sizeof h + rec_len * i + 6];
-    }
+    const owner_msg_hdr &h = msg.h;
+    const size_t count = msg.macs.size();
+    const std::vector<owner_mac> &macs = msg.macs;
+    const std::vector<uint8_t> &flags = msg.flags;
     uint32_t seq = get_be32(h.seq);
 
     {

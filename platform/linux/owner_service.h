@@ -4,6 +4,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -74,3 +75,14 @@ std::vector<uint32_t> owner_service_live(owner_service *s);
 
 // The rendezvous winner for mac among candidates (network-order IPv4); 0 when none.
 uint32_t owner_rendezvous(const uint8_t mac[6], const std::vector<uint32_t> &candidates);
+
+// One owner message taken apart: the header, its stations and, in an answer, their
+// flags (one per station; zero otherwise).
+struct owner_msg {
+    owner_msg_hdr h{};
+    std::vector<std::array<uint8_t, 6>> macs;
+    std::vector<uint8_t> flags;
+};
+// Null when data[0, len) is a well-formed owner message (then out is filled), else why
+// it is not. Reads nothing outside data[0, len).
+const char *owner_msg_parse(const uint8_t *data, int len, owner_msg &out);

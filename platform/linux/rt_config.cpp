@@ -439,13 +439,19 @@ bool rt_cfg_num(const rt_cfg_key &k, double &out, double lo, double hi)
 
 bool rt_config_parse(const std::string &path, rt_config &out, std::string &err)
 {
-    rt_config c;
-    c.path = path;
     std::string text, why;
     if (!rt_read_regular(path, max_config_bytes, false, text, why)) {
         err = path + ": " + why;
         return false;
     }
+    return rt_config_parse_text(text, path, out, err);
+}
+
+bool rt_config_parse_text(const std::string &text, const std::string &path, rt_config &out,
+                          std::string &err)
+{
+    rt_config c;
+    c.path = path;
     toml::table root;
     try {
         root = toml::parse(text, path);

@@ -66,6 +66,9 @@ inline bool rt_server_tls(const rt_config &c) { return c.server_tls.value_or(!c.
 
 // Parses a TOML file. On error returns false and sets err to "file:line: key: what".
 bool rt_config_parse(const std::string &path, rt_config &out, std::string &err);
+// The same for a file's text already read; path only names it in errors.
+bool rt_config_parse_text(const std::string &text, const std::string &path, rt_config &out,
+                          std::string &err);
 // What parsing cannot see: every radio's driver exists in this build, and a configured
 // site key is readable and not empty. Errors as rt_config_parse's.
 bool rt_config_check(const rt_config &c, std::string &err);

@@ -23,6 +23,13 @@
 
 namespace {
 
+// NLMSG_OK without its u32-against-int comparison, which clang refuses under -Werror.
+bool nl_ok(const nlmsghdr *h, int len)
+{
+    return len >= (int)sizeof(nlmsghdr) && h->nlmsg_len >= sizeof(nlmsghdr) &&
+           h->nlmsg_len <= (unsigned)len;
+}
+
 struct link_info {
     std::string name;
     unsigned flags = 0; // the kernel's ifi_flags
@@ -176,7 +183,7 @@ void on_addr(const nlmsghdr *h)
 
 void handle_messages(const char *buf, int len, bool emit)
 {
-    for (const nlmsghdr *h = (const nlmsghdr *)buf; NLMSG_OK(h, len); h = NLMSG_NEXT(h, len)) {
+    for (const nlmsghdr *h = (const nlmsghdr *)buf; nl_ok(h, len); h = NLMSG_NEXT(h, len)) {
         switch (h->nlmsg_type) {
         case RTM_NEWLINK:
         case RTM_DELLINK:
@@ -221,7 +228,7 @@ void sync_links(bool emit)
         if (n <= 0)
             break;
         int len = (int)n;
-        for (const nlmsghdr *h = (const nlmsghdr *)buf.data(); NLMSG_OK(h, len);
+        for (const nlmsghdr *h = (const nlmsghdr *)buf.data(); nl_ok(h, len);
              h = NLMSG_NEXT(h, len))
             if (h->nlmsg_type == NLMSG_DONE || h->nlmsg_type == NLMSG_ERROR)
                 done = true;

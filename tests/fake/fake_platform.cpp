@@ -224,7 +224,8 @@ int run_cmd(int cmd_id, bool negated, const bytes &block, int nth, uint16_t type
     cmd.negated = negated;
     qz_cli_ipc ipc{};
     ipc.type = type;
-    memcpy(ipc.block, block.data(), std::min(block.size(), sizeof(ipc.block)));
+    // copy_n: an empty block may have no storage at all.
+    std::copy_n(block.begin(), std::min(block.size(), sizeof(ipc.block)), ipc.block);
     for (auto &v : S().vectors)
         if (v.first == cmd_id && nth-- == 0)
             return v.second(&cmd, &ipc);
@@ -501,8 +502,14 @@ void __qz_err(const char *, int, const char *fmt, ...)
 void qz_hexdump(const void *addr, int len)
 {
     CALL({len}, {}, S().recording ? to_bytes(addr, len > 0 ? (size_t)len : 0) : bytes{});
-    DROP_TEXT()
     const uint8_t *b = (const uint8_t *)addr;
+    if (!S().keep_text) {
+        // Every byte is still read, so that a dump past the caller's bytes is caught.
+        volatile uint8_t sum = 0;
+        for (int i = 0; i < len; i++)
+            sum = sum ^ b[i];
+        return;
+    }
     std::string s;
     for (int i = 0; i < len; i++) {
         char h[4];

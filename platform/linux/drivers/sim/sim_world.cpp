@@ -28,7 +28,7 @@ struct world_error {
 void only_keys(const toml::table &t, const std::string &where, std::initializer_list<const char *> keys)
 {
     for (auto &&[k, v] : t) {
-        bool known = std::any_of(keys.begin(), keys.end(), [&](const char *s) { return k.str() == s; });
+        bool known = std::any_of(keys.begin(), keys.end(), [&key = k](const char *s) { return key.str() == s; });
         if (!known)
             fail(v, where + std::string(k.str()), "unknown key");
     }

@@ -31,7 +31,7 @@ expect 0 '^ltrd [0-9]+\.[0-9]+' "$ltrd" --version
 expect 2 'unknown option --bogus' "$ltrd" --bogus
 expect 1 "$tmp/missing.toml: No such file" "$ltrd" --config="$tmp/missing.toml"
 printf '%s\n' 'foreground = true' "runtime_dir = \"$tmp/run\"" '[mgt]' 'interface = "nosuch0"' \
-    '[log]' 'syslog = true' > "$tmp/p.toml"
+    '[log]' 'syslog = true' '[store]' "dir = \"$tmp/store\"" > "$tmp/p.toml"
 expect 0 "$tmp/p.toml: configuration ok" "$ltrd" -c "$tmp/p.toml" --check-config
 printf 'bogus = 1\n' > "$tmp/bad.toml"
 expect 1 'configuration error: .*bad.toml:1: bogus' "$ltrd" --check-config --config "$tmp/bad.toml"

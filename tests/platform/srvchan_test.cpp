@@ -51,15 +51,6 @@ struct listener {
     std::string address() const { return "127.0.0.1:" + std::to_string(port); }
 };
 
-bool read_n(int fd, uint8_t *buf, size_t n, int timeout_ms)
-{
-    pollfd p{fd, POLLIN, 0};
-    for (ssize_t r; n; buf += r, n -= size_t(r))
-        if (poll(&p, 1, timeout_ms) <= 0 || (r = recv(fd, buf, n, 0)) <= 0)
-            return false;
-    return true;
-}
-
 struct frame {
     uint8_t type = 0;
     bytes payload;
@@ -68,11 +59,11 @@ struct frame {
 bool read_frame(int fd, frame &f, int timeout_ms = 3000)
 {
     uint8_t h[5];
-    if (!read_n(fd, h, 5, timeout_ms))
+    if (!rt_read_n(fd, h, 5, timeout_ms))
         return false;
     f.type = h[4];
     f.payload.assign((uint32_t(h[0]) << 24 | uint32_t(h[1]) << 16 | uint32_t(h[2]) << 8 | h[3]) - 1, 0);
-    return read_n(fd, f.payload.data(), f.payload.size(), timeout_ms);
+    return rt_read_n(fd, f.payload.data(), f.payload.size(), timeout_ms);
 }
 
 // True when the peer closes within the time (data before the close is skipped).

@@ -502,7 +502,8 @@ TEST_F(SrvChanTls, CarriesTheSameFramesBothWaysWithNameAndClientCertificate)
 }
 
 // Each refused certificate gives its own line, no session, and the usual retry.
-TEST_F(SrvChanTls, RefusedServerCertificatesNameTheirReason)
+// The IP of the address stands in for a name that is not configured.
+TEST_F(SrvChanTls, ServerCertificateIsCheckedByNameOrAddressAndRefusalsNameTheirReason)
 {
     test_ca other(dir.dir, "other");
     struct bad {
@@ -531,6 +532,14 @@ TEST_F(SrvChanTls, RefusedServerCertificatesNameTheirReason)
         srvchan_close();
     }
     EXPECT_EQ(counter("srvchan.connected"), 0u);
+    // Without a name, a certificate for the address's own IP is the server's.
+    listener l;
+    configure_tls(l, "");
+    srvchan_open();
+    tls_peer peer(ca.issue("ipok", "srv", "IP:127.0.0.1"));
+    ASSERT_TRUE(peer.accept(l));
+    frame f;
+    EXPECT_TRUE(peer.read_frame(f) && f.type == SRV_FRAME_HELLO);
 }
 
 // An access point set for TLS meeting a plain-TCP server: one line, no session.

@@ -137,6 +137,13 @@ class Reporting(SiteTest):
         self.assertNotIn("oui", tl.splitlines()[-1])
         self.assertEqual(request("send ap1 9")["ack_code"], 2)
         self.assertEqual(request("send ap1 5")["ack_code"], 2)
+        # A message shorter than its header gets no answer; the next one does.
+        mark = srv.mark()
+        srv.send("raw ap1 00020000")
+        srv.wait_for(lambda m: m.get("event") == "sent", 5, mark, "the short message to go out")
+        self.assertEqual(request("send ap1 9")["ack_code"], 2)
+        self.assertEqual(len(srv.since(mark, lambda m: m.get("event") == "message"
+                                       and m.get("op") != "rssi report")), 1)
 
     def test_owner_change_hands_over_the_newest_reading(self):
         extra = '[owners]\nmode = "external"\n'

@@ -55,7 +55,6 @@ TEST(LtrctlParse, BadWordsAndValuesAreRefusedWithTheReason)
                               "report-interval, rssi-threshold, valid-period, hold-time, list-match, mac, oui"},
         {"show", "'show' is incomplete; it goes on with: location-tracking, running-config"},
         {"no", "'no' is incomplete; it goes on with: location-tracking, debug"},
-        {"location-tracking enabel", "unknown command"},
         {"location-tracking report-interval", "location-tracking report-interval: needs a value"},
         {"location-tracking report-interval 0", "0 is out of range (1-65535)"},
         {"location-tracking report-interval 65536", "65536 is out of range (1-65535)"},

@@ -107,23 +107,14 @@ int connect_agent()
     return fd;
 }
 
-bool read_n(int fd, uint8_t *p, size_t n)
-{
-    pollfd pf{fd, POLLIN, 0};
-    for (ssize_t r; n; p += r, n -= (size_t)r)
-        if (poll(&pf, 1, 5000) <= 0 || (r = read(fd, p, n)) <= 0)
-            return false;
-    return true;
-}
-
 // One raw write, then the reply body; nullopt when the agent closed the connection.
 std::optional<bytes> exchange_raw(int fd, const bytes &raw)
 {
     uint8_t len[4];
-    if (send(fd, raw.data(), raw.size(), MSG_NOSIGNAL) != (ssize_t)raw.size() || !read_n(fd, len, 4))
+    if (send(fd, raw.data(), raw.size(), MSG_NOSIGNAL) != (ssize_t)raw.size() || !rt_read_n(fd, len, 4))
         return std::nullopt;
     bytes body(get_u32(len));
-    return read_n(fd, body.data(), body.size()) ? std::optional(body) : std::nullopt;
+    return rt_read_n(fd, body.data(), body.size()) ? std::optional(body) : std::nullopt;
 }
 
 std::optional<bytes> request(const bytes &body)

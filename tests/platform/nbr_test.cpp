@@ -32,16 +32,7 @@ void send_raw(const char *src, const char *dst, uint16_t port, const bytes &b)
 nbr_endpoint_ptr open_at(const char *addr, uint16_t port, const char *key = "",
                          std::vector<uint32_t> peers = {}, const std::string &windows = "")
 {
-    std::string err;
-    nbr_params p;
-    p.bind_ip = ip4(addr);
-    p.port = port;
-    p.key = key;
-    p.peers = peers;
-    p.windows_file = windows;
-    auto ep = nbr_endpoint_open(p, err);
-    EXPECT_TRUE(ep) << err;
-    return ep;
+    return nbr_open_at(ip4(addr), port, key, std::move(peers), windows);
 }
 
 // An endpoint b that records what module 52 delivers to it.

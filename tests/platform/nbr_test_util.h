@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <string>
 #include <vector>
 
 #include "nbr_endpoint.h"
@@ -33,4 +34,20 @@ inline void nbr_send_raw(uint32_t src, uint32_t dst, uint16_t port, const std::v
     a.sin_addr.s_addr = dst;
     EXPECT_EQ(sendto(fd, b.data(), b.size(), 0, (sockaddr *)&a, sizeof a), (ssize_t)b.size());
     close(fd);
+}
+
+// An endpoint bound at ip:port (0: any free port).
+inline nbr_endpoint_ptr nbr_open_at(uint32_t ip, uint16_t port, const char *key = "",
+                                    std::vector<uint32_t> peers = {}, const std::string &windows = "")
+{
+    std::string err;
+    nbr_params p;
+    p.bind_ip = ip;
+    p.port = port;
+    p.key = key;
+    p.peers = std::move(peers);
+    p.windows_file = windows;
+    auto ep = nbr_endpoint_open(p, err);
+    EXPECT_TRUE(ep) << err;
+    return ep;
 }

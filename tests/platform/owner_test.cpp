@@ -32,20 +32,6 @@ std::vector<uint8_t> query(const std::vector<mac_t> &macs, uint16_t code = QZ_OW
     return q;
 }
 
-nbr_endpoint_ptr open_at(uint32_t ip, uint16_t port, const std::vector<uint32_t> &peers = {},
-                         const char *key = "site")
-{
-    std::string err;
-    nbr_params np;
-    np.bind_ip = ip;
-    np.port = port;
-    np.peers = peers;
-    np.key = key;
-    auto ep = nbr_endpoint_open(np, err);
-    EXPECT_TRUE(ep) << err;
-    return ep;
-}
-
 // One access point: its associated and heard stations (none listed: hears all),
 // endpoint (port -1: none), service, replies.
 struct ap {
@@ -62,7 +48,7 @@ struct ap {
     {
         ip = ip4(addr);
         if (port >= 0)
-            ep = open_at(ip, (uint16_t)port, peers, key);
+            ep = nbr_open_at(ip, (uint16_t)port, key, peers);
         auto caller = std::this_thread::get_id();
         owner_params p{ip, timeout_ms, 50, 1000, peers,
                        [this](const uint8_t *m) { return assoc.count(to_mac(m)) > 0; },
@@ -212,7 +198,7 @@ TEST(OwnerService, SilentPeerCostsOnlyTheBoundAndBadMessagesAreDropped)
 {
     uint32_t ic = ip4("127.0.0.4");
     ap a;
-    auto c = open_at(ic, a.start("127.0.0.2", 0, {ic}, 100)); // says hello, never answers
+    auto c = nbr_open_at(ic, a.start("127.0.0.2", 0, {ic}, 100), "site"); // says hello, never answers
     ASSERT_TRUE(c);
     owner_msg_hdr hello{OWNER_MSG_HELLO, 0, {0, 0}, {0, 0, 0, 0}};
     ASSERT_EQ(nbr_endpoint_send(c.get(), a.ip, NBR_MODULE_OWNER, &hello, sizeof hello), 0);

@@ -1,6 +1,8 @@
 // Helpers of the runtime tests: a scratch directory and a quiet configuration.
 #pragma once
+#include <poll.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -56,4 +58,15 @@ template <typename P> bool rt_poll_until(P pred, int ms = 3000)
     for (int i = 0; i < ms / 5 && !pred(); i++)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return pred();
+}
+
+// Reads exactly n bytes from a socket; false at the end of the stream, an error or
+// when no byte came for timeout_ms.
+inline bool rt_read_n(int fd, uint8_t *p, size_t n, int timeout_ms = 5000)
+{
+    pollfd pf{fd, POLLIN, 0};
+    for (ssize_t r; n; p += r, n -= size_t(r))
+        if (poll(&pf, 1, timeout_ms) <= 0 || (r = recv(fd, p, n, 0)) <= 0)
+            return false;
+    return true;
 }

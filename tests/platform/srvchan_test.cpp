@@ -51,15 +51,6 @@ struct listener {
     std::string address() const { return "127.0.0.1:" + std::to_string(port); }
 };
 
-bool read_n(int fd, uint8_t *buf, size_t n, int timeout_ms)
-{
-    pollfd p{fd, POLLIN, 0};
-    for (ssize_t r; n; buf += r, n -= size_t(r))
-        if (poll(&p, 1, timeout_ms) <= 0 || (r = recv(fd, buf, n, 0)) <= 0)
-            return false;
-    return true;
-}
-
 struct frame {
     uint8_t type = 0;
     bytes payload;
@@ -68,11 +59,11 @@ struct frame {
 bool read_frame(int fd, frame &f, int timeout_ms = 3000)
 {
     uint8_t h[5];
-    if (!read_n(fd, h, 5, timeout_ms))
+    if (!rt_read_n(fd, h, 5, timeout_ms))
         return false;
     f.type = h[4];
     f.payload.assign((uint32_t(h[0]) << 24 | uint32_t(h[1]) << 16 | uint32_t(h[2]) << 8 | h[3]) - 1, 0);
-    return read_n(fd, f.payload.data(), f.payload.size(), timeout_ms);
+    return rt_read_n(fd, f.payload.data(), f.payload.size(), timeout_ms);
 }
 
 // True when the peer closes within the time (data before the close is skipped).
@@ -511,7 +502,8 @@ TEST_F(SrvChanTls, CarriesTheSameFramesBothWaysWithNameAndClientCertificate)
 }
 
 // Each refused certificate gives its own line, no session, and the usual retry.
-TEST_F(SrvChanTls, RefusedServerCertificatesNameTheirReason)
+// The IP of the address stands in for a name that is not configured.
+TEST_F(SrvChanTls, ServerCertificateIsCheckedByNameOrAddressAndRefusalsNameTheirReason)
 {
     test_ca other(dir.dir, "other");
     struct bad {
@@ -540,6 +532,14 @@ TEST_F(SrvChanTls, RefusedServerCertificatesNameTheirReason)
         srvchan_close();
     }
     EXPECT_EQ(counter("srvchan.connected"), 0u);
+    // Without a name, a certificate for the address's own IP is the server's.
+    listener l;
+    configure_tls(l, "");
+    srvchan_open();
+    tls_peer peer(ca.issue("ipok", "srv", "IP:127.0.0.1"));
+    ASSERT_TRUE(peer.accept(l));
+    frame f;
+    EXPECT_TRUE(peer.read_frame(f) && f.type == SRV_FRAME_HELLO);
 }
 
 // An access point set for TLS meeting a plain-TCP server: one line, no session.

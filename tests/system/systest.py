@@ -1,6 +1,7 @@
 """Shared start of the system tests: find the build, enter the namespaces, run."""
 import argparse
 import os
+import re
 import sys
 import unittest
 import warnings
@@ -11,6 +12,39 @@ sys.path.insert(0, os.path.join(REPO, "tools", "site"))
 import ltrsite  # noqa: E402
 
 BUILD = None
+wait_until = ltrsite.wait_until
+
+
+def counters(ap):
+    """The access point's status counters, by name."""
+    return {k: int(v) for k, v in re.findall(r"^(\S+) (\d+)$", ap.ctl("status").stdout, re.M)}
+
+
+def report_of(m, ap, sta):
+    """The station entry of an RSSI report from ap (any access point: None), or None."""
+    if m.get("op") != "rssi report" or ap and m.get("ap") != ap:
+        return None
+    return next((st for st in m.get("stations", []) if st["mac"] == sta), None)
+
+
+def readers(st):
+    """A reported station's readings by the MAC of the access point that made them."""
+    return {r["ap_mac"]: r for r in st["readings"]}
+
+
+def wait_report(srv, ap, sta, since, what, timeout=30, by=None):
+    """The first report from ap naming sta (with by: with readings of exactly those MACs)."""
+    return srv.wait_for(lambda m: (st := report_of(m, ap, sta)) is not None
+                        and (by is None or set(readers(st)) == set(by)), timeout, since, what)
+
+
+def request(srv, cmd, op="ack"):
+    """Sends a server command; the reply carrying its message id."""
+    mark = srv.mark()
+    srv.send(cmd)
+    sent = srv.wait_for(lambda m: m.get("event") == "sent", 5, mark, f"'{cmd}' to go out")
+    return srv.wait_for(lambda m: m.get("op") == op and m.get("msg_id") == sent["msg_id"],
+                        10, mark, f"the reply to '{cmd}'")
 
 
 def main(script):

@@ -14,16 +14,12 @@ import struct
 import time
 
 import systest
-from systest import SiteTest, ltrsite
+from systest import SiteTest, counters, ltrsite, wait_report
 
 KEY = "abuse site key"
 STA = "02:ab:00:00:00:01"
 FAKE_PEER = "127.0.0.40"  # a configured peer that the test plays, with the site key
 OWNER_MODULE = 0xFF01
-
-
-def counters(ap):
-    return {k: int(v) for k, v in re.findall(r"^(\S+) (\d+)$", ap.ctl("status").stdout, re.M)}
 
 
 def resources(ap):
@@ -221,14 +217,15 @@ class Abuse(SiteTest):
         ap1, ap2 = site.aps
         ap1.write_config([ap2.ip, FAKE_PEER])
         site.start(interval=1)
+        log = ap1.log_tail(100)
+        self.assertIn("(authenticated)", log)
+        self.assertNotIn("OPEN", log)
 
         def serves(sta, what):
             ap1.radio(f"hear {ap1.radios[0]} {sta} -50 1 2412")
             mark = site.server.mark()
             site.server.send(f"start ap1 mac={sta}")
-            site.server.wait_for(lambda m: m.get("op") == "rssi report" and m.get("ap") == "ap1"
-                                 and any(s["mac"] == sta for s in m["stations"]),
-                                 30, mark, what)
+            wait_report(site.server, "ap1", sta, mark, what)
 
         serves(STA, "a first report")
         self.abuse(site, ap1, 20)  # warm-up: what the daemon allocates once
@@ -308,27 +305,12 @@ class Abuse(SiteTest):
                 for d in recorded:
                     s.sendto(d, (ap1.ip, 7421))
                 time.sleep(1)
-        site.server.wait_for(lambda m: m.get("op") == "rssi report" and m.get("ap") == "ap1"
-                             and any(st["mac"] == STA for st in m["stations"]), 20, mark,
-                             "ap1 to report the station it owns alone")
+        wait_report(site.server, "ap1", STA, mark, "ap1 to report the station it owns alone", 20)
         after = counters(ap1)
         grew = {k: after.get(k, 0) - before.get(k, 0) for k in after}
         self.assertGreaterEqual(grew.get("nbr.drop.replay", 0), 5 * len(recorded), grew)
         self.assertEqual(grew.get("nbr.rx", 0), 0, grew)
         self.assertEqual(grew.get("owner.ask", 0), 0, f"ap1 asked a dead access point: {grew}")
-
-
-    def test_an_open_site_is_said_loudly_at_start(self):
-        site = self.make_site(aps=1, key=None)  # no key, and nobody else to list as peer
-        site.start(enable=False)
-        self.assertIn("NEIGHBOUR MESSAGING IS OPEN", site.aps[0].log_tail(100))
-        site.close()
-        keyed = self.make_site(aps=1)
-        keyed.aps[0].write_config(["127.0.0.40"])
-        keyed.start(enable=False)
-        log = keyed.aps[0].log_tail(100)
-        self.assertIn("(authenticated)", log)
-        self.assertNotIn("OPEN", log)
 
 
 if __name__ == "__main__":

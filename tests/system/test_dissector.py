@@ -47,7 +47,7 @@ class Capture:
             with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
                 s.sendto(marker, ("127.0.0.1", 9))
             return marker in self.data
-        systest.ltrsite.wait_until(seen, 10, what)
+        systest.wait_until(seen, 10, what)
 
     def stop(self):
         if self.proc.poll() is None:
@@ -149,13 +149,7 @@ class Dissector(SiteTest):
         ap1.radio(f"hear {ap1.radios[0]} {STA} -40 1 2412")
         ap2.radio(f"hear {ap2.radios[0]} {STA} -70 1 2437")
         srv = site.server
-
-        def request(cmd, op="ack"):
-            mark = srv.mark()
-            srv.send(cmd)
-            sent = srv.wait_for(lambda m: m.get("event") == "sent", 5, mark, f"'{cmd}' to go out")
-            return srv.wait_for(lambda m: m.get("op") == op and m.get("msg_id") == sent["msg_id"],
-                                10, mark, f"the reply to '{cmd}'")
+        request = lambda cmd, op="ack": systest.request(srv, cmd, op)  # noqa: E731
 
         # What the test sends, TLV by TLV as they must come out of the capture.
         macs = ",".join(MANY)
@@ -170,8 +164,7 @@ class Dissector(SiteTest):
             sent[request(cmd)["msg_id"]] = (cmd.split()[0], tlvs)
         # The owner's report with the relayed reading of ap2.
         mark = srv.mark()
-        srv.wait_for(lambda m: m.get("op") == "rssi report" and m.get("ap") == "ap1" and any(
-            len(st["readings"]) == 2 for st in m["stations"]), 30, mark, "a relayed reading")
+        systest.wait_report(srv, "ap1", STA, mark, "a relayed reading", by={ap1.mac, ap2.mac})
         sent[request("query ap1 mac=all", op="rssi report")["msg_id"]] = ("query", [(4, 5, "all")])
         # A threshold TLV of len 6: the access point refuses it, and so must the dissector.
         bad = request("raw ap1 " + "0002 00000063 00 0000000c 0001 000c 0001 0002 0006 0005"

@@ -6,7 +6,7 @@ import struct
 import time
 
 import systest
-from systest import SiteTest
+from systest import SiteTest, counters
 
 STATIONS = 512
 
@@ -45,11 +45,6 @@ def owners(ap):
     return dict(re.findall(r"Station: (\S+), Owner: (\S+),", show))
 
 
-def counters(ap):
-    text = ap.ctl("status").stdout
-    return {k: int(v) for k, v in re.findall(r"^(\S+) (\d+)$", text, re.M)}
-
-
 class Load(SiteTest):
     def test_every_station_gets_an_owner_that_hears_it_and_reaches_the_server(self):
         # 3 x 512 stations, each heard by one access point only, 1 s interval.
@@ -63,7 +58,7 @@ class Load(SiteTest):
 
         def all_owned():
             return all(list(owners(ap).values()) == [ap.ip] * STATIONS for ap in site.aps)
-        systest.ltrsite.wait_until(all_owned, 5, "every station to be owned by the AP that hears it")
+        systest.wait_until(all_owned, 5, "every station to be owned by the AP that hears it")
 
         seen = set()
 
@@ -73,7 +68,7 @@ class Load(SiteTest):
                 seen.update(st["mac"] for st in m.get("stations", []))
             mark = srv.mark()
             return len(seen) == STATIONS * len(site.aps)
-        systest.ltrsite.wait_until(all_seen, max(0.1, 10 - (time.monotonic() - t0)),
+        systest.wait_until(all_seen, max(0.1, 10 - (time.monotonic() - t0)),
                                    "the server to see all 1,536 stations")
         for ap in site.aps:
             self.assertEqual(counters(ap).get("owner.drop.backlog", 0), 0)
@@ -90,7 +85,7 @@ class Load(SiteTest):
         srv.send("start all interval=1 oui=02:aa:00")
         # Every station heard on four radios, owned here: the association lookup walks
         # all radios for each of 2,048 records.
-        systest.ltrsite.wait_until(lambda: list(owners(ap1).values()) == [ap1.ip] * STATIONS,
+        systest.wait_until(lambda: list(owners(ap1).values()) == [ap1.ip] * STATIONS,
                                    10, "ap1 to own every station")
 
         # Relays as ap2 would send them, 5,000 a second for 3 seconds.
@@ -118,7 +113,7 @@ class Load(SiteTest):
             now = counters(ap1)
             return (now.get("nbr.rx", 0) - before.get("nbr.rx", 0),
                     now.get("nbr.drop.overflow", 0) - before.get("nbr.drop.overflow", 0))
-        systest.ltrsite.wait_until(lambda: rx_lost()[0] >= sent or rx_lost()[1], 10,
+        systest.wait_until(lambda: rx_lost()[0] >= sent or rx_lost()[1], 10,
                                    "every relay to be delivered, or one lost")
         self.assertEqual(rx_lost(), (sent, 0))
 

@@ -1,11 +1,15 @@
 """The location server's outputs on a live site: the JSON API, the map page in a
-headless browser, and MQTT through a real broker (one that starts late, too).
+headless browser, MQTT through a real broker (one that starts late, too), and positions
+from real reports of walking stations: at least nearly twice as close as the nearest
+access point and closer than the RSSI-weighted centroid (the accuracy benchmark, shortened).
 LTR_MAP_SCREENSHOT=FILE saves the page as the page test left it (the README's picture)."""
 import json
 import os
 import shutil
 import socket
 import subprocess
+import sys
+import types
 import unittest
 import urllib.error
 import urllib.request
@@ -14,7 +18,10 @@ import systest
 from systest import SiteTest
 import cdp
 
-wait_until = systest.ltrsite.wait_until
+sys.path.insert(0, os.path.join(systest.REPO, "bench", "locate"))
+import accuracy  # noqa: E402
+
+wait_until = systest.wait_until
 STA = "02:aa:00:00:00:01"
 HTTP_PORT = 8080
 HTTP = f"127.0.0.1:{HTTP_PORT}"
@@ -60,6 +67,12 @@ def station(mac=STA):
         return None
 
 
+def medians(text):
+    """Row name -> median error, from the evaluator's table."""
+    rows = text.split("error in metres", 1)[1].splitlines()[1:]
+    return {r[:32].strip(): float(r[32:].split()[0]) for r in rows if r[32:].strip()[:1].isdigit()}
+
+
 class Map(SiteTest):
     aps = 3
 
@@ -76,8 +89,9 @@ class Map(SiteTest):
         for ap, rssi in zip(site.aps, rssis):
             ap.radio(f"hear {ap.radios[0]} {STA} {rssi} 1 2412")
 
-    def test_api_and_live_page(self):
-        site = self.start(["--http", HTTP])
+    def test_api_live_page_and_mqtt_with_a_late_broker(self):
+        # The broker is down at first: the server runs and places stations meanwhile.
+        site = self.start(["--http", HTTP, "--mqtt", "127.0.0.1:1883", "--mqtt-id", "srv1"])
         ap1, ap2, ap3 = site.aps
         ap1.radio(f"assoc {ap1.radios[0]} {STA} 2412")
         self.hear(site, (-40, -75, -75))
@@ -116,10 +130,12 @@ class Map(SiteTest):
                 got += chunk
         self.assertEqual(get(f"/api/stations/{STA}")["mac"], STA)
         self.page(site)
+        self.mqtt(site)
 
     def page(self, site):
         if not cdp.chromium():
-            self.skipTest("chromium is not installed (scripts/deps.sh installs it)")
+            print("SKIP the page: chromium is not installed (scripts/deps.sh installs it)")
+            return
         b = cdp.Browser(os.path.join(site.root, "chromium"))
         self.addCleanup(b.close)
         b.open(f"http://{HTTP}/")
@@ -143,16 +159,10 @@ class Map(SiteTest):
             b.screenshot(os.environ["LTR_MAP_SCREENSHOT"])
         self.assertEqual(b.errors(), [])
 
-    def test_mqtt_state_and_leave_with_a_late_broker(self):
+    def mqtt(self, site):
         if not (shutil.which("mosquitto") and shutil.which("mosquitto_sub")):
-            self.skipTest("mosquitto and mosquitto-clients are not installed (scripts/deps.sh)")
-        # The broker is down at first: the server runs and places stations meanwhile.
-        site = self.start(["--http", HTTP, "--mqtt", "127.0.0.1:1883", "--mqtt-id", "srv1"])
-        site.aps[0].radio(f"assoc {site.aps[0].radios[0]} {STA} 2412")
-        self.hear(site, (-45, -60, -70))
-        site.server.send(f"start all mac={STA}")
-        wait_until(lambda: (s := station()) and s["position"], 30, "a position without a broker")
-
+            print("SKIP MQTT: mosquitto and mosquitto-clients are not installed (scripts/deps.sh)")
+            return
         conf = os.path.join(site.root, "mosquitto.conf")
         with open(conf, "w") as f:
             # Root inside the namespace: stay so, dropping to a user of the host fails here.
@@ -205,6 +215,24 @@ class Map(SiteTest):
         self.assertAlmostEqual(m["solves_per_s"], m["station_updates_per_s"], delta=1)
         wait_until(lambda: get("/api/stats")["stations"] == 100, 10, "all 100 stations counted")
         self.assertEqual(srv.errors, [])
+
+
+    def test_engine_beats_both_baselines_on_a_walking_site(self):
+        evaluate = os.path.join(systest.BUILD, "bench", "ltr_locate_eval")
+        if not os.path.exists(evaluate):
+            self.skipTest("ltr_locate_eval is not built (LTR_BENCH=OFF)")
+        args = types.SimpleNamespace(
+            build=systest.BUILD, aps=5, seed=7, interval=1, duration=30,
+            world=os.path.join(systest.REPO, "bench", "locate", "office.world.toml"))
+        path = "/tmp/locate-reports.txt"
+        self.assertGreater(accuracy.record(args, path), 12 * 20)  # most seconds, every station
+        out = subprocess.run([evaluate, args.world, path, "20"], capture_output=True, text=True,
+                             check=True).stdout
+        m = medians(out)
+        engine, nearest, centroid = (m["engine, calibrated model"], m["nearest access point"],
+                                     m["RSSI-weighted centroid"])
+        self.assertLess(engine, 0.6 * nearest, out)
+        self.assertLess(engine, centroid, out)
 
 
 if __name__ == "__main__":

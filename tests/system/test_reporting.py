@@ -1,25 +1,19 @@
 """Readings flow from the radios of several access points to the owner and on to the
-location server; the server's requests are carried out and answered."""
+location server over mutual TLS; the server's requests are carried out and answered;
+certificates and keys that do not fit keep an access point out."""
+import os
+import shutil
 import struct
 import socket
+import subprocess
 import time
 
 import systest
-from systest import SiteTest
+from systest import SiteTest, ltrsite, report_of, readers, request, wait_report
 
 STA = "02:aa:00:00:00:01"
 STA2 = "0a:1b:2c:00:00:02"
 STA3 = "02:aa:00:00:00:03"
-
-
-def report_of(m, ap, sta):
-    """The station entry of an RSSI report from ap, or None."""
-    if m.get("op") != "rssi report" or m.get("ap") != ap:
-        return None
-    for st in m.get("stations", []):
-        if st["mac"] == sta:
-            return st
-    return None
 
 
 def row(label, value):
@@ -27,25 +21,30 @@ def row(label, value):
     return f"{label:<40}{value}\n"
 
 
-def readers(st):
-    return {r["ap_mac"]: r for r in st["readings"]}
+def hear(site, sta, rssis, freqs=(2412, 2437, 2462)):
+    """sta associated with ap1's first radio, heard by each access point at its RSSI."""
+    ap1 = site.aps[0]
+    ap1.radio(f"assoc {ap1.radios[0]} {sta} 2412")
+    for ap, rssi, freq in zip(site.aps, rssis, freqs):
+        ap.radio(f"hear {ap.radios[0]} {sta} {rssi} 1 {freq}")
 
 
 class Reporting(SiteTest):
-    def test_owner_reports_its_own_and_relayed_readings(self):
-        site = self.make_site(aps=3)
+    def test_owner_reports_its_own_and_relayed_readings_over_tls(self):
+        # Without the openssl command (it makes the certificates) over plain TCP.
+        site = self.make_site(aps=3, tls=bool(shutil.which("openssl")))
         site.start(interval=1)
         ap1, ap2, ap3 = site.aps
-        ap1.radio(f"assoc {ap1.radios[0]} {STA} 2412")
-        ap1.radio(f"hear {ap1.radios[0]} {STA} -40 1 2412")
-        ap2.radio(f"hear {ap2.radios[0]} {STA} -70 1 2437")
-        ap3.radio(f"hear {ap3.radios[0]} {STA} -80 1 2462")
         srv = site.server
+        # The server knows each access point by its client certificate.
+        hellos = srv.since(0, lambda m: m.get("event") == "hello")
+        self.assertEqual({(m["ap"], m.get("ap_cert")) for m in hellos},
+                         {(ap.name, ap.name if site.pki else None) for ap in site.aps})
+        hear(site, STA, (-40, -70, -80))
         mark = srv.mark()
         srv.send(f"start all mac={STA}")
-        msg = srv.wait_for(lambda m: (st := report_of(m, "ap1", STA)) is not None
-                           and set(readers(st)) == {ap1.mac, ap2.mac, ap3.mac},
-                           30, mark, "a report of ap1 with the readings of all three")
+        msg = wait_report(srv, "ap1", STA, mark, "a report of ap1 with the readings of all three",
+                          by={ap1.mac, ap2.mac, ap3.mac})
         r = readers(report_of(msg, "ap1", STA))
         self.assertEqual((r[ap1.mac]["rssi"], r[ap1.mac]["freq"]), (-40, 2412))
         self.assertEqual((r[ap2.mac]["rssi"], r[ap2.mac]["freq"]), (-70, 2437))
@@ -57,6 +56,10 @@ class Reporting(SiteTest):
         show = ap1.ctl("show", "location-tracking", "rssi").stdout
         self.assertIn("Number of stations in tracking: 1", show)
         self.assertEqual(show.count("\n1  ") + show.count("\n2  ") + show.count("\n3  "), 3)
+        for ap in site.aps if site.pki else ():
+            log = ap.log_tail(200)
+            self.assertIn(f'certificate for "{ltrsite.TLS_NAME}" verified', log)
+            self.assertNotIn("plain TCP", log)
 
     def test_stopped_station_is_not_reported_again(self):
         """After a stop every access point drops the station and its radios no longer
@@ -66,13 +69,11 @@ class Reporting(SiteTest):
         ap1 = site.aps[0]
         srv = site.server
         for sta in (STA, STA3):
-            ap1.radio(f"assoc {ap1.radios[0]} {sta} 2412")
-            for ap, rssi in zip(site.aps, (-40, -70, -80)):
-                ap.radio(f"hear {ap.radios[0]} {sta} {rssi} 1 2412")
+            hear(site, sta, (-40, -70, -80), (2412,) * 3)
         mark = srv.mark()
         srv.send(f"start all mac={STA},{STA3}")
-        srv.wait_for(lambda m: (st := report_of(m, "ap1", STA)) is not None
-                     and len(st["readings"]) == 3, 30, mark, "a report of ap1 with three readings")
+        wait_report(srv, "ap1", STA, mark, "a report of ap1 with three readings",
+                    by={ap.mac for ap in site.aps})
         mark = srv.mark()
         srv.send(f"stop all mac={STA}")
         for ap in site.aps:
@@ -81,7 +82,7 @@ class Reporting(SiteTest):
             self.assertEqual(ack["ack_code"], 0)
         after = srv.mark()
         # Cycles go on: five more reports of the other station.
-        systest.ltrsite.wait_until(
+        ltrsite.wait_until(
             lambda: len(srv.since(after, lambda m: report_of(m, "ap1", STA3))) >= 5, 30,
             "five reports of the station still tracked")
         for m in srv.since(after):
@@ -100,13 +101,7 @@ class Reporting(SiteTest):
         ap.radio(f"assoc {ap.radios[0]} {STA} 2412")
         ap.radio(f"hear {ap.radios[0]} {STA} -50 1 2412")
         ap.radio(f"hear {ap.radios[0]} {STA2} -60 1 2412")
-
-        def request(cmd, op="ack"):
-            mark = srv.mark()
-            srv.send(cmd)
-            sent = srv.wait_for(lambda m: m.get("event") == "sent", 5, mark, f"'{cmd}' to go out")
-            return srv.wait_for(lambda m: m.get("op") == op and m.get("msg_id") == sent["msg_id"],
-                                10, mark, f"the reply to '{cmd}'")
+        request = lambda cmd, op="ack": systest.request(srv, cmd, op)  # noqa: E731
 
         ack = request(f"start ap1 interval=1 threshold=5 valid=30 mac={STA} oui=0a:1b:2c")
         self.assertEqual((ack["ack_code"], ack["tlv_num"]), (0, 1))
@@ -127,7 +122,7 @@ class Reporting(SiteTest):
         def queried():
             rep = request("query ap1 mac=all", op="rssi report")
             return rep if {s["mac"] for s in rep["stations"]} == {STA, STA2} else None
-        rep = systest.ltrsite.wait_until(queried, 20, "a query answer with both stations")
+        rep = ltrsite.wait_until(queried, 20, "a query answer with both stations")
         self.assertEqual(rep["stations"][0]["readings"][0]["ap_mac"], ap.mac)
         rep = request(f"query ap1 mac={STA2}", op="rssi report")
         self.assertEqual([s["mac"] for s in rep["stations"]], [STA2])
@@ -142,6 +137,13 @@ class Reporting(SiteTest):
         self.assertNotIn("oui", tl.splitlines()[-1])
         self.assertEqual(request("send ap1 9")["ack_code"], 2)
         self.assertEqual(request("send ap1 5")["ack_code"], 2)
+        # A message shorter than its header gets no answer; the next one does.
+        mark = srv.mark()
+        srv.send("raw ap1 00020000")
+        srv.wait_for(lambda m: m.get("event") == "sent", 5, mark, "the short message to go out")
+        self.assertEqual(request("send ap1 9")["ack_code"], 2)
+        self.assertEqual(len(srv.since(mark, lambda m: m.get("event") == "message"
+                                       and m.get("op") != "rssi report")), 1)
 
     def test_owner_change_hands_over_the_newest_reading(self):
         extra = '[owners]\nmode = "external"\n'
@@ -164,12 +166,11 @@ class Reporting(SiteTest):
                     s.sendto(struct.pack(">BI", 1, 157) + payload, ap.sock("events.sock"))
 
         # Wait until both know the station, then make ap1 its owner.
-        systest.ltrsite.wait_until(
+        ltrsite.wait_until(
             lambda: all("Number of stations in tracking: 1" in ap.ctl(
                 "show", "location-tracking", "rssi").stdout for ap in site.aps), 15, "both tables")
         tell_owner(ap1)
-        srv.wait_for(lambda m: (st := report_of(m, "ap1", STA)) is not None
-                     and set(readers(st)) == {ap1.mac, ap2.mac}, 20, mark, "ap1 to report both")
+        wait_report(srv, "ap1", STA, mark, "ap1 to report both", 20, by={ap1.mac, ap2.mac})
         # Hand the station to ap2: ap1 relays the station's most recently added reading
         # there at once, under its own name: that is ap2's own -75 relayed to it earlier
         # (its later cycles relay ap1's own -45).
@@ -191,18 +192,45 @@ class Reporting(SiteTest):
             f.write(cfg)
         site.start(interval=1)
         srv = site.server
-        ap1.radio(f"assoc {ap1.radios[0]} {STA} 2412")
-        ap1.radio(f"hear {ap1.radios[0]} {STA} -40 1 2412")
-        ap2.radio(f"hear {ap2.radios[0]} {STA} -70 1 2437")
+        hear(site, STA, (-40, -70))
         mark = srv.mark()
         srv.send(f"start all mac={STA}")
-        srv.wait_for(lambda m: report_of(m, "ap1", STA) is not None, 20, mark, "a report of ap1")
+        wait_report(srv, "ap1", STA, mark, "a report of ap1", 20)
         time.sleep(4)
         for m in srv.since(mark, lambda m: report_of(m, "ap1", STA) is not None):
             self.assertNotIn(ap2.mac, readers(report_of(m, "ap1", STA)))
         status = ap1.ctl("status").stdout
         drops = [l for l in status.splitlines() if "drop" in l and "auth" in l or "tag" in l]
         self.assertTrue(any(int(l.split()[-1]) > 0 for l in drops), status)
+
+
+    def test_certificates_that_do_not_fit_get_no_session(self):
+        if not shutil.which("openssl"):
+            self.skipTest("needs the openssl command (scripts/deps.sh installs it)")
+        site = self.make_site(aps=2, tls=True)
+        ap1, ap2 = site.aps
+        # ap1 expects another name than the server's certificate carries; ap2 shows
+        # a certificate from a CA the server does not know.
+        with open(ap1.config) as f:
+            text = f.read().replace(f'server_name = "{ltrsite.TLS_NAME}"', 'server_name = "other.site.test"')
+        with open(ap1.config, "w") as f:
+            f.write(text)
+        rogue = os.path.join(site.root, "rogue")
+        subprocess.run([os.path.join(systest.REPO, "scripts", "site-certs"), rogue, "x", "ap2"],
+                       check=True, capture_output=True)
+        for ext in ("crt", "key"):
+            os.replace(f"{rogue}/ap2.{ext}", f"{site.pki}/ap2.{ext}")
+        srv = site.start_server()
+        for ap in site.aps:
+            ap.start()
+        srv.wait_for(lambda m: m.get("event") == "disconnect" and "client certificate refused" in m.get("reason", ""),
+                     10, 0, "the server to refuse ap2's certificate")
+        ltrsite.wait_until(lambda: 'refused: it is not for "other.site.test"' in ap1.log_tail(50), 10,
+                           "ap1 to refuse the server's certificate")
+        # Both keep trying with the usual back-off, and neither ever gets a session.
+        ltrsite.wait_until(lambda: len(srv.since(0, lambda m: m.get("event") == "connect")) >= 4, 10,
+                           "the access points to try again")
+        self.assertEqual(srv.since(0, lambda m: m.get("event") == "hello"), [])
 
 
 if __name__ == "__main__":

@@ -55,9 +55,6 @@ struct ltr_sta {
     ltr_sta_tbl *sta_tbl;
     uint8_t macaddr[6];
     ltr_rssi_entry *rssi_list;
-    // The newest reading under sta_tbl->self_mac (this AP's own reading), or null: the
-    // cycle finds it without walking the reporters.
-    ltr_rssi_entry *self;
     int32_t max_rssi_cnt;
     int32_t rssi_cnt;
     uint32_t ni_owner_ip; // network order; 0 = unknown
@@ -66,12 +63,23 @@ struct ltr_sta {
     uint32_t need_report;
 };
 
+// Every station's newest reading per reporter, by (station, reporter MAC): a record or a
+// relay finds its reading without walking the station's up to 64 readings. Open
+// addressing with linear probing; sized to the count (not a power of two), freed when
+// empty.
+struct ltr_rssi_idx {
+    ltr_rssi_entry **slot; // null: free
+    uint32_t size;
+    uint32_t count;
+    uint32_t shadowed; // readings behind a newer one of the same reporter: none, no walk
+};
+
 struct ltr_sta_tbl {
     ltr_tlist<ltr_sta> sta_list;
     ltr_sta *hash[LTR_STA_HASH_SIZE];
     int32_t max_sta;
     int32_t sta_cnt;
-    uint8_t self_mac[6]; // the MAC the stations' self links are for (mgt.my_mac)
+    ltr_rssi_idx rssi_idx;
 };
 
 void ltr_sta_tbl_init(ltr_sta_tbl *sta_tbl, uint32_t capacity);
@@ -84,6 +92,15 @@ ltr_rssi_entry *ltr_rssi_find(ltr_sta *sta, const uint8_t *macaddr);
 ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data);
 void ltr_rssi_del(ltr_rssi_entry *rssi_entry);
 void ltr_rssi_flush(ltr_sta *sta);
+
+// The index alone (the functions above keep it right).
+ltr_rssi_entry *ltr_rssi_idx_find(const ltr_rssi_idx *idx, const ltr_sta *sta, const uint8_t *macaddr);
+// e becomes what its (station, reporter) finds. False when the index is full and cannot
+// grow (out of memory): nothing changed.
+bool ltr_rssi_idx_put(ltr_rssi_idx *idx, ltr_rssi_entry *e);
+// e, which its key finds, is going: heir (an older reading under the same key) or
+// nothing takes its place.
+void ltr_rssi_idx_drop(ltr_rssi_idx *idx, ltr_rssi_entry *e, ltr_rssi_entry *heir);
 
 // Tracking list.
 #define LTR_TRACK_MAC 0u

@@ -56,7 +56,6 @@ ltr_sta *ltr_sta_add(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
     sta->max_rssi_cnt = LTR_RSSI_MAX;
     sta->rssi_cnt = 0;
     sta->rssi_list = nullptr;
-    sta->self = nullptr;
     ltr_tlist_append(sta_tbl->sta_list, sta, &ltr_sta::list);
     ltr_list_push_front(&sta_tbl->hash[sta_bucket(macaddr)], sta, &ltr_sta::hlink);
     sta->sta_tbl = sta_tbl;
@@ -84,40 +83,15 @@ void ltr_sta_del_bymac(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
         ltr_sta_del(sta);
 }
 
-namespace {
-
-// The newest reading under macaddr, from e on.
-ltr_rssi_entry *rssi_walk(ltr_rssi_entry *e, const uint8_t *macaddr)
-{
-    for (; e; e = e->link.next)
-        if (ltr_mac_eq(e->rssi_data.ap_mac, macaddr))
-            return e;
-    return nullptr;
-}
-
-// Whether macaddr is this AP's own. The self links follow the AP's MAC: when it changed,
-// they are pointed at the readings under the new one first.
-bool rssi_is_self(ltr_sta *sta, const uint8_t *macaddr)
-{
-    ltr_sta_tbl *t = sta->sta_tbl;
-    if (!t)
-        return false;
-    if (!ltr_mac_eq(t->self_mac, mgt.my_mac)) {
-        memcpy(t->self_mac, mgt.my_mac, 6);
-        for (ltr_sta *s = t->sta_list.first; s; s = s->list.next)
-            s->self = rssi_walk(s->rssi_list, t->self_mac);
-    }
-    return ltr_mac_eq(macaddr, t->self_mac);
-}
-
-} // namespace
-
 ltr_rssi_entry *ltr_rssi_find(ltr_sta *sta, const uint8_t *macaddr)
 {
     LTR_CHECK(sta != LTR_NULL && macaddr != LTR_NULL);
-    if (rssi_is_self(sta, macaddr))
-        return sta->self;
-    return rssi_walk(sta->rssi_list, macaddr);
+    if (sta->sta_tbl)
+        return ltr_rssi_idx_find(&sta->sta_tbl->rssi_idx, sta, macaddr);
+    for (ltr_rssi_entry *e = sta->rssi_list; e; e = e->link.next) // a station of no table
+        if (ltr_mac_eq(e->rssi_data.ap_mac, macaddr))
+            return e;
+    return nullptr;
 }
 
 ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data)
@@ -135,10 +109,13 @@ ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data)
     }
     memcpy(&e->rssi_data, rssi_data, sizeof(e->rssi_data));
     e->sta = sta;
+    if (sta->sta_tbl && !ltr_rssi_idx_put(&sta->sta_tbl->rssi_idx, e)) {
+        ltr_delete(e);
+        qz_log(0, 4, "no free memory!\n");
+        return nullptr;
+    }
     ltr_list_push_front(&sta->rssi_list, e, &ltr_rssi_entry::link);
     sta->rssi_cnt++;
-    if (rssi_is_self(sta, rssi_data->ap_mac))
-        sta->self = e; // the newest
     return e;
 }
 
@@ -146,8 +123,15 @@ void ltr_rssi_del(ltr_rssi_entry *rssi_entry)
 {
     LTR_CHECK(rssi_entry != LTR_NULL);
     ltr_sta *sta = rssi_entry->sta;
-    if (sta && sta->self == rssi_entry) // an older reading under the same MAC takes over
-        sta->self = rssi_walk(rssi_entry->link.next, rssi_entry->rssi_data.ap_mac);
+    if (sta && sta->sta_tbl) {
+        // The index holds the newest reading of a reporter: the next one under the same
+        // MAC, if any, is older. Without shadowed readings there is none to look for.
+        ltr_rssi_idx *x = &sta->sta_tbl->rssi_idx;
+        ltr_rssi_entry *heir = x->shadowed ? rssi_entry->link.next : nullptr;
+        while (heir && !ltr_mac_eq(heir->rssi_data.ap_mac, rssi_entry->rssi_data.ap_mac))
+            heir = heir->link.next;
+        ltr_rssi_idx_drop(x, rssi_entry, heir);
+    }
     ltr_list_unlink(rssi_entry, &ltr_rssi_entry::link);
     if (sta)
         sta->rssi_cnt--;

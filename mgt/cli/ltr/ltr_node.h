@@ -55,6 +55,9 @@ struct ltr_sta {
     ltr_sta_tbl *sta_tbl;
     uint8_t macaddr[6];
     ltr_rssi_entry *rssi_list;
+    // What the index finds under sta_tbl->self_mac (this AP's own reading), or null: the
+    // cycle looks its own reading up for every record, a load is cheaper than a probe.
+    ltr_rssi_entry *self;
     int32_t max_rssi_cnt;
     int32_t rssi_cnt;
     uint32_t ni_owner_ip; // network order; 0 = unknown
@@ -80,6 +83,7 @@ struct ltr_sta_tbl {
     int32_t max_sta;
     int32_t sta_cnt;
     ltr_rssi_idx rssi_idx;
+    uint8_t self_mac[6]; // the MAC the stations' self links are for (mgt.my_mac)
 };
 
 void ltr_sta_tbl_init(ltr_sta_tbl *sta_tbl, uint32_t capacity);

@@ -11,13 +11,15 @@ namespace {
 constexpr uint64_t LOAD_MAX = 80, LOAD_MIN = 20, LOAD_NEW = 55;
 constexpr uint32_t SIZE_MIN = 4;
 
+// Two independent multiplies, summed: the high half depends on every bit of both. The
+// MAC is read in two loads (a 6-byte copy into a zeroed word stalls on the stack).
 uint32_t key_hash(const ltr_sta *sta, const uint8_t *macaddr)
 {
-    uint64_t k = 0;
-    memcpy(&k, macaddr, 6);
-    k ^= (uint64_t)(uintptr_t)sta * 0x9e3779b97f4a7c15ull;
-    k ^= k >> 31;
-    k *= 0xbf58476d1ce4e5b9ull;
+    uint32_t lo;
+    uint16_t hi;
+    memcpy(&lo, macaddr, 4);
+    memcpy(&hi, macaddr + 4, 2);
+    uint64_t k = ((uint64_t)hi << 32 | lo) * 0x9e3779b97f4a7c15ull + (uint64_t)(uintptr_t)sta * 0xbf58476d1ce4e5b9ull;
     return (uint32_t)(k >> 32);
 }
 

@@ -56,6 +56,7 @@ ltr_sta *ltr_sta_add(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
     sta->max_rssi_cnt = LTR_RSSI_MAX;
     sta->rssi_cnt = 0;
     sta->rssi_list = nullptr;
+    sta->self = nullptr;
     ltr_tlist_append(sta_tbl->sta_list, sta, &ltr_sta::list);
     ltr_list_push_front(&sta_tbl->hash[sta_bucket(macaddr)], sta, &ltr_sta::hlink);
     sta->sta_tbl = sta_tbl;
@@ -83,15 +84,31 @@ void ltr_sta_del_bymac(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
         ltr_sta_del(sta);
 }
 
+namespace {
+
+// Whether macaddr is this AP's own. The self links follow the AP's MAC: when it changed,
+// they are pointed at the readings under the new one first.
+bool rssi_is_self(ltr_sta *sta, const uint8_t *macaddr)
+{
+    ltr_sta_tbl *t = sta->sta_tbl;
+    if (!t)
+        return false;
+    if (!ltr_mac_eq(t->self_mac, mgt.my_mac)) {
+        memcpy(t->self_mac, mgt.my_mac, 6);
+        for (ltr_sta *s = t->sta_list.first; s; s = s->list.next)
+            s->self = ltr_rssi_idx_find(&t->rssi_idx, s, t->self_mac);
+    }
+    return ltr_mac_eq(macaddr, t->self_mac);
+}
+
+} // namespace
+
 ltr_rssi_entry *ltr_rssi_find(ltr_sta *sta, const uint8_t *macaddr)
 {
     LTR_CHECK(sta != LTR_NULL && macaddr != LTR_NULL);
-    if (sta->sta_tbl)
-        return ltr_rssi_idx_find(&sta->sta_tbl->rssi_idx, sta, macaddr);
-    for (ltr_rssi_entry *e = sta->rssi_list; e; e = e->link.next) // a station of no table
-        if (ltr_mac_eq(e->rssi_data.ap_mac, macaddr))
-            return e;
-    return nullptr;
+    if (rssi_is_self(sta, macaddr))
+        return sta->self;
+    return sta->sta_tbl ? ltr_rssi_idx_find(&sta->sta_tbl->rssi_idx, sta, macaddr) : nullptr;
 }
 
 ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data)
@@ -116,6 +133,8 @@ ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data)
     }
     ltr_list_push_front(&sta->rssi_list, e, &ltr_rssi_entry::link);
     sta->rssi_cnt++;
+    if (rssi_is_self(sta, rssi_data->ap_mac))
+        sta->self = e; // the newest
     return e;
 }
 
@@ -131,6 +150,8 @@ void ltr_rssi_del(ltr_rssi_entry *rssi_entry)
         while (heir && !ltr_mac_eq(heir->rssi_data.ap_mac, rssi_entry->rssi_data.ap_mac))
             heir = heir->link.next;
         ltr_rssi_idx_drop(x, rssi_entry, heir);
+        if (sta->self == rssi_entry)
+            sta->self = heir;
     }
     ltr_list_unlink(rssi_entry, &ltr_rssi_entry::link);
     if (sta)

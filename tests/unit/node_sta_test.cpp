@@ -136,6 +136,8 @@ TEST_F(NodeSta, ReadingIndexAgainstAWalk)
         ASSERT_EQ(x.shadowed, total - distinct);
         ASSERT_EQ(x.slot == nullptr, distinct == 0) << "memory of an empty index";
         ASSERT_TRUE(x.count == 0 || x.count < x.size);
+        ASSERT_EQ(t->rssi_pool.count, total);
+        ASSERT_EQ(t->rssi_pool.chunk == nullptr, total == 0) << "memory of an empty pool";
     };
     for (int step = 0; step < 6000; step++) {
         unsigned n = rng() % n_sta, what = rng() % 16;
@@ -193,6 +195,42 @@ TEST_F(NodeSta, ReadingIndexSizeFollowsTheCount)
     }
     EXPECT_EQ(t->rssi_idx.slot, nullptr);
     EXPECT_EQ(t->rssi_idx.size, 0u);
+    EXPECT_EQ(t->rssi_pool.chunk, nullptr);
+}
+
+// A chunk goes with its last reading, and its number is taken again; a freed reading is
+// poisoned under ASan (a use after delete is reported, as with a heap block).
+TEST_F(NodeSta, ReadingPoolChunks)
+{
+    ltr_sta *s = add(1), *s2 = add(2);
+    std::vector<ltr_rssi_entry *> e;
+    for (unsigned a = 0; a < 2 * LTR_RSSI_CHUNK; a++) {
+        ltr_rssi_data d = reading((uint8_t)a);
+        e.push_back(ltr_rssi_add(a < LTR_RSSI_CHUNK ? s : s2, &d));
+        ASSERT_NE(e.back(), nullptr);
+        ASSERT_EQ(e.back()->life_cnt, 0) << "zero-filled";
+        e.back()->life_cnt = 7;
+    }
+    const ltr_rssi_pool &p = t->rssi_pool;
+    ASSERT_NE(p.chunk[0], nullptr);
+    ASSERT_NE(p.chunk[1], nullptr);
+    for (unsigned i = 0; i < LTR_RSSI_CHUNK; i++)
+        ltr_rssi_del(e[i]); // the whole first chunk
+    EXPECT_EQ(p.chunk[0], nullptr);
+    EXPECT_EQ(p.chunk[1]->free, 0u);
+    ltr_rssi_data d = reading(200);
+    ltr_rssi_entry *n = ltr_rssi_add(s, &d);
+    EXPECT_EQ(n->no, 0u) << "a new chunk under the free number";
+    EXPECT_EQ(n->life_cnt, 0);
+    ltr_rssi_del(e[LTR_RSSI_CHUNK + 3]);
+    EXPECT_EQ(p.chunk[1]->free, 1ull << 3);
+    d = reading(201);
+    EXPECT_EQ(ltr_rssi_add(s2, &d), e[LTR_RSSI_CHUNK + 3]) << "the slot just freed";
+#if defined(__SANITIZE_ADDRESS__)
+    ltr_rssi_entry *gone = e[LTR_RSSI_CHUNK + 5];
+    ltr_rssi_del(gone);
+    EXPECT_DEATH((void)*(volatile int32_t *)&gone->life_cnt, "use-after-poison");
+#endif
 }
 
 // An index that cannot grow still takes readings while a slot is free (one always stays

@@ -39,14 +39,36 @@ inline bool ltr_mac_eq(const uint8_t *a, const uint8_t *b)
     return ((a4 ^ b4) | (uint32_t)(a2 ^ b2)) == 0;
 }
 
+// Fields by size, so that a reading is 48 bytes on a 64-bit target (32,768 of them at
+// full load).
 struct ltr_rssi_entry {
     ltr_link<ltr_rssi_entry> link; // in sta->rssi_list, newest first
     ltr_sta *sta;
     int32_t life_cnt;
     int32_t life_start;
-    int8_t last_pwr_rpt;
-    uint32_t ni_local; // 1: heard by this AP's radios; 0: relayed
     ltr_rssi_data rssi_data;
+    int8_t last_pwr_rpt;
+    uint8_t ni_local; // 1: heard by this AP's radios; 0: relayed
+    uint32_t no;      // its place in the table's pool
+};
+static_assert(sizeof(void *) != 8 || sizeof(ltr_rssi_entry) == 48);
+
+// The readings live in chunks owned by the station table: no allocator header per
+// reading, and a reading is known by a 32-bit number (chunk, slot), which is what the
+// index holds. A chunk goes when its last reading does.
+#define LTR_RSSI_CHUNK 64 // one word of free bits
+struct ltr_rssi_chunk {
+    uint64_t free; // bit i: e[i] is free
+    ltr_link<ltr_rssi_chunk> plink; // in the pool's list of chunks with a free slot
+    uint32_t no;
+    ltr_rssi_entry e[LTR_RSSI_CHUNK];
+};
+
+struct ltr_rssi_pool {
+    ltr_rssi_chunk **chunk; // by chunk number; null: none
+    uint32_t n_chunk;       // length of chunk[]
+    uint32_t count;         // readings held
+    ltr_rssi_chunk *partial; // chunks with a free slot
 };
 
 struct ltr_sta {
@@ -71,7 +93,7 @@ struct ltr_sta {
 // addressing with linear probing; sized to the count (not a power of two), freed when
 // empty.
 struct ltr_rssi_idx {
-    ltr_rssi_entry **slot; // null: free
+    uint32_t *slot; // a reading's pool number + 1; 0: free
     uint32_t size;
     uint32_t count;
     uint32_t shadowed; // readings behind a newer one of the same reporter: none, no walk
@@ -83,6 +105,7 @@ struct ltr_sta_tbl {
     int32_t max_sta;
     int32_t sta_cnt;
     ltr_rssi_idx rssi_idx;
+    ltr_rssi_pool rssi_pool;
     uint8_t self_mac[6]; // the MAC the stations' self links are for (mgt.my_mac)
 };
 
@@ -97,14 +120,22 @@ ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data);
 void ltr_rssi_del(ltr_rssi_entry *rssi_entry);
 void ltr_rssi_flush(ltr_sta *sta);
 
-// The index alone (the functions above keep it right).
-ltr_rssi_entry *ltr_rssi_idx_find(const ltr_rssi_idx *idx, const ltr_sta *sta, const uint8_t *macaddr);
+// The index and the pool alone (the functions above keep them right).
+ltr_rssi_entry *ltr_rssi_idx_find(const ltr_sta_tbl *t, const ltr_sta *sta, const uint8_t *macaddr);
 // e becomes what its (station, reporter) finds. False when the index is full and cannot
 // grow (out of memory): nothing changed.
-bool ltr_rssi_idx_put(ltr_rssi_idx *idx, ltr_rssi_entry *e);
+bool ltr_rssi_idx_put(ltr_sta_tbl *t, ltr_rssi_entry *e);
 // e, which its key finds, is going: heir (an older reading under the same key) or
 // nothing takes its place.
-void ltr_rssi_idx_drop(ltr_rssi_idx *idx, ltr_rssi_entry *e, ltr_rssi_entry *heir);
+void ltr_rssi_idx_drop(ltr_sta_tbl *t, ltr_rssi_entry *e, ltr_rssi_entry *heir);
+// A zero-filled reading with its number set, or null (out of memory, or the allocation
+// ltr_alloc_fail_at picks).
+ltr_rssi_entry *ltr_rssi_pool_get(ltr_rssi_pool *p);
+void ltr_rssi_pool_put(ltr_rssi_pool *p, ltr_rssi_entry *e);
+inline ltr_rssi_entry *ltr_rssi_pool_at(const ltr_rssi_pool *p, uint32_t no)
+{
+    return &p->chunk[no / LTR_RSSI_CHUNK]->e[no % LTR_RSSI_CHUNK];
+}
 
 // Tracking list.
 #define LTR_TRACK_MAC 0u

@@ -29,9 +29,9 @@ uint32_t home(const ltr_rssi_idx *x, uint32_t h)
     return (uint32_t)(((uint64_t)h * x->size) >> 32);
 }
 
-uint32_t home_of(const ltr_rssi_idx *x, const ltr_rssi_entry *e)
+ltr_rssi_entry *at(const ltr_rssi_pool *p, uint32_t v)
 {
-    return home(x, key_hash(e->sta, e->rssi_data.ap_mac));
+    return ltr_rssi_pool_at(p, v - 1);
 }
 
 bool is_key(const ltr_rssi_entry *e, const ltr_sta *sta, const uint8_t *macaddr)
@@ -40,29 +40,34 @@ bool is_key(const ltr_rssi_entry *e, const ltr_sta *sta, const uint8_t *macaddr)
 }
 
 // The slot holding the key, or the free slot ending its probe.
-uint32_t probe(const ltr_rssi_idx *x, const ltr_sta *sta, const uint8_t *macaddr)
+uint32_t probe(const ltr_rssi_idx *x, const ltr_rssi_pool *p, const ltr_sta *sta, const uint8_t *macaddr)
 {
     uint32_t i = home(x, key_hash(sta, macaddr));
-    while (x->slot[i] && !is_key(x->slot[i], sta, macaddr))
+    while (x->slot[i] && !is_key(at(p, x->slot[i]), sta, macaddr))
         if (++i == x->size)
             i = 0;
     return i;
 }
 
+uint32_t probe_of(const ltr_rssi_idx *x, const ltr_rssi_pool *p, const ltr_rssi_entry *e)
+{
+    return probe(x, p, e->sta, e->rssi_data.ap_mac);
+}
+
 // To room for count keys at the new load. False (nothing changed) when out of memory.
-bool resize(ltr_rssi_idx *x, uint32_t count)
+bool resize(ltr_rssi_idx *x, const ltr_rssi_pool *p, uint32_t count)
 {
     ltr_rssi_idx n{nullptr, 0, x->count, x->shadowed};
     if (count) {
         n.size = (uint32_t)((uint64_t)count * 100 / LOAD_NEW) + 1;
         if (n.size < SIZE_MIN)
             n.size = SIZE_MIN;
-        n.slot = (ltr_rssi_entry **)ltr_calloc(n.size * sizeof(*n.slot));
+        n.slot = (uint32_t *)ltr_calloc(n.size * sizeof(*n.slot));
         if (!n.slot)
             return false;
         for (uint32_t i = 0; i < x->size; i++)
-            if (ltr_rssi_entry *e = x->slot[i])
-                n.slot[probe(&n, e->sta, e->rssi_data.ap_mac)] = e;
+            if (uint32_t v = x->slot[i])
+                n.slot[probe_of(&n, p, at(p, v))] = v;
     }
     ltr_free(x->slot);
     *x = n;
@@ -71,56 +76,64 @@ bool resize(ltr_rssi_idx *x, uint32_t count)
 
 } // namespace
 
-ltr_rssi_entry *ltr_rssi_idx_find(const ltr_rssi_idx *x, const ltr_sta *sta, const uint8_t *macaddr)
+ltr_rssi_entry *ltr_rssi_idx_find(const ltr_sta_tbl *t, const ltr_sta *sta, const uint8_t *macaddr)
 {
-    return x->count ? x->slot[probe(x, sta, macaddr)] : nullptr;
+    const ltr_rssi_idx *x = &t->rssi_idx;
+    if (!x->count)
+        return nullptr;
+    uint32_t v = x->slot[probe(x, &t->rssi_pool, sta, macaddr)];
+    return v ? at(&t->rssi_pool, v) : nullptr;
 }
 
-bool ltr_rssi_idx_put(ltr_rssi_idx *x, ltr_rssi_entry *e)
+bool ltr_rssi_idx_put(ltr_sta_tbl *t, ltr_rssi_entry *e)
 {
+    ltr_rssi_idx *x = &t->rssi_idx;
     if (x->count) {
-        uint32_t i = probe(x, e->sta, e->rssi_data.ap_mac);
+        uint32_t i = probe_of(x, &t->rssi_pool, e);
         if (x->slot[i]) { // a newer reading of a reporter already indexed
-            x->slot[i] = e;
+            x->slot[i] = e->no + 1;
             x->shadowed++;
             return true;
         }
     }
     // A failed growth is not fatal while a slot is still free.
-    if ((uint64_t)(x->count + 1) * 100 > (uint64_t)x->size * LOAD_MAX && !resize(x, x->count + 1) &&
-        x->count + 1 >= x->size)
+    if ((uint64_t)(x->count + 1) * 100 > (uint64_t)x->size * LOAD_MAX &&
+        !resize(x, &t->rssi_pool, x->count + 1) && x->count + 1 >= x->size)
         return false;
-    x->slot[probe(x, e->sta, e->rssi_data.ap_mac)] = e;
+    x->slot[probe_of(x, &t->rssi_pool, e)] = e->no + 1;
     x->count++;
     return true;
 }
 
-void ltr_rssi_idx_drop(ltr_rssi_idx *x, ltr_rssi_entry *e, ltr_rssi_entry *heir)
+void ltr_rssi_idx_drop(ltr_sta_tbl *t, ltr_rssi_entry *e, ltr_rssi_entry *heir)
 {
+    ltr_rssi_idx *x = &t->rssi_idx;
+    const ltr_rssi_pool *p = &t->rssi_pool;
     if (!x->count)
         return;
-    uint32_t i = probe(x, e->sta, e->rssi_data.ap_mac);
-    if (x->slot[i] != e) { // an older duplicate: the newer one stays indexed
+    uint32_t i = probe_of(x, p, e);
+    if (x->slot[i] != e->no + 1) { // an older duplicate: the newer one stays indexed
         x->shadowed--;
         return;
     }
     if (heir) {
-        x->slot[i] = heir;
+        x->slot[i] = heir->no + 1;
         x->shadowed--;
         return;
     }
     // Backward shift: the entries after the hole that may move up close it, so a probe
     // never meets a free slot before its key.
     for (uint32_t j = i + 1 == x->size ? 0 : i + 1; x->slot[j]; j = j + 1 == x->size ? 0 : j + 1) {
-        uint32_t h = home_of(x, x->slot[j]);
+        const ltr_rssi_entry *m = at(p, x->slot[j]);
+        uint32_t h = home(x, key_hash(m->sta, m->rssi_data.ap_mac));
         bool stays = i <= j ? (i < h && h <= j) : (i < h || h <= j);
         if (!stays) {
             x->slot[i] = x->slot[j];
             i = j;
         }
     }
-    x->slot[i] = nullptr;
+    x->slot[i] = 0;
     x->count--;
     if ((uint64_t)x->count * 100 < (uint64_t)x->size * LOAD_MIN)
-        resize(x, x->count); // a failed shrink keeps the larger table
+        resize(x, p, x->count); // a failed shrink keeps the larger table
 }

@@ -285,7 +285,14 @@ TEST_F(NodeSta, AllocationFailureLinksNothing)
     ltr_alloc_fail_at = 1;
     EXPECT_EQ(ltr_rssi_add(s, &d), nullptr);
     EXPECT_EQ(readings_of(s), std::vector<uint8_t>{});
-    EXPECT_EQ(fake::log_text(), "no free memory!\nno free memory!\n");
+    // The reading itself fails, also where the pool and the index have room.
+    ASSERT_NE(ltr_rssi_add(s, &d), nullptr);
+    ltr_rssi_data d2 = reading(2);
+    ltr_alloc_fail_at = 1;
+    EXPECT_EQ(ltr_rssi_add(s, &d2), nullptr);
+    EXPECT_EQ(ltr_alloc_fail_at, 0);
+    EXPECT_EQ(readings_of(s), std::vector<uint8_t>{1});
+    EXPECT_EQ(fake::log_text(), "no free memory!\nno free memory!\nno free memory!\n");
 }
 
 } // namespace

@@ -177,7 +177,8 @@ int main(int argc, char **argv)
                         argc == 8 ? argv[7] : nullptr);
     if (argc == 5 && !strcmp(argv[1], "sink"))
         return sink(argv[2], atoi(argv[3]), atof(argv[4]));
-    fprintf(stderr, "usage: %s send FILE SRC_IP DST_IP PORT SECONDS [KEY] | sink BIND_IP PORT SECONDS\n",
+    fprintf(stderr,
+            "usage: %s send FILE SRC_IP DST_IP PORT SECONDS [KEY] | sink BIND_IP PORT SECONDS\n",
             argv[0]);
     return 2;
 }

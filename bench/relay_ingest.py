@@ -65,7 +65,8 @@ def counters(ap):
 
 
 def blast(tool, path, dst, port, seconds, key):
-    r = subprocess.run([tool, "send", path, PEER, dst, str(port), str(seconds)] + ([key] if key else []),
+    r = subprocess.run([tool, "send", path, PEER, dst, str(port), str(seconds)]
+                       + ([key] if key else []),
                        capture_output=True, text=True, check=True)
     return int(re.search(r"sent (\d+)", r.stdout).group(1))
 
@@ -98,7 +99,8 @@ def ingest(ap, tool, path, seconds, key):
     before = counters(ap)
     cpu0 = cpu_by_thread(ap.proc.pid)
     t0 = time.monotonic()
-    sender = subprocess.Popen([tool, "send", path, PEER, ap.ip, "7421", str(seconds)] + ([key] if key else []),
+    sender = subprocess.Popen([tool, "send", path, PEER, ap.ip, "7421", str(seconds)]
+                              + ([key] if key else []),
                               stdout=subprocess.PIPE, text=True)
     rx, last_change, last_rx = before.get("nbr.rx", 0), t0, before.get("nbr.rx", 0)
     while sender.poll() is None or time.monotonic() - last_change < 0.5:

@@ -19,7 +19,8 @@ uint32_t key_hash(const ltr_sta *sta, const uint8_t *macaddr)
     uint16_t hi;
     memcpy(&lo, macaddr, 4);
     memcpy(&hi, macaddr + 4, 2);
-    uint64_t k = ((uint64_t)hi << 32 | lo) * 0x9e3779b97f4a7c15ull + (uint64_t)(uintptr_t)sta * 0xbf58476d1ce4e5b9ull;
+    uint64_t k = ((uint64_t)hi << 32 | lo) * 0x9e3779b97f4a7c15ull +
+                 (uint64_t)(uintptr_t)sta * 0xbf58476d1ce4e5b9ull;
     return (uint32_t)(k >> 32);
 }
 
@@ -40,7 +41,8 @@ bool is_key(const ltr_rssi_entry *e, const ltr_sta *sta, const uint8_t *macaddr)
 }
 
 // The slot holding the key, or the free slot ending its probe.
-uint32_t probe(const ltr_rssi_idx *x, const ltr_rssi_pool *p, const ltr_sta *sta, const uint8_t *macaddr)
+uint32_t probe(const ltr_rssi_idx *x, const ltr_rssi_pool *p, const ltr_sta *sta,
+               const uint8_t *macaddr)
 {
     uint32_t i = home(x, key_hash(sta, macaddr));
     while (x->slot[i] && !is_key(at(p, x->slot[i]), sta, macaddr))

@@ -62,6 +62,14 @@ std::vector<uint8_t> readings_of(ltr_sta *s)
     return out;
 }
 
+unsigned pick_seed()
+{
+    const char *env = getenv("LTR_SEED"); // replay a failed run
+    unsigned seed = env ? (unsigned)strtoul(env, nullptr, 0) : std::random_device{}();
+    printf("seed %u\n", seed);
+    return seed;
+}
+
 class NodeSta : public LtrTest {
   protected:
     ltr_sta_tbl *t = &mgt.sta_tbl;
@@ -77,9 +85,7 @@ class NodeSta : public LtrTest {
 
 TEST_F(NodeSta, RandomOrdersAgainstAModel)
 {
-    const char *env = getenv("LTR_SEED"); // replay a failed run
-    unsigned seed = env ? (unsigned)strtoul(env, nullptr, 0) : std::random_device{}();
-    printf("seed %u\n", seed);
+    unsigned seed = pick_seed();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
     std::vector<mac_t> model;
@@ -110,8 +116,7 @@ TEST_F(NodeSta, RandomOrdersAgainstAModel)
 // through every size and the duplicates' shadowing is exercised.
 TEST_F(NodeSta, ReadingIndexAgainstAWalk)
 {
-    const char *env = getenv("LTR_SEED");
-    unsigned seed = env ? (unsigned)strtoul(env, nullptr, 0) : std::random_device{}();
+    unsigned seed = pick_seed();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
     const unsigned n_sta = 12, n_ap = 10;
@@ -212,8 +217,6 @@ TEST_F(NodeSta, ReadingPoolChunks)
         e.back()->life_cnt = 7;
     }
     const ltr_rssi_pool &p = t->rssi_pool;
-    ASSERT_NE(p.chunk[0], nullptr);
-    ASSERT_NE(p.chunk[1], nullptr);
     for (unsigned i = 0; i < LTR_RSSI_CHUNK; i++)
         ltr_rssi_del(e[i]); // the whole first chunk
     EXPECT_EQ(p.chunk[0], nullptr);

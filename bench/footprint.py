@@ -135,9 +135,13 @@ def show(label, fig):
           f"threads {fig['Threads']}", flush=True)
 
 
-def relays(ap, key):
+EPOCH = int(time.time() * 1e6)
+
+
+def relays(ap, key, rnd):
     """One datagram per (station, reporter): 28-byte relays in the neighbour envelope,
-    tagged when the site has a key."""
+    tagged when the site has a key; counters go on from round to round (a replayed
+    counter is dropped)."""
     src = socket.inet_aton(RELAY_PEER)
     out = []
     for r in range(REPORTERS):
@@ -145,7 +149,9 @@ def relays(ap, key):
         for i in range(STATIONS):
             relay = struct.pack(">I4sHH", 0, src, 16, 0) + bytes.fromhex(
                 sta_mac(i).replace(":", "")) + reporter + struct.pack(">BbH", 1, -60 - r % 20, 2412)
-            d = b"QZNM" + bytes([1, 1 if key else 0]) + struct.pack(">H", 52) + relay
+            counter = (rnd * REPORTERS + r) * STATIONS + i + 1
+            d = (b"QZNM" + bytes([2, 1 if key else 0]) + struct.pack(">H", 52) + src
+                 + struct.pack(">QQ", EPOCH, counter) + relay)
             if key:
                 d += hmac.new(key.encode(), d, hashlib.sha256).digest()[:16]
             out.append(d)
@@ -211,11 +217,11 @@ def main():
         hear_all(ap1)
         ltrsite.wait_until(lambda: ap1.ctl("show", "location-tracking", "rssi").stdout
                            .count("Station: ") >= STATIONS, 20, "ap1 to hear every station")
-        dgrams = relays(ap1, SITE_KEY if a.key else None)
         s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         s.bind((RELAY_PEER, 0))
         rx0 = counters(ap1).get("nbr.rx", 0)
-        for _ in range(2):  # two rounds: the second finds every reading in place
+        for rnd in range(2):  # two rounds: the second finds every reading in place
+            dgrams = relays(ap1, SITE_KEY if a.key else None, rnd)
             for i, d in enumerate(dgrams):
                 s.sendto(d, (ap1.ip, 7421))
                 if i % 256 == 255:

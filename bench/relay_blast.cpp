@@ -1,14 +1,18 @@
 // The two ends of the relay ingest benchmark (bench/relay_ingest.py):
-//   relay_blast send FILE SRC_IP DST_IP PORT SECONDS
+//   relay_blast send FILE SRC_IP DST_IP PORT SECONDS [KEY]
 //     sends the datagrams of FILE (each: u16 big-endian length, bytes) round and round,
 //     as fast as one sender can (sendmmsg, blocking), from SRC_IP for SECONDS;
-//     prints "sent N in S s".
+//     prints "sent N in S s". With KEY, every datagram sent gets the next counter of
+//     the envelope and its tag made again (a receiver drops a replayed counter).
 //   relay_blast sink BIND_IP PORT SECONDS
 //     the bare receive loop: counts what arrives until SECONDS pass or nothing has
 //     come for half a second after the first datagram; prints "received N in S s"
 //     (S from the first datagram to the last) and the CPU time it used.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/params.h>
 #include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -46,7 +50,43 @@ int udp_socket(const char *ip, int port)
     return fd;
 }
 
-int send_all(const char *file, const char *src, const char *dst, int port, double secs)
+constexpr size_t COUNTER_OFF = 20, HDR_LEN = 28, TAG_LEN = 16;
+
+// HMAC-SHA256 keyed once: each tag restarts from the key's pads, so the sender keeps
+// ahead of the receiver.
+EVP_MAC_CTX *keyed(const char *key)
+{
+    EVP_MAC *mac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
+    EVP_MAC_CTX *ctx = mac ? EVP_MAC_CTX_new(mac) : nullptr;
+    EVP_MAC_free(mac);
+    char digest[] = "SHA256";
+    OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
+                           OSSL_PARAM_construct_end()};
+    if (!ctx || EVP_MAC_init(ctx, (const unsigned char *)key, strlen(key), params) != 1) {
+        fprintf(stderr, "HMAC-SHA256 unavailable\n");
+        exit(1);
+    }
+    return ctx;
+}
+
+// The envelope's counter (big-endian) and the truncated HMAC-SHA256 after the payload.
+void restamp(EVP_MAC_CTX *ctx, uint64_t counter, const iovec &d)
+{
+    auto *b = static_cast<uint8_t *>(d.iov_base);
+    if (d.iov_len < HDR_LEN + TAG_LEN)
+        return;
+    for (int i = 0; i < 8; i++)
+        b[COUNTER_OFF + i] = uint8_t(counter >> (56 - 8 * i));
+    uint8_t md[EVP_MAX_MD_SIZE];
+    size_t n = 0;
+    EVP_MAC_init(ctx, nullptr, 0, nullptr);
+    EVP_MAC_update(ctx, b, d.iov_len - TAG_LEN);
+    EVP_MAC_final(ctx, md, &n, sizeof md);
+    memcpy(b + d.iov_len - TAG_LEN, md, TAG_LEN);
+}
+
+int send_all(const char *file, const char *src, const char *dst, int port, double secs,
+             const char *key)
 {
     std::ifstream in(file, std::ios::binary);
     std::vector<uint8_t> raw((std::istreambuf_iterator<char>(in)),
@@ -70,7 +110,8 @@ int send_all(const char *file, const char *src, const char *dst, int port, doubl
     inet_pton(AF_INET, dst, &to.sin_addr);
     constexpr size_t BATCH = 64;
     std::vector<mmsghdr> msgs(BATCH);
-    uint64_t sent = 0;
+    uint64_t sent = 0, counter = 0;
+    EVP_MAC_CTX *mac = key ? keyed(key) : nullptr;
     size_t next = 0;
     auto start = clk::now();
     while (seconds_since(start) < secs) {
@@ -80,12 +121,15 @@ int send_all(const char *file, const char *src, const char *dst, int port, doubl
             msgs[i].msg_hdr.msg_namelen = sizeof to;
             msgs[i].msg_hdr.msg_iov = &iov[next];
             msgs[i].msg_hdr.msg_iovlen = 1;
+            if (key)
+                restamp(mac, ++counter, iov[next]);
         }
         int n = sendmmsg(fd, msgs.data(), BATCH, 0);
         if (n > 0)
             sent += uint64_t(n);
     }
     printf("sent %llu in %.3f s\n", (unsigned long long)sent, seconds_since(start));
+    EVP_MAC_CTX_free(mac);
     close(fd);
     return 0;
 }
@@ -128,11 +172,13 @@ int sink(const char *ip, int port, double secs)
 
 int main(int argc, char **argv)
 {
-    if (argc == 7 && !strcmp(argv[1], "send"))
-        return send_all(argv[2], argv[3], argv[4], atoi(argv[5]), atof(argv[6]));
+    if ((argc == 7 || argc == 8) && !strcmp(argv[1], "send"))
+        return send_all(argv[2], argv[3], argv[4], atoi(argv[5]), atof(argv[6]),
+                        argc == 8 ? argv[7] : nullptr);
     if (argc == 5 && !strcmp(argv[1], "sink"))
         return sink(argv[2], atoi(argv[3]), atof(argv[4]));
-    fprintf(stderr, "usage: %s send FILE SRC_IP DST_IP PORT SECONDS | sink BIND_IP PORT SECONDS\n",
+    fprintf(stderr,
+            "usage: %s send FILE SRC_IP DST_IP PORT SECONDS [KEY] | sink BIND_IP PORT SECONDS\n",
             argv[0]);
     return 2;
 }

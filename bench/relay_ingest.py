@@ -40,15 +40,19 @@ def sta_mac(i):
 
 
 def datagrams(key):
-    """Every (reporter, station) relay in the neighbour envelope, tagged with key."""
+    """Every (reporter, station) relay in the neighbour envelope, tagged with key.
+    relay_blast gives each datagram it sends a new counter (and tag), so the receiver's
+    replay window lets it through however often the file goes round."""
     src = socket.inet_aton(PEER)
+    epoch = int(time.time() * 1e6)
     out = bytearray()
     for r in range(REPORTERS):
         reporter = bytes([0x02, 0xfd, 0, 0, 0, r + 1])
         for i in range(STATIONS):
             relay = struct.pack(">I4sHH", 0, src, 16, 0) + bytes.fromhex(
                 sta_mac(i).replace(":", "")) + reporter + struct.pack(">BbH", 1, -60 - r % 20, 2412)
-            d = b"QZNM" + bytes([1, 1 if key else 0]) + struct.pack(">H", 52) + relay
+            d = (b"QZNM" + bytes([2, 1 if key else 0]) + struct.pack(">H", 52) + src
+                 + struct.pack(">QQ", epoch, r * STATIONS + i + 1) + relay)
             if key:
                 d += hmac.new(key.encode(), d, hashlib.sha256).digest()[:TAG_LEN]
             out += struct.pack(">H", len(d)) + d
@@ -60,17 +64,18 @@ def counters(ap):
     return {k: int(v) for k, v in re.findall(r"^(\S+) (\d+)$", text, re.M)}
 
 
-def blast(tool, path, dst, port, seconds):
-    r = subprocess.run([tool, "send", path, PEER, dst, str(port), str(seconds)],
+def blast(tool, path, dst, port, seconds, key):
+    r = subprocess.run([tool, "send", path, PEER, dst, str(port), str(seconds)]
+                       + ([key] if key else []),
                        capture_output=True, text=True, check=True)
     return int(re.search(r"sent (\d+)", r.stdout).group(1))
 
 
-def bare(tool, path, seconds):
+def bare(tool, path, seconds, key):
     sink = subprocess.Popen([tool, "sink", "127.0.0.50", "7500", str(seconds + 5)],
                             stdout=subprocess.PIPE, text=True)
     sink.stdout.readline()  # ready
-    sent = blast(tool, path, "127.0.0.50", 7500, seconds)
+    sent = blast(tool, path, "127.0.0.50", 7500, seconds, key)
     out = sink.communicate()[0]
     got, secs, cpu = re.search(r"received (\d+) in ([\d.]+) s, cpu ([\d.]+) s", out).groups()
     return sent, int(got), float(secs), float(cpu)
@@ -88,13 +93,14 @@ def cpu_by_thread(pid):
     return out
 
 
-def ingest(ap, tool, path, seconds):
+def ingest(ap, tool, path, seconds, key):
     """Sends to ap while watching nbr.rx; returns sent, taken in, seconds until the
     last one was taken in, and the kernel's count of datagrams it dropped."""
     before = counters(ap)
     cpu0 = cpu_by_thread(ap.proc.pid)
     t0 = time.monotonic()
-    sender = subprocess.Popen([tool, "send", path, PEER, ap.ip, "7421", str(seconds)],
+    sender = subprocess.Popen([tool, "send", path, PEER, ap.ip, "7421", str(seconds)]
+                              + ([key] if key else []),
                               stdout=subprocess.PIPE, text=True)
     rx, last_change, last_rx = before.get("nbr.rx", 0), t0, before.get("nbr.rx", 0)
     while sender.poll() is None or time.monotonic() - last_change < 0.5:
@@ -134,8 +140,8 @@ def run(build, ltrd, key, seconds):
                 buf += s.recv(65536)
         ltrsite.wait_until(lambda: ap.ctl("show", "location-tracking", "rssi").stdout
                            .count("Station: ") >= STATIONS, 20, "every station to be heard")
-        b_sent, b_got, b_secs, b_cpu = bare(tool, path, seconds)
-        l_sent, l_got, l_secs, l_overflow, l_cpu = ingest(ap, tool, path, seconds)
+        b_sent, b_got, b_secs, b_cpu = bare(tool, path, seconds, key)
+        l_sent, l_got, l_secs, l_overflow, l_cpu = ingest(ap, tool, path, seconds, key)
         show = ap.ctl("show", "location-tracking", "rssi").stdout
         stored = len(re.findall(r"^\d+ +02fd\.", show, re.M))
         b_rate, l_rate = b_got / b_secs, l_got / l_secs

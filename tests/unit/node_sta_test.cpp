@@ -62,6 +62,14 @@ std::vector<uint8_t> readings_of(ltr_sta *s)
     return out;
 }
 
+unsigned pick_seed()
+{
+    const char *env = getenv("LTR_SEED"); // replay a failed run
+    unsigned seed = env ? (unsigned)strtoul(env, nullptr, 0) : std::random_device{}();
+    printf("seed %u\n", seed);
+    return seed;
+}
+
 class NodeSta : public LtrTest {
   protected:
     ltr_sta_tbl *t = &mgt.sta_tbl;
@@ -72,13 +80,12 @@ class NodeSta : public LtrTest {
     }
     ltr_sta *add(unsigned n) { return ltr_sta_add(t, mac_of(n).data()); }
     void del(unsigned n) { ltr_sta_del_bymac(t, mac_of(n).data()); }
+    ltr_sta *sta_of(unsigned n) { return ltr_sta_find(t, mac_of(n).data()); }
 };
 
 TEST_F(NodeSta, RandomOrdersAgainstAModel)
 {
-    const char *env = getenv("LTR_SEED"); // replay a failed run
-    unsigned seed = env ? (unsigned)strtoul(env, nullptr, 0) : std::random_device{}();
-    printf("seed %u\n", seed);
+    unsigned seed = pick_seed();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
     std::vector<mac_t> model;
@@ -100,6 +107,158 @@ TEST_F(NodeSta, RandomOrdersAgainstAModel)
             expect_consistent(t, model);
     }
     expect_consistent(t, model);
+}
+
+// The index against a naive walk of the list: the first reading from the front under
+// the reporter's MAC, for every (station, reporter) pair, after every step of a random
+// mix of adds (duplicate reporters included), deletes, flushes, station deletes and
+// changes of this AP's MAC. Few stations and reporters, so the index grows and shrinks
+// through every size and the duplicates' shadowing is exercised.
+TEST_F(NodeSta, ReadingIndexAgainstAWalk)
+{
+    unsigned seed = pick_seed();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 rng(seed);
+    const unsigned n_sta = 12, n_ap = 10;
+    auto check = [&] {
+        size_t total = 0, distinct = 0;
+        for (unsigned n = 0; n < n_sta; n++) {
+            ltr_sta *s = ltr_sta_find(t, mac_of(n).data());
+            if (!s)
+                continue;
+            total += readings_of(s).size();
+            for (unsigned a = 0; a < n_ap; a++) {
+                ltr_rssi_data d = reading((uint8_t)a);
+                ltr_rssi_entry *walk = s->rssi_list;
+                while (walk && memcmp(walk->rssi_data.ap_mac, d.ap_mac, 6))
+                    walk = walk->link.next;
+                ASSERT_EQ(ltr_rssi_find(s, d.ap_mac), walk) << "station " << n << " reporter " << a;
+                distinct += walk != nullptr;
+            }
+        }
+        const ltr_rssi_idx &x = t->rssi_idx;
+        ASSERT_EQ(x.count, distinct);
+        ASSERT_EQ(x.shadowed, total - distinct);
+        ASSERT_EQ(x.slot == nullptr, distinct == 0) << "memory of an empty index";
+        ASSERT_TRUE(x.count == 0 || x.count < x.size);
+        ASSERT_EQ(t->rssi_pool.count, total);
+        ASSERT_EQ(t->rssi_pool.chunk == nullptr, total == 0) << "memory of an empty pool";
+    };
+    for (int step = 0; step < 6000; step++) {
+        unsigned n = rng() % n_sta, what = rng() % 16;
+        ltr_sta *s = ltr_sta_find(t, mac_of(n).data());
+        if (!s) {
+            ASSERT_NE(s = add(n), nullptr);
+        }
+        // Growth and shrinkage in phases: a long run of adds, then a long run of deletes.
+        bool filling = (step / 700) % 2 == 0;
+        if (what < (filling ? 11u : 3u)) {
+            ltr_rssi_data d = reading((uint8_t)(rng() % n_ap));
+            if (s->rssi_cnt < s->max_rssi_cnt) {
+                ASSERT_NE(ltr_rssi_add(s, &d), nullptr);
+            }
+        } else if (what < 14 && s->rssi_list) {
+            ltr_rssi_entry *e = s->rssi_list;
+            for (unsigned k = rng() % (unsigned)s->rssi_cnt; k; k--)
+                e = e->link.next;
+            ltr_rssi_del(e);
+        } else if (what == 14) {
+            if (rng() % 2)
+                ltr_rssi_flush(s);
+            else
+                del(n);
+        } else {
+            mgt.my_mac[0] = 0x0a, mgt.my_mac[5] = (uint8_t)(rng() % n_ap); // an own reading now
+        }
+        check();
+        if (HasFatalFailure())
+            return;
+    }
+}
+
+// Full load and back: the load stays between the bounds while the index grows and
+// shrinks, and its memory goes when the last reading does.
+TEST_F(NodeSta, ReadingIndexSizeFollowsTheCount)
+{
+    for (unsigned n = 0; n < 512; n++) {
+        ltr_sta *s = add(n);
+        for (unsigned a = 0; a < LTR_RSSI_MAX; a++) {
+            ltr_rssi_data d = reading((uint8_t)a);
+            ASSERT_NE(ltr_rssi_add(s, &d), nullptr);
+            ASSERT_LE(t->rssi_idx.count * 10, t->rssi_idx.size * 8);
+        }
+    }
+    EXPECT_EQ(t->rssi_idx.count, 512u * LTR_RSSI_MAX);
+    ltr_rssi_data last = reading(LTR_RSSI_MAX - 1);
+    EXPECT_EQ(ltr_rssi_find(sta_of(511), last.ap_mac), sta_of(511)->rssi_list);
+    for (unsigned n = 0; n < 512; n++) {
+        ltr_sta *s = sta_of(n);
+        while (s->rssi_list) {
+            ltr_rssi_del(s->rssi_list->link.next ? s->rssi_list->link.next : s->rssi_list);
+            ASSERT_TRUE(t->rssi_idx.count == 0 || t->rssi_idx.count * 10 >= t->rssi_idx.size * 2);
+        }
+    }
+    EXPECT_EQ(t->rssi_idx.slot, nullptr);
+    EXPECT_EQ(t->rssi_idx.size, 0u);
+    EXPECT_EQ(t->rssi_pool.chunk, nullptr);
+}
+
+// A chunk goes with its last reading, and its number is taken again; a freed reading is
+// poisoned under ASan (a use after delete is reported, as with a heap block).
+TEST_F(NodeSta, ReadingPoolChunks)
+{
+    ltr_sta *s = add(1), *s2 = add(2);
+    std::vector<ltr_rssi_entry *> e;
+    for (unsigned a = 0; a < 2 * LTR_RSSI_CHUNK; a++) {
+        ltr_rssi_data d = reading((uint8_t)a);
+        e.push_back(ltr_rssi_add(a < LTR_RSSI_CHUNK ? s : s2, &d));
+        ASSERT_NE(e.back(), nullptr);
+        ASSERT_EQ(e.back()->life_cnt, 0) << "zero-filled";
+        e.back()->life_cnt = 7;
+    }
+    const ltr_rssi_pool &p = t->rssi_pool;
+    for (unsigned i = 0; i < LTR_RSSI_CHUNK; i++)
+        ltr_rssi_del(e[i]); // the whole first chunk
+    EXPECT_EQ(p.chunk[0], nullptr);
+    EXPECT_EQ(p.chunk[1]->free, 0u);
+    ltr_rssi_data d = reading(200);
+    ltr_rssi_entry *n = ltr_rssi_add(s, &d);
+    EXPECT_EQ(n->no, 0u) << "a new chunk under the free number";
+    EXPECT_EQ(n->life_cnt, 0);
+    ltr_rssi_del(e[LTR_RSSI_CHUNK + 3]);
+    EXPECT_EQ(p.chunk[1]->free, 1ull << 3);
+    d = reading(201);
+    EXPECT_EQ(ltr_rssi_add(s2, &d), e[LTR_RSSI_CHUNK + 3]) << "the slot just freed";
+#if defined(__SANITIZE_ADDRESS__)
+    ltr_rssi_entry *gone = e[LTR_RSSI_CHUNK + 5];
+    ltr_rssi_del(gone);
+    EXPECT_DEATH((void)*(volatile int32_t *)&gone->life_cnt, "use-after-poison");
+#endif
+}
+
+// An index that cannot grow still takes readings while a slot is free (one always stays
+// free, or a probe would not end); the one that would fill it is refused as out of memory.
+TEST_F(NodeSta, ReadingIndexGrowthFailure)
+{
+    ltr_sta *s = add(1);
+    std::vector<uint8_t> held;
+    for (uint8_t a = 0;; a++) {
+        ltr_rssi_data d = reading(a);
+        ltr_alloc_fail_at = a < 8 ? 0 : 2; // the reading is allocated, the growth fails
+        ltr_rssi_entry *e = ltr_rssi_add(s, &d);
+        ltr_alloc_fail_at = 0;
+        if (!e)
+            break;
+        held.insert(held.begin(), a);
+    }
+    EXPECT_EQ(t->rssi_idx.count + 1, t->rssi_idx.size);
+    EXPECT_GT(held.size(), 8u) << "some taken without growth";
+    EXPECT_EQ(readings_of(s), held);
+    EXPECT_EQ(fake::log_text(), "no free memory!\n");
+    for (uint8_t a : held) {
+        ltr_rssi_data d = reading(a);
+        EXPECT_EQ(ltr_rssi_find(s, d.ap_mac)->rssi_data.ap_mac[5], a);
+    }
 }
 
 TEST_F(NodeSta, TableLimitAndFlush)
@@ -129,7 +288,14 @@ TEST_F(NodeSta, AllocationFailureLinksNothing)
     ltr_alloc_fail_at = 1;
     EXPECT_EQ(ltr_rssi_add(s, &d), nullptr);
     EXPECT_EQ(readings_of(s), std::vector<uint8_t>{});
-    EXPECT_EQ(fake::log_text(), "no free memory!\nno free memory!\n");
+    // The reading itself fails, also where the pool and the index have room.
+    ASSERT_NE(ltr_rssi_add(s, &d), nullptr);
+    ltr_rssi_data d2 = reading(2);
+    ltr_alloc_fail_at = 1;
+    EXPECT_EQ(ltr_rssi_add(s, &d2), nullptr);
+    EXPECT_EQ(ltr_alloc_fail_at, 0);
+    EXPECT_EQ(readings_of(s), std::vector<uint8_t>{1});
+    EXPECT_EQ(fake::log_text(), "no free memory!\nno free memory!\nno free memory!\n");
 }
 
 } // namespace

@@ -5,7 +5,7 @@
 
 int ltr_alloc_fail_at;
 
-static bool fail_now()
+bool ltr_alloc_fails()
 {
     if (ltr_alloc_fail_at > 0 && --ltr_alloc_fail_at == 0)
         return true;
@@ -14,12 +14,12 @@ static bool fail_now()
 
 void *ltr_calloc(size_t size)
 {
-    return fail_now() ? nullptr : calloc(1, size);
+    return ltr_alloc_fails() ? nullptr : calloc(1, size);
 }
 
 void *ltr_realloc(void *p, size_t size)
 {
-    return fail_now() ? nullptr : realloc(p, size);
+    return ltr_alloc_fails() ? nullptr : realloc(p, size);
 }
 
 void ltr_free(void *p)

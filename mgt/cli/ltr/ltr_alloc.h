@@ -10,6 +10,10 @@
 // 0: off. n > 0: the n-th allocation from now fails (1 = the next one), once.
 extern int ltr_alloc_fail_at;
 
+// One allocation's turn of ltr_alloc_fail_at: true when it is the one to fail. For
+// allocators that hand out pieces of larger blocks.
+bool ltr_alloc_fails();
+
 void *ltr_calloc(size_t size);
 void *ltr_realloc(void *p, size_t size); // the old block stays valid on failure
 void ltr_free(void *p);

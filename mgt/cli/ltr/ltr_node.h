@@ -39,14 +39,36 @@ inline bool ltr_mac_eq(const uint8_t *a, const uint8_t *b)
     return ((a4 ^ b4) | (uint32_t)(a2 ^ b2)) == 0;
 }
 
+// Fields by size, so that a reading is 48 bytes on a 64-bit target (32,768 of them at
+// full load).
 struct ltr_rssi_entry {
     ltr_link<ltr_rssi_entry> link; // in sta->rssi_list, newest first
     ltr_sta *sta;
     int32_t life_cnt;
     int32_t life_start;
-    int8_t last_pwr_rpt;
-    uint32_t ni_local; // 1: heard by this AP's radios; 0: relayed
     ltr_rssi_data rssi_data;
+    int8_t last_pwr_rpt;
+    uint8_t ni_local; // 1: heard by this AP's radios; 0: relayed
+    uint32_t no;      // its place in the table's pool
+};
+static_assert(sizeof(void *) != 8 || sizeof(ltr_rssi_entry) == 48);
+
+// The readings live in chunks owned by the station table: no allocator header per
+// reading, and a reading is known by a 32-bit number (chunk, slot), which is what the
+// index holds. A chunk goes when its last reading does.
+#define LTR_RSSI_CHUNK 64 // one word of free bits
+struct ltr_rssi_chunk {
+    uint64_t free; // bit i: e[i] is free
+    ltr_link<ltr_rssi_chunk> plink; // in the pool's list of chunks with a free slot
+    uint32_t no;
+    ltr_rssi_entry e[LTR_RSSI_CHUNK];
+};
+
+struct ltr_rssi_pool {
+    ltr_rssi_chunk **chunk; // by chunk number; null: none
+    uint32_t n_chunk;       // length of chunk[]
+    uint32_t count;         // readings held
+    ltr_rssi_chunk *partial; // chunks with a free slot
 };
 
 struct ltr_sta {
@@ -55,8 +77,8 @@ struct ltr_sta {
     ltr_sta_tbl *sta_tbl;
     uint8_t macaddr[6];
     ltr_rssi_entry *rssi_list;
-    // The newest reading under sta_tbl->self_mac (this AP's own reading), or null: the
-    // cycle finds it without walking the reporters.
+    // What the index finds under sta_tbl->self_mac (this AP's own reading), or null: the
+    // cycle looks its own reading up for every record, a load is cheaper than a probe.
     ltr_rssi_entry *self;
     int32_t max_rssi_cnt;
     int32_t rssi_cnt;
@@ -66,11 +88,24 @@ struct ltr_sta {
     uint32_t need_report;
 };
 
+// Every station's newest reading per reporter, by (station, reporter MAC): a record or a
+// relay finds its reading without walking the station's up to 64 readings. Open
+// addressing with linear probing; sized to the count (not a power of two), freed when
+// empty.
+struct ltr_rssi_idx {
+    uint32_t *slot; // a reading's pool number + 1; 0: free
+    uint32_t size;
+    uint32_t count;
+    uint32_t shadowed; // readings behind a newer one of the same reporter: none, no walk
+};
+
 struct ltr_sta_tbl {
     ltr_tlist<ltr_sta> sta_list;
     ltr_sta *hash[LTR_STA_HASH_SIZE];
     int32_t max_sta;
     int32_t sta_cnt;
+    ltr_rssi_idx rssi_idx;
+    ltr_rssi_pool rssi_pool;
     uint8_t self_mac[6]; // the MAC the stations' self links are for (mgt.my_mac)
 };
 
@@ -84,6 +119,23 @@ ltr_rssi_entry *ltr_rssi_find(ltr_sta *sta, const uint8_t *macaddr);
 ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data);
 void ltr_rssi_del(ltr_rssi_entry *rssi_entry);
 void ltr_rssi_flush(ltr_sta *sta);
+
+// The index and the pool alone (the functions above keep them right).
+ltr_rssi_entry *ltr_rssi_idx_find(const ltr_sta_tbl *t, const ltr_sta *sta, const uint8_t *macaddr);
+// e becomes what its (station, reporter) finds. False when the index is full and cannot
+// grow (out of memory): nothing changed.
+bool ltr_rssi_idx_put(ltr_sta_tbl *t, ltr_rssi_entry *e);
+// e, which its key finds, is going: heir (an older reading under the same key) or
+// nothing takes its place.
+void ltr_rssi_idx_drop(ltr_sta_tbl *t, ltr_rssi_entry *e, ltr_rssi_entry *heir);
+// A zero-filled reading with its number set, or null (out of memory, or the allocation
+// ltr_alloc_fail_at picks).
+ltr_rssi_entry *ltr_rssi_pool_get(ltr_rssi_pool *p);
+void ltr_rssi_pool_put(ltr_rssi_pool *p, ltr_rssi_entry *e);
+inline ltr_rssi_entry *ltr_rssi_pool_at(const ltr_rssi_pool *p, uint32_t no)
+{
+    return &p->chunk[no / LTR_RSSI_CHUNK]->e[no % LTR_RSSI_CHUNK];
+}
 
 // Tracking list.
 #define LTR_TRACK_MAC 0u

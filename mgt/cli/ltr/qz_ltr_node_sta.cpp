@@ -86,15 +86,6 @@ void ltr_sta_del_bymac(ltr_sta_tbl *sta_tbl, const uint8_t *macaddr)
 
 namespace {
 
-// The newest reading under macaddr, from e on.
-ltr_rssi_entry *rssi_walk(ltr_rssi_entry *e, const uint8_t *macaddr)
-{
-    for (; e; e = e->link.next)
-        if (ltr_mac_eq(e->rssi_data.ap_mac, macaddr))
-            return e;
-    return nullptr;
-}
-
 // Whether macaddr is this AP's own. The self links follow the AP's MAC: when it changed,
 // they are pointed at the readings under the new one first.
 bool rssi_is_self(ltr_sta *sta, const uint8_t *macaddr)
@@ -105,7 +96,7 @@ bool rssi_is_self(ltr_sta *sta, const uint8_t *macaddr)
     if (!ltr_mac_eq(t->self_mac, mgt.my_mac)) {
         memcpy(t->self_mac, mgt.my_mac, 6);
         for (ltr_sta *s = t->sta_list.first; s; s = s->list.next)
-            s->self = rssi_walk(s->rssi_list, t->self_mac);
+            s->self = ltr_rssi_idx_find(t, s, t->self_mac);
     }
     return ltr_mac_eq(macaddr, t->self_mac);
 }
@@ -117,24 +108,30 @@ ltr_rssi_entry *ltr_rssi_find(ltr_sta *sta, const uint8_t *macaddr)
     LTR_CHECK(sta != LTR_NULL && macaddr != LTR_NULL);
     if (rssi_is_self(sta, macaddr))
         return sta->self;
-    return rssi_walk(sta->rssi_list, macaddr);
+    return sta->sta_tbl ? ltr_rssi_idx_find(sta->sta_tbl, sta, macaddr) : nullptr;
 }
 
 ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data)
 {
-    LTR_CHECK(sta != LTR_NULL && rssi_data != LTR_NULL);
+    LTR_CHECK(sta != LTR_NULL && rssi_data != LTR_NULL && sta->sta_tbl != LTR_NULL);
+    ltr_sta_tbl *t = sta->sta_tbl;
     if (sta->rssi_cnt >= sta->max_rssi_cnt) {
         qz_log(0, 4, "staion %m (max rssi cnt %d): no more node available for the rssi from ap %m!\n",
                sta->macaddr, sta->max_rssi_cnt, rssi_data->ap_mac);
         return nullptr;
     }
-    ltr_rssi_entry *e = ltr_new<ltr_rssi_entry>();
+    ltr_rssi_entry *e = ltr_rssi_pool_get(&t->rssi_pool);
     if (!e) {
         qz_log(0, 4, "no free memory!\n");
         return nullptr;
     }
     memcpy(&e->rssi_data, rssi_data, sizeof(e->rssi_data));
     e->sta = sta;
+    if (!ltr_rssi_idx_put(t, e)) {
+        ltr_rssi_pool_put(&t->rssi_pool, e);
+        qz_log(0, 4, "no free memory!\n");
+        return nullptr;
+    }
     ltr_list_push_front(&sta->rssi_list, e, &ltr_rssi_entry::link);
     sta->rssi_cnt++;
     if (rssi_is_self(sta, rssi_data->ap_mac))
@@ -144,14 +141,21 @@ ltr_rssi_entry *ltr_rssi_add(ltr_sta *sta, const ltr_rssi_data *rssi_data)
 
 void ltr_rssi_del(ltr_rssi_entry *rssi_entry)
 {
-    LTR_CHECK(rssi_entry != LTR_NULL);
+    LTR_CHECK(rssi_entry != LTR_NULL && rssi_entry->sta != LTR_NULL);
     ltr_sta *sta = rssi_entry->sta;
-    if (sta && sta->self == rssi_entry) // an older reading under the same MAC takes over
-        sta->self = rssi_walk(rssi_entry->link.next, rssi_entry->rssi_data.ap_mac);
+    ltr_sta_tbl *t = sta->sta_tbl;
+    LTR_CHECK(t != LTR_NULL);
+    // The index holds the newest reading of a reporter: the next one under the same MAC,
+    // if any, is older. Without shadowed readings there is none to look for.
+    ltr_rssi_entry *heir = t->rssi_idx.shadowed ? rssi_entry->link.next : nullptr;
+    while (heir && !ltr_mac_eq(heir->rssi_data.ap_mac, rssi_entry->rssi_data.ap_mac))
+        heir = heir->link.next;
+    ltr_rssi_idx_drop(t, rssi_entry, heir);
+    if (sta->self == rssi_entry)
+        sta->self = heir;
     ltr_list_unlink(rssi_entry, &ltr_rssi_entry::link);
-    if (sta)
-        sta->rssi_cnt--;
-    ltr_delete(rssi_entry);
+    sta->rssi_cnt--;
+    ltr_rssi_pool_put(&t->rssi_pool, rssi_entry);
 }
 
 void ltr_rssi_flush(ltr_sta *sta)

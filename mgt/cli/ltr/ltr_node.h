@@ -39,19 +39,25 @@ inline bool ltr_mac_eq(const uint8_t *a, const uint8_t *b)
     return ((a4 ^ b4) | (uint32_t)(a2 ^ b2)) == 0;
 }
 
-// Fields by size, so that a reading is 48 bytes on a 64-bit target (32,768 of them at
-// full load).
+// The record's fields in their documented order and widths; its pool number sits in
+// the tail padding after the packed reading, so it costs no space: 56 bytes on a 64-bit
+// target, 44 on a 32-bit one.
 struct ltr_rssi_entry {
     ltr_link<ltr_rssi_entry> link; // in sta->rssi_list, newest first
     ltr_sta *sta;
     int32_t life_cnt;
     int32_t life_start;
-    ltr_rssi_data rssi_data;
     int8_t last_pwr_rpt;
-    uint8_t ni_local; // 1: heard by this AP's radios; 0: relayed
-    uint32_t no;      // its place in the table's pool
+    uint32_t ni_local; // 1: heard by this AP's radios; 0: relayed
+    ltr_rssi_data rssi_data;
+    uint32_t no; // its place in the table's pool
 };
-static_assert(sizeof(void *) != 8 || sizeof(ltr_rssi_entry) == 48);
+static_assert(offsetof(ltr_rssi_entry, sta) == 2 * sizeof(void *));
+static_assert(offsetof(ltr_rssi_entry, life_cnt) == 3 * sizeof(void *));
+static_assert(offsetof(ltr_rssi_entry, last_pwr_rpt) == 3 * sizeof(void *) + 8);
+static_assert(offsetof(ltr_rssi_entry, ni_local) == 3 * sizeof(void *) + 12);
+static_assert(offsetof(ltr_rssi_entry, rssi_data) == 3 * sizeof(void *) + 16);
+static_assert(sizeof(ltr_rssi_entry) == 3 * sizeof(void *) + 32);
 
 // The readings live in chunks owned by the station table: no allocator header per
 // reading, and a reading is known by a 32-bit number (chunk, slot), which is what the

@@ -1,6 +1,6 @@
 """The location server's outputs on a live site: the JSON API, the map page in a
 headless browser, and MQTT through a real broker (one that starts late, too).
-LTR_MAP_SCREENSHOT=FILE saves the page as the page test left it (the README's picture)."""
+LTR_MAP_SCREENSHOT=FILE saves the page as the page test left it."""
 import json
 import os
 import shutil

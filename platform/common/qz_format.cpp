@@ -1,7 +1,5 @@
-// The platform's text formatter, shared by logging, debug, CLI output, and qz_snprintf (defined
-// here once for every platform: the runtime, the fake and the lean one).
+// The platform's text formatter, shared by logging, debug, CLI output and qz_snprintf.
 #include "qz_format.h"
-#include "qz.h"
 
 #include <stdint.h>
 #include <stdio.h>
@@ -215,13 +213,4 @@ std::string qz_format_str(const char *fmt, ...)
     std::string s = qz_vformat_str(fmt, ap);
     va_end(ap);
     return s;
-}
-
-int qz_snprintf(char *buf, size_t size, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    int n = qz_vformat(buf, size, fmt, ap);
-    va_end(ap);
-    return n;
 }

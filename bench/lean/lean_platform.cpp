@@ -2,6 +2,7 @@
 // call the core from one thread.
 #include "lean_platform.h"
 
+#include <stdarg.h>
 #include <net/if.h>
 #include <stdio.h>
 #include <string.h>
@@ -14,7 +15,6 @@
 #include "qz_db.h"
 #include "qz_event.h"
 #include "qz_evt_names.h"
-#include "qz_format.h"
 #include "qz_hw.h"
 #include "qz_log.h"
 #include "qz_mpi.h"
@@ -170,15 +170,6 @@ void __qz_err(const char *, int, const char *fmt, ...)
     va_end(ap);
 }
 void qz_hexdump(const void *, int) {}
-int qz_snprintf(char *buf, size_t size, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    int n = qz_vformat(buf, size, fmt, ap);
-    va_end(ap);
-    return n;
-}
-
 int qz_daemonize(int, int) { return 0; }
 void *qz_shm_create(int *id, int, int size)
 {

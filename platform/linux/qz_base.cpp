@@ -4,7 +4,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdarg.h>
 #include <string.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -15,7 +14,6 @@
 
 #include <string>
 
-#include "qz_format.h"
 #include "rt_config.h"
 #include "rt_entry.h"
 #include "rt_log.h"
@@ -140,11 +138,3 @@ int qz_shm_destroy(int id, void *addr)
     return rc;
 }
 
-int qz_snprintf(char *buf, size_t size, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    int n = qz_vformat(buf, size, fmt, ap);
-    va_end(ap);
-    return n;
-}

@@ -159,19 +159,9 @@ int qz_pmpt_timer_start(qz_pmpt_timer_t *t, unsigned int seconds)
     return 0;
 }
 
-int qz_pmpt_timer_stop(qz_pmpt_timer_t *t)
-{
-    if (!t)
-        return -1;
-    timer_service &s = svc();
-    std::lock_guard g(s.mu);
-    if (t->deleted)
-        return -1;
-    disarm_locked(s, t);
-    return 0;
-}
+namespace {
 
-int qz_pmpt_timer_delete(qz_pmpt_timer_t *t)
+int stop_timer(qz_pmpt_timer_t *t, bool and_delete)
 {
     if (!t)
         return -1;
@@ -180,6 +170,8 @@ int qz_pmpt_timer_delete(qz_pmpt_timer_t *t)
     if (t->deleted)
         return -1;
     disarm_locked(s, t);
+    if (!and_delete)
+        return 0;
     // A running callback (perhaps the caller itself) still uses the record: the timer
     // thread frees it when the callback returns. Never waits, so no lock order arises.
     if (t->running)
@@ -188,6 +180,12 @@ int qz_pmpt_timer_delete(qz_pmpt_timer_t *t)
         delete t;
     return 0;
 }
+
+} // namespace
+
+int qz_pmpt_timer_stop(qz_pmpt_timer_t *t) { return stop_timer(t, false); }
+
+int qz_pmpt_timer_delete(qz_pmpt_timer_t *t) { return stop_timer(t, true); }
 
 int qz_pmpt_timer_time2fire(qz_pmpt_timer_t *t)
 {

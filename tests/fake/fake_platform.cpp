@@ -332,15 +332,6 @@ void *qz_shm_create(int *id, int key, int size)
     return seg.data();
 }
 
-int qz_snprintf(char *buf, size_t size, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    int n = qz_vformat(buf, size, fmt, ap);
-    va_end(ap);
-    return n;
-}
-
 int qz_pthread_create(pthread_t *thread, qz_thread_fn fn, void *arg, int a, int b, int c)
 {
     {

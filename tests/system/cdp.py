@@ -5,9 +5,11 @@ import fcntl
 import json
 import os
 import shutil
+import struct
 import subprocess
 import threading
 import time
+import zlib
 
 
 def chromium():
@@ -121,6 +123,21 @@ class Browser:
                 elif m == "Log.entryAdded" and p["entry"].get("level") == "error":
                     out.append(p["entry"].get("text", ""))
         return out
+
+    def pixel(self, x, y):
+        """The colour (r, g, b) the page shows at CSS pixel x, y."""
+        clip = {"x": x, "y": y, "width": 1, "height": 1, "scale": 1}
+        png = base64.b64decode(self.call("Page.captureScreenshot", {"format": "png", "clip": clip})["data"])
+        pos, idat = 8, b""
+        while pos + 8 <= len(png):
+            n, kind = struct.unpack_from(">I4s", png, pos)
+            if kind == b"IHDR":
+                assert png[pos + 16:pos + 18] in (b"\x08\x02", b"\x08\x06"), "8-bit RGB(A) expected"
+            elif kind == b"IDAT":
+                idat += png[pos + 8:pos + 8 + n]
+            pos += 12 + n
+        # One pixel: whatever the row's filter, it leaves the first pixel as it is.
+        return tuple(zlib.decompress(idat)[1:4])
 
     def screenshot(self, path):
         data = self.call("Page.captureScreenshot", {"format": "png"})["data"]

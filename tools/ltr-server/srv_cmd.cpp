@@ -68,6 +68,45 @@ std::vector<std::string> split(const std::string &s, char sep)
     }
 }
 
+// What a MAC or OUI list says about its bad entries.
+struct addr_list_text {
+    const char *bad;      // then the entry in quotes and the wanted form
+    const char *want;
+    const char *group;    // after the entry
+    const char *too_many; // then the count
+};
+constexpr addr_list_text mac_list_text = {
+    "bad MAC address", "aa:bb:cc:dd:ee:ff", " is a group (multicast or broadcast) address, not a station",
+    "a MAC list holds at most 254 addresses, got "};
+constexpr addr_list_text oui_list_text = {
+    "bad OUI", "aa:bb:cc", " has the group bit set: only multicast addresses are in it",
+    "an OUI list holds at most 255 OUIs, got "};
+
+// A comma-separated list of individual (not group) addresses, at most max of them.
+template <size_t N>
+bool parse_addr_list(const std::string &val, bool (*parse)(const std::string &, std::array<uint8_t, N> &),
+                     const addr_list_text &t, size_t max, std::vector<std::array<uint8_t, N>> &out,
+                     std::string &err)
+{
+    for (const std::string &e : split(val, ',')) {
+        std::array<uint8_t, N> a;
+        if (!parse(e, a)) {
+            err = std::string(t.bad) + " \"" + e + "\" (want " + t.want + ")";
+            return false;
+        }
+        if (ltr_mac_is_group(a.data())) {
+            err = e + t.group;
+            return false;
+        }
+        out.push_back(a);
+    }
+    if (out.size() > max) {
+        err = t.too_many + std::to_string(out.size());
+        return false;
+    }
+    return true;
+}
+
 bool parse_item(const std::string &item, bytes &tlv, std::string &err)
 {
     size_t eq = item.find('=');
@@ -99,43 +138,15 @@ bool parse_item(const std::string &item, bytes &tlv, std::string &err)
             return true;
         }
         std::vector<mac_addr> macs;
-        for (const std::string &m : split(val, ',')) {
-            mac_addr a;
-            if (!parse_mac(m, a)) {
-                err = "bad MAC address \"" + m + "\" (want aa:bb:cc:dd:ee:ff)";
-                return false;
-            }
-            if (ltr_mac_is_group(a.data())) {
-                err = m + " is a group (multicast or broadcast) address, not a station";
-                return false;
-            }
-            macs.push_back(a);
-        }
-        if (macs.size() > MAC_LIST_MAX) {
-            err = "a MAC list holds at most 254 addresses, got " + std::to_string(macs.size());
+        if (!parse_addr_list(val, parse_mac, mac_list_text, MAC_LIST_MAX, macs, err))
             return false;
-        }
         tlv = tlv_mac_list(macs);
         return true;
     }
     if (key == "oui") {
         std::vector<oui_addr> ouis;
-        for (const std::string &o : split(val, ',')) {
-            oui_addr a;
-            if (!parse_oui(o, a)) {
-                err = "bad OUI \"" + o + "\" (want aa:bb:cc)";
-                return false;
-            }
-            if (ltr_mac_is_group(a.data())) {
-                err = o + " has the group bit set: only multicast addresses are in it";
-                return false;
-            }
-            ouis.push_back(a);
-        }
-        if (ouis.size() > OUI_LIST_MAX) {
-            err = "an OUI list holds at most 255 OUIs, got " + std::to_string(ouis.size());
+        if (!parse_addr_list(val, parse_oui, oui_list_text, OUI_LIST_MAX, ouis, err))
             return false;
-        }
         tlv = tlv_oui_list(ouis);
         return true;
     }

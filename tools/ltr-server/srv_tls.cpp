@@ -46,6 +46,24 @@ ssize_t failed(tls_conn &t, int r, bool reading)
     return -1;
 }
 
+// One read or write (op) with read(2)/write(2) results: bytes moved, 0 at the peer's
+// close_notify when reading, else -1 with errno EAGAIN (try again) or EPROTO (broken).
+template <class Op> ssize_t transfer(tls_conn &t, bool reading, Op op)
+{
+    if (t.broken) {
+        errno = EPROTO;
+        return -1;
+    }
+    ERR_clear_error();
+    errno = 0;
+    size_t n = 0;
+    if (op(&n) == 1) {
+        t.wants_write = false;
+        return ssize_t(n);
+    }
+    return failed(t, 0, reading);
+}
+
 } // namespace
 
 SSL_CTX *tls_context(const std::string &cert_file, const std::string &key_file,
@@ -96,34 +114,12 @@ bool tls_start(tls_conn &t, SSL_CTX *ctx, int fd)
 
 ssize_t tls_read(tls_conn &t, void *buf, size_t len)
 {
-    if (t.broken) {
-        errno = EPROTO;
-        return -1;
-    }
-    ERR_clear_error();
-    errno = 0;
-    size_t n = 0;
-    if (SSL_read_ex(t.ssl, buf, len, &n) == 1) {
-        t.wants_write = false;
-        return ssize_t(n);
-    }
-    return failed(t, 0, true);
+    return transfer(t, true, [&](size_t *n) { return SSL_read_ex(t.ssl, buf, len, n); });
 }
 
 ssize_t tls_write(tls_conn &t, const void *buf, size_t len)
 {
-    if (t.broken) {
-        errno = EPROTO;
-        return -1;
-    }
-    ERR_clear_error();
-    errno = 0;
-    size_t n = 0;
-    if (SSL_write_ex(t.ssl, buf, len, &n) == 1) {
-        t.wants_write = false;
-        return ssize_t(n);
-    }
-    return failed(t, 0, false);
+    return transfer(t, false, [&](size_t *n) { return SSL_write_ex(t.ssl, buf, len, n); });
 }
 
 bool tls_ready(const tls_conn &t) { return t.ssl && SSL_is_init_finished(t.ssl); }

@@ -211,14 +211,17 @@ bytes tlv_u8(uint16_t type, uint8_t v)
     return b;
 }
 
-bytes tlv_mac_list(std::span<const mac_addr> macs)
+// A count byte, then the addresses (MACs or OUIs) back to back.
+template <size_t N> bytes tlv_addr_list(uint16_t type, std::span<const std::array<uint8_t, N>> list)
 {
-    bytes b = tlv_head(TLV_MAC_LIST, 5 + 6 * macs.size());
-    b.push_back(uint8_t(macs.size()));
-    for (const mac_addr &m : macs)
-        b.insert(b.end(), m.begin(), m.end());
+    bytes b = tlv_head(type, 5 + N * list.size());
+    b.push_back(uint8_t(list.size()));
+    for (const auto &a : list)
+        b.insert(b.end(), a.begin(), a.end());
     return b;
 }
+
+bytes tlv_mac_list(std::span<const mac_addr> macs) { return tlv_addr_list(TLV_MAC_LIST, macs); }
 
 bytes tlv_mac_all()
 {
@@ -227,14 +230,7 @@ bytes tlv_mac_all()
     return b;
 }
 
-bytes tlv_oui_list(std::span<const oui_addr> ouis)
-{
-    bytes b = tlv_head(TLV_OUI_LIST, 5 + 3 * ouis.size());
-    b.push_back(uint8_t(ouis.size()));
-    for (const oui_addr &o : ouis)
-        b.insert(b.end(), o.begin(), o.end());
-    return b;
-}
+bytes tlv_oui_list(std::span<const oui_addr> ouis) { return tlv_addr_list(TLV_OUI_LIST, ouis); }
 
 bytes tlv_raw(uint16_t type, std::span<const uint8_t> value)
 {

@@ -201,6 +201,19 @@ bool parse_special(const std::vector<std::string> &w, bool neg, request &out, st
     return true;
 }
 
+// A MAC or OUI argument: how it is read, what a bad one is told, its argument block.
+struct addr_arg {
+    bool (*parse)(std::string_view, uint8_t *);
+    const char *what;  // after "is not "
+    const char *group; // after the argument
+    size_t len, block;
+};
+constexpr addr_arg mac_arg = {
+    ltr_mac_parse, "a MAC address (aa:bb:cc:dd:ee:ff, aa-bb-cc-dd-ee-ff or aabb.ccdd.eeff)",
+    " is a group (multicast or broadcast) address, not a station", 6, 20};
+constexpr addr_arg oui_arg = {ltr_oui_parse, "an OUI (aa:bb:cc, aa-bb-cc or aabb.cc)",
+                              " has the group bit set: only multicast addresses are in it", 3, 16};
+
 // The argument block of a command with its one argument a (flags without the
 // argument flag); false with err set when a does not fit the command.
 bool put_argument(const cmd_def &d, const std::string &name, const std::string &a,
@@ -220,31 +233,19 @@ bool put_argument(const cmd_def &d, const std::string &name, const std::string &
         }
         out.block.assign(16, 0);
         put_le32(out.block, 12, v);
-    } else if (d.arg == arg_kind::mac) {
-        uint8_t mac[6];
-        if (!ltr_mac_parse(a, mac)) {
-            err = name + ": '" + a +
-                  "' is not a MAC address (aa:bb:cc:dd:ee:ff, aa-bb-cc-dd-ee-ff or aabb.ccdd.eeff)";
-            return false;
-        }
-        if (!(flags & FLAG_NEG) && d.negatable && ltr_mac_is_group(mac)) {
-            err = name + ": " + a + " is a group (multicast or broadcast) address, not a station";
-            return false;
-        }
-        out.block.assign(20, 0);
-        memcpy(&out.block[12], mac, 6);
     } else {
-        uint8_t oui[3];
-        if (!ltr_oui_parse(a, oui)) {
-            err = name + ": '" + a + "' is not an OUI (aa:bb:cc, aa-bb-cc or aabb.cc)";
+        const addr_arg &k = d.arg == arg_kind::mac ? mac_arg : oui_arg;
+        uint8_t addr[6];
+        if (!k.parse(a, addr)) {
+            err = name + ": '" + a + "' is not " + k.what;
             return false;
         }
-        if (!(flags & FLAG_NEG) && d.negatable && ltr_mac_is_group(oui)) {
-            err = name + ": " + a + " has the group bit set: only multicast addresses are in it";
+        if (!(flags & FLAG_NEG) && d.negatable && ltr_mac_is_group(addr)) {
+            err = name + ": " + a + k.group;
             return false;
         }
-        out.block.assign(16, 0);
-        memcpy(&out.block[12], oui, 3);
+        out.block.assign(k.block, 0);
+        memcpy(&out.block[12], addr, k.len);
     }
     put_le32(out.block, 0, flags);
     return true;

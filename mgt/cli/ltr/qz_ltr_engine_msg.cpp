@@ -265,24 +265,25 @@ void ltr_msg_dump(const ltr_msg_body *body, int size)
     dump_walk({b + body_head, size - body_head, len - body_head, tlv_num, true});
 }
 
+// A count byte, then n addresses of width bytes (MACs or OUIs) back to back.
+static int build_addr_list(uint8_t *tlv, uint16_t type, const uint8_t *list, uint8_t n, int width)
+{
+    LTR_CHECK(tlv != LTR_NULL && list != LTR_NULL);
+    int len = 5 + width * n;
+    uint8_t *v = put_head(tlv, type, (uint16_t)len);
+    v[0] = n;
+    memcpy(v + 1, list, (size_t)width * n);
+    return len;
+}
+
 int ltr_tlv_build_mac_list(uint8_t *tlv, const uint8_t *mlist, uint8_t n)
 {
-    LTR_CHECK(tlv != LTR_NULL && mlist != LTR_NULL);
-    int len = 5 + 6 * n;
-    uint8_t *v = put_head(tlv, LTR_TLV_MAC_LIST, (uint16_t)len);
-    v[0] = n;
-    memcpy(v + 1, mlist, 6 * (size_t)n);
-    return len;
+    return build_addr_list(tlv, LTR_TLV_MAC_LIST, mlist, n, 6);
 }
 
 int ltr_tlv_build_oui_list(uint8_t *tlv, const uint8_t *olist, uint8_t n)
 {
-    LTR_CHECK(tlv != LTR_NULL && olist != LTR_NULL);
-    int len = 5 + 3 * n;
-    uint8_t *v = put_head(tlv, LTR_TLV_OUI_LIST, (uint16_t)len);
-    v[0] = n;
-    memcpy(v + 1, olist, 3 * (size_t)n);
-    return len;
+    return build_addr_list(tlv, LTR_TLV_OUI_LIST, olist, n, 3);
 }
 
 int ltr_tlv_build_rssi_data(uint8_t *tlv, const ltr_rssi_data *rssi_data)

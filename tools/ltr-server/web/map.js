@@ -87,11 +87,17 @@ function drawStation(s) {
   let g = layer.querySelector(`g[data-mac="${s.mac}"]`);
   const links = document.getElementById("links");
   let link = links.querySelector(`line[data-mac="${s.mac}"]`);
+  // The areas lie under everything else as one tint (the layer's opacity): a crowd of
+  // wide circles neither hides the access points and dots nor adds up to a solid wash.
+  const areas = document.getElementById("areas");
+  let area = areas.querySelector(`circle[data-mac="${s.mac}"]`);
   if (!s.position || !s.present) {
     if (g) g.remove();
     if (link) link.remove();
+    if (area) area.remove();
     return;
   }
+  if (!area) area = el("circle", { "data-mac": s.mac }, areas);
   const p = s.position, x = px(p.x), y = py(p.y);
   if (!g) {
     g = el("g", { class: "station", "data-mac": s.mac }, layer);
@@ -108,8 +114,10 @@ function drawStation(s) {
   g.setAttribute("data-y", p.y);
   g.classList.toggle("sel", state.selected === s.mac);
   g.querySelector(".trail").setAttribute("points", s.trail.map(t => `${px(t[0])},${py(t[1])}`).join(" "));
-  const c = g.querySelector(".conf");
-  c.setAttribute("cx", x); c.setAttribute("cy", y); c.setAttribute("r", Math.max(p.radius * state.box.k, 8));
+  const r = Math.max(p.radius * state.box.k, 8);
+  for (const c of [g.querySelector(".conf"), area]) {
+    c.setAttribute("cx", x); c.setAttribute("cy", y); c.setAttribute("r", r);
+  }
   const d = g.querySelector(".dot");
   d.setAttribute("cx", x); d.setAttribute("cy", y);
   const t = g.querySelector("text");
@@ -178,6 +186,7 @@ function redraw() {
   drawAps();
   document.getElementById("stations").replaceChildren();
   document.getElementById("links").replaceChildren();
+  document.getElementById("areas").replaceChildren();
   for (const s of state.stations.values()) drawStation(s);
   drawList();
   showDetail();

@@ -258,48 +258,37 @@ void settle(sock_server &s)
     rt_loop_timer_set(s.timer, next < 0 ? -1 : next - now);
 }
 
-void woke()
+// One turn of the socket's loop: body runs under the lock, then the waits are set anew.
+template <class Body> void turn(Body body)
 {
+    sock_server &s = srv();
+    std::lock_guard l(s.mu);
+    if (s.stopping)
+        return;
     static std::atomic<uint64_t> &wakes = rt_counter("wake.radio_sock"); // turns
     wakes++;
+    body(s);
+    settle(s);
 }
 
 void on_client(void *arg, uint32_t re)
 {
-    sock_server &s = srv();
-    std::lock_guard l(s.mu);
-    if (s.stopping)
-        return;
-    woke();
-    rclient &c = *static_cast<rclient *>(arg);
-    if (re & (EPOLLOUT | EPOLLERR)) {
-        flush(c);
-        run_lines(c); // lines held back while the replies were full
-    }
-    if (c.fd >= 0 && (re & (EPOLLIN | EPOLLHUP | EPOLLERR)))
-        on_readable(c);
-    settle(s);
+    turn([&](sock_server &) {
+        rclient &c = *static_cast<rclient *>(arg);
+        if (re & (EPOLLOUT | EPOLLERR)) {
+            flush(c);
+            run_lines(c); // lines held back while the replies were full
+        }
+        if (c.fd >= 0 && (re & (EPOLLIN | EPOLLHUP | EPOLLERR)))
+            on_readable(c);
+    });
 }
 
-void on_listener(void *, uint32_t)
-{
-    sock_server &s = srv();
-    std::lock_guard l(s.mu);
-    if (s.stopping)
-        return;
-    woke();
-    accept_one(s);
-    settle(s);
-}
+void on_listener(void *, uint32_t) { turn(accept_one); }
 
 void on_timer(void *, uint32_t)
 {
-    sock_server &s = srv();
-    std::lock_guard l(s.mu);
-    if (s.stopping)
-        return;
-    woke();
-    settle(s);
+    turn([](sock_server &) {});
 }
 
 } // namespace

@@ -17,9 +17,27 @@ if [ -n "$tls" ]; then
     sed -i "/^address = /a tls = true\nca_file = \"$dir/pki/ca.crt\"\ncert_file = \"$dir/pki/link-ap.crt\"\nkey_file = \"$dir/pki/link-ap.key\"" "$dir/p.toml"
     srv_tls=(--tls-cert "$dir/pki/server.crt" --tls-key "$dir/pki/server.key" --tls-ca "$dir/pki/ca.crt")
 fi
+if [ -n "$tls" ]; then
+    # Without its cryptography plugin an ltrd told to use TLS refuses to start: never
+    # plain TCP instead. (Skipped where an installed plugin is found.)
+    mkdir "$dir/bare" && cp "$ltrd" "$dir/bare/ltrd"
+    rc=0
+    QZ_PLATFORM_CONFIG=$dir/p.toml timeout 10 "$dir/bare/ltrd" > "$dir/bare.log" 2>&1 || rc=$?
+    if [ "$rc" != 124 ]; then
+        [ "$rc" = 1 ] || fail "ltrd without its plugin: exit status $rc"
+        grep -q "server.tls: cannot load the cryptography plugin: no ltrd-crypto.so" "$dir/bare.log" ||
+            fail "ltrd without its plugin did not say why: $(cat "$dir/bare.log")"
+    fi
+fi
 QZ_PLATFORM_CONFIG=$dir/p.toml "$ltrd" > "$dir/ltrd.log" 2>&1 &
 pid=$!
 for _ in $(seq 100); do [ -S "$dir/run/cli.sock" ] && break; sleep 0.1; done
+# The crypto library is mapped only where TLS (or a site key) needs it.
+if [ -n "$tls" ]; then
+    grep -q libssl "/proc/$pid/maps" || fail "TLS configured, no libssl mapped"
+else
+    ! grep -q 'libssl\|libcrypto' "/proc/$pid/maps" || fail "libcrypto mapped without TLS or a key"
+fi
 "$ltrctl" -s "$dir/run/cli.sock" location-tracking enable > /dev/null || fail "enable refused"
 # The daemon found no server at start and is backing off: allow for a few rounds.
 "$srv" --json --listen "127.0.0.1:$port" "${srv_tls[@]}" "wait-ap 1 40" \

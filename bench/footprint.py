@@ -70,7 +70,7 @@ def proc_figures(pid):
     return out
 
 
-def dirty_by_mapping(pid, top=8):
+def dirty_by_mapping(pid, top=20):
     """The mappings holding the most private dirty memory: (KiB, name)."""
     out, name = {}, None
     with open(f"/proc/{pid}/smaps") as f:

@@ -23,6 +23,7 @@ if [ -n "$tls" ]; then
     mkdir "$dir/bare" && cp "$ltrd" "$dir/bare/ltrd"
     rc=0
     QZ_PLATFORM_CONFIG=$dir/p.toml timeout 10 "$dir/bare/ltrd" > "$dir/bare.log" 2>&1 || rc=$?
+    ! grep -q "plain TCP" "$dir/bare.log" || fail "ltrd without its plugin fell back to plain TCP"
     if [ "$rc" != 124 ]; then
         [ "$rc" = 1 ] || fail "ltrd without its plugin: exit status $rc"
         grep -q "server.tls: cannot load the cryptography plugin: no ltrd-crypto.so" "$dir/bare.log" ||
@@ -32,7 +33,9 @@ fi
 QZ_PLATFORM_CONFIG=$dir/p.toml "$ltrd" > "$dir/ltrd.log" 2>&1 &
 pid=$!
 for _ in $(seq 100); do [ -S "$dir/run/cli.sock" ] && break; sleep 0.1; done
-# The crypto library is mapped only where TLS (or a site key) needs it.
+# Libraries are mapped only where the configuration needs them: the crypto library
+# for TLS (or a site key), libpcap (and what it links) for a capture radio.
+! grep -q 'libpcap\|libsystemd' "/proc/$pid/maps" || fail "libpcap mapped without a capture radio"
 if [ -n "$tls" ]; then
     grep -q libssl "/proc/$pid/maps" || fail "TLS configured, no libssl mapped"
 else

@@ -44,6 +44,13 @@ def site(build, ltrd, aps, key, root):
     s = ltrsite.Site(build, aps=aps, radios=1, key=key, root=root)
     if ltrd:
         s.bin = lambda name, b=s.bin: ltrd if name == "ltrd" else b(name)
+    # A binary or plugin just linked is dirty in the page cache until written back,
+    # and would count as the process's private memory.
+    for f in (s.bin("ltrd"), os.path.join(os.path.dirname(s.bin("ltrd")), "ltrd-crypto.so")):
+        if os.path.exists(f):
+            fd = os.open(f, os.O_RDONLY)
+            os.fsync(fd)
+            os.close(fd)
     return s
 
 

@@ -45,7 +45,7 @@ int send_to(int fd, const char *name, const std::string &bytes)
     sockaddr_un a;
     socklen_t len;
     if (fd < 0)
-        return -errno;
+        return -EBADF;
     if (!unix_addr(name, a, len))
         return -EINVAL;
     ssize_t n;
@@ -103,6 +103,8 @@ std::string rt_journal_datagram(std::span<const std::string> fields)
 
 bool rt_journal_send(std::span<const std::string> fields, const char *path)
 {
-    static unix_dgram s; // unconnected: one socket serves every thread and path
-    return send_to(s.fd, path, rt_journal_datagram(fields)) == 0;
+    // Unconnected, one for every thread and path, and never closed: lines written while
+    // the process exits (after static destructors) still go out.
+    static const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    return send_to(fd, path, rt_journal_datagram(fields)) == 0;
 }

@@ -14,7 +14,6 @@ import argparse
 import os
 import re
 import socket
-import sys
 import time
 
 import benchsite as bs

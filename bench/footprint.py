@@ -11,45 +11,15 @@ reporters are relays sent from a configured peer address.
 Usage: bench/footprint.py [--build DIR] [--ltrd PATH] [--key] [--idle-seconds N]
 """
 import argparse
-import hashlib
-import hmac
 import os
 import re
 import socket
-import struct
-import sys
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-REPO = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(REPO, "tools", "site"))
-import ltrsite  # noqa: E402
+import benchsite as bs
+from benchsite import ltrsite
 
-STATIONS = 512
-REPORTERS = 63          # relayed readings per station, besides the local one
-RELAY_PEER = "127.0.0.99"
 SITE_KEY = "footprint-key"
-
-
-def sta_mac(i):
-    return f"02:aa:00:00:{i >> 8:02x}:{i & 0xff:02x}"
-
-
-def hear_all(ap):
-    """Makes ap1's radio hear every station, through radio.sock on one connection."""
-    lines = "".join(f"hear {ap.radios[0]} {sta_mac(i)} -50 1 2412\n" for i in range(STATIONS))
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-        s.settimeout(10)
-        s.connect(ap.sock("radio.sock"))
-        s.sendall(lines.encode())
-        buf = b""
-        while buf.count(b"\n") < STATIONS:
-            chunk = s.recv(65536)
-            if not chunk:
-                break
-            buf += chunk
-    if buf.count(b"ok\n") != STATIONS:
-        raise ltrsite.SiteError(f"radio.sock refused a station: {buf[-200:]!r}")
 
 
 def stacks(pid):
@@ -99,7 +69,7 @@ def proc_figures(pid):
     return out
 
 
-def dirty_by_mapping(pid, top=8):
+def dirty_by_mapping(pid, top=20):
     """The mappings holding the most private dirty memory: (KiB, name)."""
     out, name = {}, None
     with open(f"/proc/{pid}/smaps") as f:
@@ -135,55 +105,22 @@ def show(label, fig):
           f"threads {fig['Threads']}", flush=True)
 
 
-EPOCH = int(time.time() * 1e6)
-
-
-def relays(ap, key, rnd):
-    """One datagram per (station, reporter): 28-byte relays in the neighbour envelope,
-    tagged when the site has a key; counters go on from round to round (a replayed
-    counter is dropped)."""
-    src = socket.inet_aton(RELAY_PEER)
-    out = []
-    for r in range(REPORTERS):
-        reporter = bytes([0x02, 0xfd, 0, 0, 0, r + 1])
-        for i in range(STATIONS):
-            relay = struct.pack(">I4sHH", 0, src, 16, 0) + bytes.fromhex(
-                sta_mac(i).replace(":", "")) + reporter + struct.pack(">BbH", 1, -60 - r % 20, 2412)
-            counter = (rnd * REPORTERS + r) * STATIONS + i + 1
-            d = (b"QZNM" + bytes([2, 1 if key else 0]) + struct.pack(">H", 52) + src
-                 + struct.pack(">QQ", EPOCH, counter) + relay)
-            if key:
-                d += hmac.new(key.encode(), d, hashlib.sha256).digest()[:16]
-            out.append(d)
-    return out
-
-
-def counters(ap):
-    text = ap.ctl("status").stdout
-    return {k: int(v) for k, v in re.findall(r"^(\S+) (\d+)$", text, re.M)}
-
-
 def main():
     p = argparse.ArgumentParser()
-    p.add_argument("--build", default=os.path.join(REPO, "build", "release"))
+    p.add_argument("--build", default=os.path.join(bs.REPO, "build", "release"))
     p.add_argument("--ltrd", help="ltrd to measure (default: the build's)")
     p.add_argument("--key", action="store_true", help="authenticate neighbours with a site key")
     p.add_argument("--idle-seconds", type=int, default=60)
     a = p.parse_args()
     build = os.path.abspath(a.build)
     ltrd = os.path.abspath(a.ltrd) if a.ltrd else None
-    if not ltrsite.namespaces_available():
-        sys.exit("this machine does not allow user and network namespaces (unshare -Urn)")
-    argv = [os.path.abspath(__file__), "--build", build, "--idle-seconds", str(a.idle_seconds)]
+    argv = ["--build", build, "--idle-seconds", str(a.idle_seconds)]
     argv += (["--ltrd", ltrd] if ltrd else []) + (["--key"] if a.key else [])
-    ltrsite.enter_namespaces(argv, keep=[REPO, build] + ([os.path.dirname(ltrd)] if ltrd else []))
+    bs.enter(__file__, argv, build, ltrd)
 
-    site = ltrsite.Site(build, aps=2, radios=1, key=SITE_KEY if a.key else None,
-                        root="/tmp/footprint")
-    if ltrd:
-        site.bin = lambda name, b=site.bin: ltrd if name == "ltrd" else b(name)
+    site = bs.site(build, ltrd, 2, SITE_KEY if a.key else None, "/tmp/footprint")
     ap1, ap2 = site.aps
-    ap1.write_config([ap2.ip, RELAY_PEER])
+    ap1.write_config([ap2.ip, bs.PEER])
     try:
         site.start_server()
         for ap in site.aps:
@@ -214,21 +151,26 @@ def main():
             ap.ctl("location-tracking", "report-interval", "1")
             ap.ctl("location-tracking", "enable")
         site.server.send("start all interval=1 oui=02:aa:00")
-        hear_all(ap1)
-        ltrsite.wait_until(lambda: ap1.ctl("show", "location-tracking", "rssi").stdout
-                           .count("Station: ") >= STATIONS, 20, "ap1 to hear every station")
+        bs.hear_all(ap1)
+        relays = bs.Relays(SITE_KEY if a.key else None)
         s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        s.bind((RELAY_PEER, 0))
-        rx0 = counters(ap1).get("nbr.rx", 0)
-        for rnd in range(2):  # two rounds: the second finds every reading in place
-            dgrams = relays(ap1, SITE_KEY if a.key else None, rnd)
-            for i, d in enumerate(dgrams):
-                s.sendto(d, (ap1.ip, 7421))
+        s.bind((bs.PEER, 0))
+        rx0 = bs.counters(ap1).get("nbr.rx", 0)
+        sent = 0
+        for _ in range(2):  # two rounds: the second finds every reading in place
+            for i, d in enumerate(relays.datagrams()):
+                s.sendto(d, (ap1.ip, bs.NBR_PORT))
+                sent += 1
                 if i % 256 == 255:
                     time.sleep(0.002)  # within the socket buffer
         s.close()
-        ltrsite.wait_until(lambda: counters(ap1).get("nbr.rx", 0) - rx0 >= 2 * len(dgrams), 20,
-                           "every relay to be taken in")
+        try:
+            ltrsite.wait_until(lambda: bs.counters(ap1).get("nbr.rx", 0) - rx0 >= sent, 20,
+                               "every relay to be taken in")
+        except ltrsite.SiteError as e:
+            c = bs.counters(ap1)
+            raise ltrsite.SiteError(f"{e}: {c.get('nbr.rx', 0) - rx0} of {sent}; "
+                                    f"neighbour drops: {bs.drops(c)}") from None
         show("full load", proc_figures(pid))
         text = ap1.ctl("show", "location-tracking", "rssi").stdout
         readings = len(re.findall(r"^\d+ +[0-9a-f]{4}\.", text, re.M))

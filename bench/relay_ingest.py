@@ -13,55 +13,22 @@ says what one free core would take in.
 Usage: bench/relay_ingest.py [--build DIR] [--ltrd PATH] [--seconds N]
 """
 import argparse
-import hashlib
-import hmac
 import os
 import re
-import socket
 import struct
 import subprocess
-import sys
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-REPO = os.path.dirname(HERE)
-sys.path.insert(0, os.path.join(REPO, "tools", "site"))
-import ltrsite  # noqa: E402
+import benchsite as bs
 
-STATIONS = 512
-REPORTERS = 63
-PEER = "127.0.0.99"
+PEER = bs.PEER
 KEY = "relay-ingest-key"
-TAG_LEN = 16
-
-
-def sta_mac(i):
-    return f"02:aa:00:00:{i >> 8:02x}:{i & 0xff:02x}"
 
 
 def datagrams(key):
-    """Every (reporter, station) relay in the neighbour envelope, tagged with key.
-    relay_blast gives each datagram it sends a new counter (and tag), so the receiver's
-    replay window lets it through however often the file goes round."""
-    src = socket.inet_aton(PEER)
-    epoch = int(time.time() * 1e6)
-    out = bytearray()
-    for r in range(REPORTERS):
-        reporter = bytes([0x02, 0xfd, 0, 0, 0, r + 1])
-        for i in range(STATIONS):
-            relay = struct.pack(">I4sHH", 0, src, 16, 0) + bytes.fromhex(
-                sta_mac(i).replace(":", "")) + reporter + struct.pack(">BbH", 1, -60 - r % 20, 2412)
-            d = (b"QZNM" + bytes([2, 1 if key else 0]) + struct.pack(">H", 52) + src
-                 + struct.pack(">QQ", epoch, r * STATIONS + i + 1) + relay)
-            if key:
-                d += hmac.new(key.encode(), d, hashlib.sha256).digest()[:TAG_LEN]
-            out += struct.pack(">H", len(d)) + d
-    return bytes(out)
-
-
-def counters(ap):
-    text = ap.ctl("status").stdout
-    return {k: int(v) for k, v in re.findall(r"^(\S+) (\d+)$", text, re.M)}
+    """Every (reporter, station) relay in the neighbour envelope, tagged with key, each
+    as a u16 big-endian length and its bytes."""
+    return b"".join(struct.pack(">H", len(d)) + d for d in bs.Relays(key).datagrams())
 
 
 def blast(tool, path, dst, port, seconds, key):
@@ -96,7 +63,7 @@ def cpu_by_thread(pid):
 def ingest(ap, tool, path, seconds, key):
     """Sends to ap while watching nbr.rx; returns sent, taken in, seconds until the
     last one was taken in, and the kernel's count of datagrams it dropped."""
-    before = counters(ap)
+    before = bs.counters(ap)
     cpu0 = cpu_by_thread(ap.proc.pid)
     t0 = time.monotonic()
     sender = subprocess.Popen([tool, "send", path, PEER, ap.ip, "7421", str(seconds)]
@@ -105,11 +72,11 @@ def ingest(ap, tool, path, seconds, key):
     rx, last_change, last_rx = before.get("nbr.rx", 0), t0, before.get("nbr.rx", 0)
     while sender.poll() is None or time.monotonic() - last_change < 0.5:
         time.sleep(0.05)
-        rx = counters(ap).get("nbr.rx", 0)
+        rx = bs.counters(ap).get("nbr.rx", 0)
         if rx != last_rx:
             last_rx, last_change = rx, time.monotonic()
     sent = int(re.search(r"sent (\d+)", sender.stdout.read()).group(1))
-    after = counters(ap)
+    after = bs.counters(ap)
     return (sent, after.get("nbr.rx", 0) - before.get("nbr.rx", 0), last_change - t0,
             after.get("nbr.drop.overflow", 0) - before.get("nbr.drop.overflow", 0),
             # the receiving thread: the one that worked most (the status polls above
@@ -119,9 +86,7 @@ def ingest(ap, tool, path, seconds, key):
 
 def run(build, ltrd, key, seconds):
     tool = os.path.join(build, "bench", "relay_blast")
-    site = ltrsite.Site(build, aps=1, radios=1, key=key, root=f"/tmp/relay-{'key' if key else 'plain'}")
-    if ltrd:
-        site.bin = lambda name, b=site.bin: ltrd if name == "ltrd" else b(name)
+    site = bs.site(build, ltrd, 1, key, f"/tmp/relay-{'key' if key else 'plain'}")
     ap = site.aps[0]
     ap.write_config([PEER])
     path = f"{site.root}/relays.bin"
@@ -130,16 +95,7 @@ def run(build, ltrd, key, seconds):
     try:
         site.start(enable=True, interval=1)
         site.server.send("start all interval=1 oui=02:aa:00")
-        lines = "".join(f"hear {ap.radios[0]} {sta_mac(i)} -50 1 2412\n" for i in range(STATIONS))
-        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
-            s.settimeout(10)
-            s.connect(ap.sock("radio.sock"))
-            s.sendall(lines.encode())
-            buf = b""
-            while buf.count(b"\n") < STATIONS:
-                buf += s.recv(65536)
-        ltrsite.wait_until(lambda: ap.ctl("show", "location-tracking", "rssi").stdout
-                           .count("Station: ") >= STATIONS, 20, "every station to be heard")
+        bs.hear_all(ap)
         b_sent, b_got, b_secs, b_cpu = bare(tool, path, seconds, key)
         l_sent, l_got, l_secs, l_overflow, l_cpu = ingest(ap, tool, path, seconds, key)
         show = ap.ctl("show", "location-tracking", "rssi").stdout
@@ -159,17 +115,14 @@ def run(build, ltrd, key, seconds):
 
 def main():
     p = argparse.ArgumentParser()
-    p.add_argument("--build", default=os.path.join(REPO, "build", "release"))
+    p.add_argument("--build", default=os.path.join(bs.REPO, "build", "release"))
     p.add_argument("--ltrd", help="ltrd to measure (default: the build's)")
     p.add_argument("--seconds", type=float, default=3)
     a = p.parse_args()
     build = os.path.abspath(a.build)
     ltrd = os.path.abspath(a.ltrd) if a.ltrd else None
-    if not ltrsite.namespaces_available():
-        sys.exit("this machine does not allow user and network namespaces (unshare -Urn)")
-    ltrsite.enter_namespaces([os.path.abspath(__file__), "--build", build, "--seconds", str(a.seconds)]
-                             + (["--ltrd", ltrd] if ltrd else []),
-                             keep=[REPO, build] + ([os.path.dirname(ltrd)] if ltrd else []))
+    bs.enter(__file__, ["--build", build, "--seconds", str(a.seconds)] + (["--ltrd", ltrd] if ltrd else []),
+             build, ltrd)
     print(f"relay ingest of {ltrd or os.path.join(build, 'ltrd')}, "
           f"{time.strftime('%Y-%m-%d %H:%M UTC', time.gmtime())}, {a.seconds:g} s per run, one sender")
     for key in (None, KEY):

@@ -11,7 +11,7 @@ set -euo pipefail
 pkgs=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev
       liblmdb-dev libtomlplusplus-dev libssl-dev clang libclang-rt-14-dev iproute2 python3
       libpcap-dev libnl-genl-3-dev openssl libcpp-httplib-dev nlohmann-json3-dev
-      libmosquitto-dev mosquitto mosquitto-clients chromium libeigen3-dev libsystemd-dev tshark)
+      libmosquitto-dev mosquitto mosquitto-clients chromium libeigen3-dev tshark)
 # The man pages and the Debian packages (dpkg-buildpackage, lintian; the package test).
 pkgs_deb=(scdoc dpkg-dev debhelper fakeroot lintian man-db)
 # The 32-bit build (cmake/i386.cmake) links against Debian's i386 multiarch libraries.

@@ -65,7 +65,10 @@ struct nbr_endpoint {
     std::map<uint16_t, nbr_recv_fn> modules;
     std::mutex deliver_mu;         // held while a callback runs
     std::atomic<bool> receiving{false}; // the socket is on the service loop
-    std::vector<uint8_t> buf = std::vector<uint8_t>(65536); // one datagram at a time
+    // One datagram at a time. Not zeroed: an idle daemon's receive buffer stays
+    // untouched memory, and only what datagrams fill becomes resident.
+    static constexpr size_t buf_size = 65536;
+    std::unique_ptr<uint8_t[]> buf{new uint8_t[buf_size]};
     uint32_t overflow_seen = 0;    // the socket's drop count last seen
 };
 
@@ -211,7 +214,7 @@ static void nbr_on_readable(void *arg, uint32_t)
     alignas(cmsghdr) char ctrl[CMSG_SPACE(sizeof(uint32_t))];
     for (int i = 0; i < k_rx_batch && ep->receiving; i++) {
         sockaddr_in from{};
-        iovec iov{ep->buf.data(), ep->buf.size()};
+        iovec iov{ep->buf.get(), nbr_endpoint::buf_size};
         msghdr mh{};
         mh.msg_name = &from;
         mh.msg_namelen = sizeof from;
@@ -227,11 +230,11 @@ static void nbr_on_readable(void *arg, uint32_t)
             return;
         }
         nbr_note_overflow(mh, ep->overflow_seen);
-        if (static_cast<size_t>(n) > ep->buf.size()) {
+        if (static_cast<size_t>(n) > nbr_endpoint::buf_size) {
             nbr_drop("oversize", from.sin_addr.s_addr, static_cast<size_t>(n));
             continue;
         }
-        nbr_handle(ep, ep->buf.data(), static_cast<size_t>(n), from.sin_addr.s_addr);
+        nbr_handle(ep, ep->buf.get(), static_cast<size_t>(n), from.sin_addr.s_addr);
     }
 }
 

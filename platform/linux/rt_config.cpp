@@ -3,6 +3,7 @@
 #include "mac_text.h"
 #include "rt.h"
 #include "rt_config.h"
+#include "rt_crypto.h"
 #include "rt_log.h"
 #include "srvchan.h"
 #include "srvchan_transport.h"
@@ -567,6 +568,8 @@ bool rt_config_check(const rt_config &c, std::string &err)
         std::string key, why;
         if (!rt_read_key(c.nb_key_file, key, why))
             return k.fail(c.nb_key_file + ": " + why);
+        if (!rt_crypto_ready(why))
+            return k.fail(why);
     }
     return true;
 }

@@ -27,12 +27,8 @@
 #include <map>
 #include <mutex>
 
-#ifdef LTR_HAVE_SYSTEMD
-#include <sys/uio.h>
-#include <systemd/sd-journal.h>
-#endif
-
 #include "qz_format.h"
+#include "rt_svcmgr.h"
 
 // ---- Logging ----
 
@@ -93,11 +89,7 @@ void open_sinks_locked(const rt_config &c)
 // One entry; on failure (journald gone) the line still reaches syslog.
 bool journal_send(int severity, const char *tag, const std::string &text)
 {
-    std::vector<std::string> fields = rt_journal_fields(severity, tag, text, g_syslog_ident);
-    std::vector<iovec> iov;
-    for (std::string &f : fields)
-        iov.push_back({f.data(), f.size()});
-    return sd_journal_sendv(iov.data(), (int)iov.size()) == 0;
+    return rt_journal_send(rt_journal_fields(severity, tag, text, g_syslog_ident));
 }
 #endif
 

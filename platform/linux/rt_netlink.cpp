@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -220,19 +221,20 @@ void sync_links(bool emit)
         close(fd);
         return;
     }
-    std::vector<char> buf(32768);
+    constexpr size_t size = 32768;
+    std::unique_ptr<char[]> buf(new char[size]); // not zeroed: what a dump fills
     for (bool done = false; !done;) {
-        ssize_t n = recv(fd, buf.data(), buf.size(), 0);
+        ssize_t n = recv(fd, buf.get(), size, 0);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             break;
         int len = (int)n;
-        for (const nlmsghdr *h = (const nlmsghdr *)buf.data(); nl_ok(h, len);
+        for (const nlmsghdr *h = (const nlmsghdr *)buf.get(); nl_ok(h, len);
              h = NLMSG_NEXT(h, len))
             if (h->nlmsg_type == NLMSG_DONE || h->nlmsg_type == NLMSG_ERROR)
                 done = true;
-        handle_messages(buf.data(), (int)n, emit);
+        handle_messages(buf.get(), (int)n, emit);
     }
     close(fd);
 }
@@ -269,11 +271,13 @@ int rt_netlink_open()
 
 void rt_netlink_readable()
 {
-    static std::vector<char> buf(65536);
+    // Not zeroed: only the pages messages fill become resident.
+    constexpr size_t size = 65536;
+    static std::unique_ptr<char[]> buf(new char[size]);
     for (;;) {
         sockaddr_nl from{};
         socklen_t flen = sizeof from;
-        ssize_t n = recvfrom(g_fd, buf.data(), buf.size(), MSG_TRUNC, (sockaddr *)&from, &flen);
+        ssize_t n = recvfrom(g_fd, buf.get(), size, MSG_TRUNC, (sockaddr *)&from, &flen);
         if (n < 0) {
             if (errno == EINTR)
                 continue;
@@ -291,13 +295,13 @@ void rt_netlink_readable()
             rt_counter("netlink_foreign")++;
             continue;
         }
-        if ((size_t)n > buf.size()) {
+        if ((size_t)n > size) {
             rt_counter("netlink_truncated")++;
             rt_log_ratelimited("netlink-trunc", 10, LOG_WARNING,
                                "rtnetlink: message of %d bytes truncated, dropped", (int)n);
             continue;
         }
-        handle_messages(buf.data(), (int)n, true);
+        handle_messages(buf.get(), (int)n, true);
     }
 }
 

@@ -1,5 +1,5 @@
-// Readiness, status and watchdog for a service manager, through libsystemd's
-// notification socket. The watchdog is kicked by the event thread, which carries the
+// Readiness, status and watchdog for a service manager, through its notification
+// socket. The watchdog is kicked by the event thread, which carries the
 // daemon's events under its manager lock: a hung handler, or a lock held for ever,
 // stops the kicks and the service manager restarts the daemon. No thread of its own
 // pings, since that would keep a hung daemon "alive".
@@ -13,12 +13,9 @@
 #include <atomic>
 #include <mutex>
 
-#ifdef LTR_HAVE_SYSTEMD
-#include <systemd/sd-daemon.h>
-#endif
-
 #include "rt_log.h"
 #include "rt_process.h"
+#include "rt_svcmgr.h"
 #include "srvchan.h"
 
 namespace {
@@ -39,7 +36,7 @@ bool notify_wanted()
 void send_state(const std::string &state)
 {
 #ifdef LTR_HAVE_SYSTEMD
-    int rc = sd_notify(0, state.c_str());
+    int rc = rt_sd_notify(state);
     if (rc < 0)
         rt_log_ratelimited("notify", 60, LOG_WARNING, "service manager notification failed: %s",
                            strerror(-rc));
@@ -101,8 +98,8 @@ int64_t rt_watchdog_period_ms()
 {
 #ifdef LTR_HAVE_SYSTEMD
     // WATCHDOG_USEC left behind in an environment, with no one listening, asks nothing.
-    uint64_t usec = 0;
-    if (notify_wanted() && sd_watchdog_enabled(0, &usec) > 0 && usec >= 1000)
+    uint64_t usec = rt_sd_watchdog_usec();
+    if (notify_wanted() && usec >= 1000)
         return (int64_t)(usec / 1000);
 #endif
     return 0;

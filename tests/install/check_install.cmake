@@ -3,7 +3,8 @@
 # the unit's ExecStart is the ltrd that was installed.
 # In: BUILD_DIR, SCRATCH, PREFIX (the configured CMAKE_INSTALL_PREFIX), MAN_PAGES (the
 # man pages the tree builds, relative to the prefix, separated by commas), WIRESHARK_LUA
-# (the installed dissectors, relative to the prefix).
+# (the installed dissectors, relative to the prefix), CRYPTO_PLUGIN (ltrd-crypto.so,
+# relative to the prefix).
 
 set(expected
     sbin/ltrd
@@ -18,6 +19,9 @@ set(expected
     share/bash-completion/completions/ltrctl)
 if(WIRESHARK_LUA AND NOT IS_ABSOLUTE "${WIRESHARK_LUA}")
   list(APPEND expected ${WIRESHARK_LUA})
+endif()
+if(CRYPTO_PLUGIN)
+  list(APPEND expected ${CRYPTO_PLUGIN})
 endif()
 if(MAN_PAGES)
   string(REPLACE "," ";" man_pages "${MAN_PAGES}")

@@ -16,6 +16,7 @@
 #include "rt_notify.h"
 #include "rt_process.h"
 #include "rt_stop.h"
+#include "rt_svcmgr.h"
 #include "rt_life.h"
 #include "rt_test_util.h"
 
@@ -359,6 +360,37 @@ TEST(Notify, ReadyOnlyOnceServingThenTheWatchdogFollowsTheEventThread)
     unsetenv("WATCHDOG_PID");
 }
 #endif
+
+// NOTIFY_SOCKET names a path or, with '@', an abstract socket; WATCHDOG_USEC asks a
+// period of the process WATCHDOG_PID names (any, without it).
+TEST(Notify, AbstractSocketsAndTheWatchdogOfThisProcessOnly)
+{
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    std::string name = "@ltrd-notify-test-" + std::to_string(getpid());
+    sockaddr_un a{AF_UNIX, {}};
+    memcpy(a.sun_path + 1, name.data() + 1, name.size() - 1);
+    ASSERT_EQ(bind(fd, (sockaddr *)&a, socklen_t(offsetof(sockaddr_un, sun_path) + name.size())), 0);
+    setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    EXPECT_EQ(rt_sd_notify("STATUS=x\nWATCHDOG=1"), 0);
+    char buf[64];
+    ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+    EXPECT_EQ(std::string(buf, size_t(n > 0 ? n : 0)), "STATUS=x\nWATCHDOG=1");
+    setenv("NOTIFY_SOCKET", "relative/notify", 1);
+    EXPECT_EQ(rt_sd_notify("READY=1"), -EINVAL);
+    unsetenv("NOTIFY_SOCKET");
+    EXPECT_EQ(rt_sd_notify("READY=1"), 0); // no one asked
+    close(fd);
+
+    setenv("WATCHDOG_USEC", "30000000", 1);
+    EXPECT_EQ(rt_sd_watchdog_usec(), 30000000u);
+    setenv("WATCHDOG_PID", std::to_string(getpid() + 1).c_str(), 1); // our parent's, say
+    EXPECT_EQ(rt_sd_watchdog_usec(), 0u);
+    setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1);
+    setenv("WATCHDOG_USEC", "30s", 1);
+    EXPECT_EQ(rt_sd_watchdog_usec(), 0u);
+    unsetenv("WATCHDOG_USEC");
+    unsetenv("WATCHDOG_PID");
+}
 
 // Without NOTIFY_SOCKET nothing is sent and the event thread never wakes on its own.
 TEST_F(Event, WithoutAServiceManagerTheEventThreadSleeps)

@@ -15,6 +15,7 @@
 #include "rt_config.h"
 #include "rt_debug.h"
 #include "rt_log.h"
+#include "rt_svcmgr.h"
 #include "rt_test_util.h"
 
 namespace {
@@ -127,7 +128,9 @@ TEST(Journal, FieldsNameTagAndSubjectOfTheLine)
     EXPECT_EQ(rt_journal_fields(3, nullptr, "x", "ltrd").size(), 4u);
 }
 
-TEST(Journal, OnlyASocketAtThePathCountsAsJournald)
+// An entry is one datagram to the socket: plain fields as lines, a value with a
+// newline as its length (64-bit little-endian) and bytes; nothing listening: not sent.
+TEST(Journal, OnlyASocketAtThePathCountsAsJournaldAndTakesOneDatagramAnEntry)
 {
     rt_scratch s;
     EXPECT_FALSE(rt_journal_present(s.path("socket").c_str()));
@@ -139,5 +142,15 @@ TEST(Journal, OnlyASocketAtThePathCountsAsJournald)
     strcpy(a.sun_path, p.c_str());
     ASSERT_EQ(bind(fd, (sockaddr *)&a, sizeof a), 0);
     EXPECT_TRUE(rt_journal_present(p.c_str()));
+
+    using namespace std::string_literals;
+    std::vector<std::string> f{"MESSAGE=two\nlines", "PRIORITY=4", "LTR_TAG=a=b", "junk"};
+    ASSERT_TRUE(rt_journal_send(f, p.c_str()));
+    char buf[256];
+    ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+    EXPECT_EQ(std::string(buf, size_t(n > 0 ? n : 0)),
+              "MESSAGE\n\x09\0\0\0\0\0\0\0two\nlines\nPRIORITY=4\nLTR_TAG=a=b\n"s);
+    EXPECT_LT(recv(fd, buf, sizeof buf, MSG_DONTWAIT), 0); // one datagram
     close(fd);
+    EXPECT_FALSE(rt_journal_send(f, p.c_str())); // journald gone: the line goes to syslog
 }

@@ -24,6 +24,7 @@
 #include "drv_pcap.h"
 #include "drv_track.h"
 #include "nl80211_sock.h"
+#include "pcap_lib.h"
 #include "radio_frames.h"
 #include "rt_counter.h"
 #include "rt_log.h"
@@ -102,7 +103,7 @@ void replay(pcap_radio &p)
         pcap_pkthdr *hdr;
         const u_char *data;
         int rc;
-        while ((rc = pcap_next_ex(p.h, &hdr, &data)) == 1) {
+        while ((rc = pcap_fn().next_ex(p.h, &hdr, &data)) == 1) {
             double t = double(hdr->ts.tv_sec) + double(hdr->ts.tv_usec) / 1e6;
             if (first) {
                 t0 = t, w0 = clk::now(), first = false;
@@ -118,17 +119,18 @@ void replay(pcap_radio &p)
             qz_pcap_take(p.st, {data, hdr->caplen});
         }
         if (rc == PCAP_ERROR && !quitting(p))
-            rt_log(LOG_ERR, "pcap: %s: %s: %s", p.name.c_str(), p.source.c_str(), pcap_geterr(p.h));
+            rt_log(LOG_ERR, "pcap: %s: %s: %s", p.name.c_str(), p.source.c_str(),
+                   pcap_fn().geterr(p.h));
         if (!p.conf.loop || rc == PCAP_ERROR || first || quitting(p))
             return;
         char err[PCAP_ERRBUF_SIZE] = "";
-        pcap_t *again = pcap_open_offline(p.source.c_str(), err);
+        pcap_t *again = pcap_fn().open_offline(p.source.c_str(), err);
         if (!again) {
             rt_log(LOG_ERR, "pcap: %s: reopening %s: %s", p.name.c_str(), p.source.c_str(), err);
             return;
         }
         std::lock_guard l(p.mu);
-        pcap_close(p.h);
+        pcap_fn().close(p.h);
         p.h = again;
     }
 }
@@ -174,13 +176,14 @@ void live(pcap_radio &p)
             refresh_assoc(p);
             next_assoc = clk::now() + k_assoc_refresh;
         }
-        int rc = pcap_dispatch(p.h, -1, on_live_frame, reinterpret_cast<u_char *>(&p));
+        int rc = pcap_fn().dispatch(p.h, -1, on_live_frame, reinterpret_cast<u_char *>(&p));
         if (rc == PCAP_ERROR) {
-            rt_log(LOG_ERR, "pcap: %s: %s: %s", p.name.c_str(), p.source.c_str(), pcap_geterr(p.h));
+            rt_log(LOG_ERR, "pcap: %s: %s: %s", p.name.c_str(), p.source.c_str(),
+                   pcap_fn().geterr(p.h));
             return;
         }
         pcap_stat ps;
-        if (pcap_stats(p.h, &ps) == 0)
+        if (pcap_fn().stats(p.h, &ps) == 0)
             *p.st.cnt.kernel_drop = uint64_t(ps.ps_drop) + ps.ps_ifdrop;
     }
 }
@@ -222,42 +225,47 @@ pcap_t *open_source(pcap_radio &p)
 {
     char err[PCAP_ERRBUF_SIZE] = "";
     pcap_t *h;
+    std::string why;
+    if (!pcap_lib_load(why)) {
+        rt_log(LOG_ERR, "pcap: %s: %s", p.name.c_str(), why.c_str());
+        return nullptr;
+    }
     if (!p.live) {
-        if (!(h = pcap_open_offline(p.source.c_str(), err))) {
+        if (!(h = pcap_fn().open_offline(p.source.c_str(), err))) {
             rt_log(LOG_ERR, "pcap: %s: cannot read %s: %s", p.name.c_str(), p.source.c_str(), err);
             return nullptr;
         }
     } else {
-        if (!(h = pcap_create(p.source.c_str(), err))) {
+        if (!(h = pcap_fn().create(p.source.c_str(), err))) {
             rt_log(LOG_ERR, "pcap: %s: cannot capture on %s: %s", p.name.c_str(), p.source.c_str(), err);
             return nullptr;
         }
-        pcap_set_snaplen(h, k_snaplen);
-        pcap_set_immediate_mode(h, 1);
-        pcap_set_timeout(h, k_live_timeout_ms);
-        if (int rc = pcap_activate(h); rc < 0) {
+        pcap_fn().set_snaplen(h, k_snaplen);
+        pcap_fn().set_immediate_mode(h, 1);
+        pcap_fn().set_timeout(h, k_live_timeout_ms);
+        if (int rc = pcap_fn().activate(h); rc < 0) {
             rt_log(LOG_ERR, "pcap: %s: cannot capture on %s: %s", p.name.c_str(), p.source.c_str(),
-                   rc == PCAP_ERROR ? pcap_geterr(h) : pcap_statustostr(rc));
-            pcap_close(h);
+                   rc == PCAP_ERROR ? pcap_fn().geterr(h) : pcap_fn().statustostr(rc));
+            pcap_fn().close(h);
             return nullptr;
         }
     }
-    int dlt = pcap_datalink(h);
+    int dlt = pcap_fn().datalink(h);
     if (dlt != DLT_IEEE802_11_RADIO) {
-        const char *dn = pcap_datalink_val_to_name(dlt);
+        const char *dn = pcap_fn().datalink_val_to_name(dlt);
         rt_log(LOG_ERR, "pcap: %s: %s has link type %s (%d), not radiotap", p.name.c_str(),
                p.source.c_str(), dn ? dn : "unknown", dlt);
-        pcap_close(h);
+        pcap_fn().close(h);
         return nullptr;
     }
     if (p.live) {
         bpf_program prog;
-        if (pcap_compile(h, &prog, k_live_filter, 1, PCAP_NETMASK_UNKNOWN) != 0 ||
-            pcap_setfilter(h, &prog) != 0) {
+        if (pcap_fn().compile(h, &prog, k_live_filter, 1, PCAP_NETMASK_UNKNOWN) != 0 ||
+            pcap_fn().setfilter(h, &prog) != 0) {
             rt_log(LOG_WARNING, "pcap: %s: no capture filter on %s (%s): every frame is read",
-                   p.name.c_str(), p.source.c_str(), pcap_geterr(h));
+                   p.name.c_str(), p.source.c_str(), pcap_fn().geterr(h));
         }
-        pcap_freecode(&prog);
+        pcap_fn().freecode(&prog);
     }
     return h;
 }
@@ -310,7 +318,7 @@ int pcap_open_radio(rt_radio *r)
     if (int e = rt_thread_create(&p->thread, capture_thread, p.get(), "pcap",
                                  RT_STACK_DAEMON)) {
         rt_log(LOG_ERR, "pcap: %s: cannot start the capture thread: %s", p->name.c_str(), strerror(e));
-        pcap_close(p->h);
+        pcap_fn().close(p->h);
         return -1;
     }
     p->started = true;
@@ -328,13 +336,13 @@ void pcap_close_radio(rt_radio *r)
         p->quit = true;
         p->wake.notify_all();
         if (p->live)
-            pcap_breakloop(p->h);
+            pcap_fn().breakloop(p->h);
     }
     if (p->fifo)
         unblock_fifo(*p);
     if (p->started)
         pthread_join(p->thread, nullptr);
-    pcap_close(p->h);
+    pcap_fn().close(p->h);
     delete p;
     r->priv = nullptr;
 }

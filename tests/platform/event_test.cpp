@@ -85,9 +85,10 @@ class Event : public testing::Test {
 bytes inject(uint8_t kind, uint32_t id, const std::string &payload)
 {
     uint32_t be = htonl(id);
-    bytes d = {kind};
-    d.insert(d.end(), (uint8_t *)&be, (uint8_t *)&be + 4);
-    d.insert(d.end(), payload.begin(), payload.end());
+    bytes d(5 + payload.size());
+    d[0] = kind;
+    memcpy(&d[1], &be, 4);
+    memcpy(d.data() + 5, payload.data(), payload.size());
     return d;
 }
 

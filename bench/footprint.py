@@ -84,6 +84,11 @@ def dirty_by_mapping(pid, top=20):
     return sorted(((v, k) for k, v in out.items() if v), reverse=True)[:top]
 
 
+def by_mapping(pid):
+    print("  private dirty by mapping (KiB): " +
+          ", ".join(f"{n} {v}" for v, n in dirty_by_mapping(pid)))
+
+
 def switches(pid):
     """Voluntary and involuntary context switches of every thread, by thread name."""
     by = {}
@@ -133,8 +138,7 @@ def main():
               f"{time.strftime('%Y-%m-%d %H:%M UTC', time.gmtime())}")
         time.sleep(2)
         show("idle", proc_figures(pid))
-        print("  private dirty by mapping (KiB): " +
-              ", ".join(f"{n} {v}" for v, n in dirty_by_mapping(pid)))
+        by_mapping(pid)
 
         # Idle wake-ups: every thread's context switches over the window.
         before = switches(pid)
@@ -172,6 +176,7 @@ def main():
             raise ltrsite.SiteError(f"{e}: {c.get('nbr.rx', 0) - rx0} of {sent}; "
                                     f"neighbour drops: {bs.drops(c)}") from None
         show("full load", proc_figures(pid))
+        by_mapping(pid)
         text = ap1.ctl("show", "location-tracking", "rssi").stdout
         readings = len(re.findall(r"^\d+ +[0-9a-f]{4}\.", text, re.M))
         print(f"  show rssi: {len(text)} bytes, {text.count('Station: ')} stations, "

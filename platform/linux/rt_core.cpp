@@ -203,12 +203,21 @@ rt_log_about::rt_log_about(const char *field, const char *value) : field_(field)
     g_about = this;
 }
 
-rt_log_about::rt_log_about(const char *field, uint32_t ipv4) : field_(field), outer_(g_about)
+rt_log_about::rt_log_about(const char *field, uint32_t ipv4)
+    : field_(field), ipv4_(ipv4), unformatted_(true), outer_(g_about)
 {
-    in_addr a{ipv4};
-    if (!inet_ntop(AF_INET, &a, value_, sizeof value_))
-        value_[0] = 0;
     g_about = this;
+}
+
+const char *rt_log_about::value() const
+{
+    if (unformatted_) {
+        unformatted_ = false;
+        in_addr a{ipv4_};
+        if (!inet_ntop(AF_INET, &a, value_, sizeof value_))
+            value_[0] = 0;
+    }
+    return value_;
 }
 
 rt_log_about::~rt_log_about() { g_about = outer_; }

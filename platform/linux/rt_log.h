@@ -32,13 +32,16 @@ class rt_log_about {
     rt_log_about(const char *field, uint32_t ipv4); // network order
     ~rt_log_about();
     const char *field() const { return field_; }
-    const char *value() const { return value_; }
+    const char *value() const;
     rt_log_about(const rt_log_about &) = delete;
     rt_log_about &operator=(const rt_log_about &) = delete;
 
   private:
     const char *field_;
-    char value_[48];
+    // An address is put in words only when a line is written: most datagrams log none.
+    mutable char value_[48];
+    uint32_t ipv4_ = 0;
+    mutable bool unformatted_ = false;
     rt_log_about *outer_;
 };
 // Syslog lines go to the journal, with fields, when its socket is at path.

@@ -221,35 +221,37 @@ bool status(const std::string &text, json &doc, std::string &err)
     return true;
 }
 
+// Which show's text each parser reads, by command id.
+using show_parser = bool (*)(const std::string &, json &, std::string &);
+struct show_row {
+    int32_t cmd_id;
+    show_parser parse;
+};
+constexpr show_row show_rows[] = {
+    {1884, fields},       // parameters
+    {1891, fields},       // state
+    {1887, track_list},   // the tracking list
+    {1888, rssi_lists},   // readings: all, by MAC, by OUI
+    {1889, rssi_lists},
+    {1890, rssi_lists},
+    {1892, driver_stats}, // driver counters
+};
+
 } // namespace
 
 bool show_json(const request &r, const std::string &text, std::string &doc, std::string &err)
 {
-    json j;
-    bool ok;
+    json j = {{"result", 0}, {"text", text}};
+    bool ok = true;
     if (r.kind == req_kind::status)
         ok = status(text, j, err);
     else
-        switch (r.cmd_id) {
-        case 1884:
-        case 1891:
-            ok = fields(text, j, err);
-            break;
-        case 1887:
-            ok = track_list(text, j, err);
-            break;
-        case 1888:
-        case 1889:
-        case 1890:
-            ok = rssi_lists(text, j, err);
-            break;
-        case 1892:
-            ok = driver_stats(text, j, err);
-            break;
-        default:
-            j = {{"result", 0}, {"text", text}};
-            ok = true;
-        }
+        for (const show_row &row : show_rows)
+            if (row.cmd_id == r.cmd_id) {
+                j = json();
+                ok = row.parse(text, j, err);
+                break;
+            }
     if (ok)
         doc = line(j);
     return ok;

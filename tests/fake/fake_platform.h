@@ -104,10 +104,6 @@ int run_cmd(int cmd_id, bool negated, const bytes &block, int nth = 0, uint16_t 
 struct cfg_tlv { int cmd_id; bytes block; int tag; };
 std::vector<cfg_tlv> run_cfg_gen();
 
-// Debug categories registered by the daemon, and the operator's switch.
-struct dbg_flag { std::string module, name; uint32_t *word; uint32_t mask; bool lib; };
-const std::vector<dbg_flag> &dbg_flags();
-
 // System readiness: qz_sys_ready returns 0 this many times, then 1.
 void set_not_ready_polls(int n);
 

@@ -23,8 +23,6 @@ class EngineMsg : public LtrTest {
     int validate(const bytes &b) { return validate(b, b.size()); }
 };
 
-const fake::mac_t sta1{0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-const fake::mac_t sta2{0x00, 0x11, 0x22, 0x33, 0x44, 0x66};
 const char *const count_failed = "tlv number validate failed.\n";
 
 } // namespace

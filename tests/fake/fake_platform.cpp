@@ -343,7 +343,7 @@ qz_pmpt_timer_t *qz_pmpt_timer_create(qz_pmpt_timer_cb cb, void *arg)
     CALL();
     if (RESULT < 0)
         return nullptr;
-    S().timers.push_back(std::make_unique<timer>(timer{cb, arg, false, 0, 0, false}));
+    S().timers.push_back(std::make_unique<timer>(timer{cb, arg, false, 0}));
     return (qz_pmpt_timer_t *)S().timers.back().get();
 }
 
@@ -351,7 +351,7 @@ int qz_pmpt_timer_start(qz_pmpt_timer_t *t, unsigned int seconds)
 {
     CALL({timer_index(t), seconds});
     timer *tm = find_timer(t);
-    return on_ok(RESULT, [&] { if (tm) tm->armed = true, tm->period = seconds, tm->starts++; });
+    return on_ok(RESULT, [&] { if (tm) tm->armed = true, tm->period = seconds; });
 }
 
 int qz_pmpt_timer_stop(qz_pmpt_timer_t *t)
@@ -366,7 +366,7 @@ int qz_pmpt_timer_delete(qz_pmpt_timer_t *t)
 {
     CALL();
     if (timer *tm = find_timer(t))
-        tm->deleted = true, tm->armed = false;
+        tm->armed = false;
     return RESULT;
 }
 

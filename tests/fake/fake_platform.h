@@ -64,9 +64,7 @@ void echo_logs(bool on);
 bool dbg_has(const std::string &text); // some debug line equals text
 bool log_has(const std::string &text);
 
-struct timer { // period: seconds of the last start
-    qz_pmpt_timer_cb cb; void *arg; bool armed; unsigned period; int starts; bool deleted;
-};
+struct timer { qz_pmpt_timer_cb cb; void *arg; bool armed; unsigned period; }; // period: of the last start
 timer &timer_state(qz_pmpt_timer_t *t);
 void fire(qz_pmpt_timer_t *t); // disarms, then runs the callback on this thread
 

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "../unit/engine_test.h"
 #include "fake_platform.h"
 #include "ltr_cli.h"
 #include "ltr_engine.h"
@@ -21,55 +22,7 @@
 
 namespace {
 
-using bytes = std::vector<uint8_t>;
-
-void put16(bytes &b, uint16_t v)
-{
-    b.push_back(uint8_t(v >> 8));
-    b.push_back(uint8_t(v));
-}
-
-// A server request: 17-byte header, then the TLVs (each already complete).
-bytes request(uint16_t opcode, uint32_t id, const std::vector<bytes> &tlvs)
-{
-    size_t body = 0;
-    for (auto &t : tlvs)
-        body += t.size();
-    bytes m;
-    put16(m, LTR_MSG_TYPE);
-    for (int i = 0; i < 4; i++)
-        m.push_back(uint8_t(id >> (8 * i)));
-    m.push_back(0);
-    uint32_t datalen = uint32_t(6 + body);
-    for (int s = 24; s >= 0; s -= 8)
-        m.push_back(uint8_t(datalen >> s));
-    put16(m, opcode);
-    put16(m, uint16_t(6 + body));
-    put16(m, uint16_t(tlvs.size()));
-    for (auto &t : tlvs)
-        m.insert(m.end(), t.begin(), t.end());
-    return m;
-}
-
-bytes mac_list(const std::vector<std::array<uint8_t, 6>> &macs)
-{
-    bytes t;
-    put16(t, LTR_TLV_MAC_LIST);
-    put16(t, uint16_t(5 + 6 * macs.size()));
-    t.push_back(uint8_t(macs.size()));
-    for (auto &m : macs)
-        t.insert(t.end(), m.begin(), m.end());
-    return t;
-}
-
-bytes interval_tlv(uint16_t s)
-{
-    bytes t;
-    put16(t, LTR_TLV_REPORT_INTERVAL);
-    put16(t, 6);
-    put16(t, s);
-    return t;
-}
+using namespace eng;
 
 std::array<uint8_t, 6> sta(int i)
 {
@@ -130,11 +83,11 @@ TEST(Stress, EveryEntryPointAtOnce)
         int i = int(rnd() % STATIONS);
         bytes m;
         switch (rnd() % 5) {
-        case 0: m = request(LTR_OP_START, rnd(), {interval_tlv(uint16_t(1 + rnd() % 90)), mac_list({sta(i)})}); break;
-        case 1: m = request(LTR_OP_STOP, rnd(), {mac_list({sta(i)})}); break;
-        case 2: m = request(LTR_OP_MODIF, rnd(), {interval_tlv(uint16_t(rnd() % 120))}); break;
-        case 3: m = request(LTR_OP_QUERY, rnd(), {mac_list({sta(i), sta(i + 1)})}); break;
-        default: m = request(LTR_OP_QUERY, rnd(), {}); break;
+        case 0: m = msg(LTR_OP_START, {tlv(LTR_TLV_REPORT_INTERVAL, u16v(uint16_t(1 + rnd() % 90))), mac_list({sta(i)})}); break;
+        case 1: m = msg(LTR_OP_STOP, {mac_list({sta(i)})}); break;
+        case 2: m = msg(LTR_OP_MODIF, {tlv(LTR_TLV_REPORT_INTERVAL, u16v(uint16_t(rnd() % 120)))}); break;
+        case 3: m = msg(LTR_OP_QUERY, {mac_list({sta(i), sta(i + 1)})}); break;
+        default: m = msg(LTR_OP_QUERY, {}); break;
         }
         ltr_event_handler(LTR_EVT_SRV_MSG_IN, int(m.size()), m.data());
 

@@ -36,7 +36,6 @@ struct state {
     std::map<bytes, bytes> db;
     std::vector<std::pair<int, qz_cli_cmd_fn>> vectors;
     qz_cli_cfg_gen_fn gen = nullptr;
-    std::vector<dbg_flag> flags;
     int not_ready = 0;
     std::map<std::string, std::function<void()>> hooks;
     bool hc_reg = false, echo_logs = false, recording = true, keep_text = true;
@@ -214,7 +213,6 @@ const std::vector<sent> &hc_sent() { return S().hc_sent; }
 bool hc_registered() { return S().hc_reg; }
 const qz_hc_reg &hc_last_reg() { return S().last_reg; }
 std::map<bytes, bytes> &db() { return S().db; }
-const std::vector<dbg_flag> &dbg_flags() { return S().flags; }
 void set_not_ready_polls(int n) { S().not_ready = n; }
 
 int run_cmd(int cmd_id, bool negated, const bytes &block, int nth, uint16_t type)
@@ -307,17 +305,15 @@ int qz_reg_cmd_vector(int group, int cmd_id, qz_cli_cmd_fn fn)
 }
 int qz_reg_cfg_generator(qz_cli_cfg_gen_fn fn, void *arg) { CALL({arg != nullptr}); S().gen = fn; return 0; }
 
-int qz_register_debug_flag(const char *module, const char *name, uint32_t *word, uint32_t mask)
+int qz_register_debug_flag(const char *module, const char *name, uint32_t *, uint32_t mask)
 {
     CALL({mask}, std::string(module) + "/" + name);
-    S().flags.push_back({module, name, word, mask, false});
     return 0;
 }
 
-int qz_register_dbg_lib_flag(const char *module, const char *name, uint32_t *word, uint32_t mask)
+int qz_register_dbg_lib_flag(const char *module, const char *name, uint32_t *, uint32_t mask)
 {
     CALL({mask}, std::string(module) + "/" + name);
-    S().flags.push_back({module, name, word, mask, true});
     return 0;
 }
 
@@ -347,7 +343,7 @@ qz_pmpt_timer_t *qz_pmpt_timer_create(qz_pmpt_timer_cb cb, void *arg)
     CALL();
     if (RESULT < 0)
         return nullptr;
-    S().timers.push_back(std::make_unique<timer>(timer{cb, arg, false, 0, 0, false}));
+    S().timers.push_back(std::make_unique<timer>(timer{cb, arg, false, 0}));
     return (qz_pmpt_timer_t *)S().timers.back().get();
 }
 
@@ -355,7 +351,7 @@ int qz_pmpt_timer_start(qz_pmpt_timer_t *t, unsigned int seconds)
 {
     CALL({timer_index(t), seconds});
     timer *tm = find_timer(t);
-    return on_ok(RESULT, [&] { if (tm) tm->armed = true, tm->period = seconds, tm->starts++; });
+    return on_ok(RESULT, [&] { if (tm) tm->armed = true, tm->period = seconds; });
 }
 
 int qz_pmpt_timer_stop(qz_pmpt_timer_t *t)
@@ -370,7 +366,7 @@ int qz_pmpt_timer_delete(qz_pmpt_timer_t *t)
 {
     CALL();
     if (timer *tm = find_timer(t))
-        tm->deleted = true, tm->armed = false;
+        tm->armed = false;
     return RESULT;
 }
 

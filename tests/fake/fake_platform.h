@@ -64,9 +64,7 @@ void echo_logs(bool on);
 bool dbg_has(const std::string &text); // some debug line equals text
 bool log_has(const std::string &text);
 
-struct timer { // period: seconds of the last start
-    qz_pmpt_timer_cb cb; void *arg; bool armed; unsigned period; int starts; bool deleted;
-};
+struct timer { qz_pmpt_timer_cb cb; void *arg; bool armed; unsigned period; }; // period: of the last start
 timer &timer_state(qz_pmpt_timer_t *t);
 void fire(qz_pmpt_timer_t *t); // disarms, then runs the callback on this thread
 
@@ -103,10 +101,6 @@ std::map<bytes, bytes> &db();
 int run_cmd(int cmd_id, bool negated, const bytes &block, int nth = 0, uint16_t type = 17);
 struct cfg_tlv { int cmd_id; bytes block; int tag; };
 std::vector<cfg_tlv> run_cfg_gen();
-
-// Debug categories registered by the daemon, and the operator's switch.
-struct dbg_flag { std::string module, name; uint32_t *word; uint32_t mask; bool lib; };
-const std::vector<dbg_flag> &dbg_flags();
 
 // System readiness: qz_sys_ready returns 0 this many times, then 1.
 void set_not_ready_polls(int n);

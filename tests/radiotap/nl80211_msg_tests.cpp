@@ -65,36 +65,26 @@ constexpr uint32_t k_auth = 1u << NL80211_STA_FLAG_AUTHENTICATED;
 
 } // namespace
 
-TEST(Nl80211Msg, StationRepliesAssociatedOnlyWhenTheirFlagsSaySo)
+TEST(Nl80211Msg, StationRepliesByFlagsAndAttributes)
 {
     qz_nl_mac mac{};
+    msg_ptr other = genl(NL80211_CMD_NEW_INTERFACE);
+    nla_put(other.get(), NL80211_ATTR_MAC, 6, k_sta.data());
+    const std::tuple<bytes, qz_nl_verdict, const char *> cases[] = {
+        {station(k_assoc | k_auth, k_auth), QZ_NL_SKIP, "authenticated, not associated"},
+        {station(k_auth, k_auth), QZ_NL_OK, "no association bit in the mask"},
+        {station(-1, 0), QZ_NL_OK, "no flags"},
+        {station(0, 0, 6, 0), QZ_NL_OK, "no station info"},
+        {of(other.get()), QZ_NL_SKIP, "another command"},
+        {station(k_assoc, k_assoc, 0), QZ_NL_MALFORMED, "no MAC"},
+        {station(k_assoc, k_assoc, 4), QZ_NL_MALFORMED, "4-byte MAC"},
+        {station(k_assoc, k_assoc, 6, 4), QZ_NL_MALFORMED, "flags cut to 4 bytes"},
+    };
+    for (auto &[b, want, why] : cases)
+        EXPECT_EQ(parse_station(b, b.size(), mac), want) << why;
     bytes b = station(k_assoc | k_auth, k_assoc | k_auth);
     ASSERT_EQ(parse_station(b, b.size(), mac), QZ_NL_OK);
     EXPECT_EQ(mac, k_sta);
-    b = station(k_assoc | k_auth, k_auth);
-    EXPECT_EQ(parse_station(b, b.size(), mac), QZ_NL_SKIP) << "authenticated, not associated";
-    b = station(k_auth, k_auth);
-    EXPECT_EQ(parse_station(b, b.size(), mac), QZ_NL_OK) << "no association bit in the mask";
-    b = station(-1, 0);
-    EXPECT_EQ(parse_station(b, b.size(), mac), QZ_NL_OK) << "no flags";
-    b = station(0, 0, 6, 0);
-    EXPECT_EQ(parse_station(b, b.size(), mac), QZ_NL_OK) << "no station info";
-
-    msg_ptr other = genl(NL80211_CMD_NEW_INTERFACE);
-    nla_put(other.get(), NL80211_ATTR_MAC, 6, k_sta.data());
-    b = of(other.get());
-    EXPECT_EQ(parse_station(b, b.size(), mac), QZ_NL_SKIP) << "another command";
-}
-
-TEST(Nl80211Msg, StationRepliesMissingOrTruncatedAttributesAreMalformed)
-{
-    qz_nl_mac mac{};
-    bytes b = station(k_assoc, k_assoc, 0);
-    EXPECT_EQ(parse_station(b, b.size(), mac), QZ_NL_MALFORMED) << "no MAC";
-    b = station(k_assoc, k_assoc, 4);
-    EXPECT_EQ(parse_station(b, b.size(), mac), QZ_NL_MALFORMED) << "4-byte MAC";
-    b = station(k_assoc, k_assoc, 6, 4);
-    EXPECT_EQ(parse_station(b, b.size(), mac), QZ_NL_MALFORMED) << "flags cut to 4 bytes";
 
     b = station(k_assoc, k_assoc);
     // Delivered bytes shorter than the header says: nothing of it is read.

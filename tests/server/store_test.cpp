@@ -45,12 +45,7 @@ station heard(uint8_t sta, std::initializer_list<std::pair<mac_addr, int>> rs)
     return s;
 }
 
-uint32_t ip(const char *s)
-{
-    in_addr a{};
-    inet_pton(AF_INET, s, &a);
-    return a.s_addr;
-}
+uint32_t ip(const char *s) { return inet_addr(s); }
 
 struct StoreTest : ::testing::Test {
     site where;

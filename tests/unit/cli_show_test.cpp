@@ -127,19 +127,13 @@ TEST_F(CliShow, DriverStatsSkipMissingRadiosAndZeroAFailedRead)
     fake::script("qz_dcd_get_lta_stats", -1); // wifi0's read fails
     ltr_debug_flags = LTR_DBG_ERROR;
     EXPECT_EQ(ltr_dump_drv_stats(&cmd), 0);
-    EXPECT_EQ(fake::cli_text(), "ltr statistics counter for wifi0:\n"
-                                "number of reported rssi readings:       0\n"
-                                "station list no node:                   0\n"
-                                "oui list no node:                       0\n"
-                                "station list no memory:                 0\n"
-                                "oui list no memory:                     0\n"
-                                "\n"
-                                "ltr statistics counter for wifi1:\n"
-                                "number of reported rssi readings:       11\n"
-                                "station list no node:                   1\n"
-                                "oui list no node:                       2\n"
-                                "station list no memory:                 3\n"
-                                "oui list no memory:                     4\n"
-                                "\n");
+    auto block = [](std::string radio, std::array<int, 5> n) {
+        return "ltr statistics counter for " + radio + ":\nnumber of reported rssi readings:       " +
+               std::to_string(n[0]) + "\nstation list no node:                   " + std::to_string(n[1]) +
+               "\noui list no node:                       " + std::to_string(n[2]) +
+               "\nstation list no memory:                 " + std::to_string(n[3]) +
+               "\noui list no memory:                     " + std::to_string(n[4]) + "\n\n";
+    };
+    EXPECT_EQ(fake::cli_text(), block("wifi0", {0, 0, 0, 0, 0}) + block("wifi1", {11, 1, 2, 3, 4}));
     EXPECT_TRUE(fake::dbg_has("get ltr statistics to interface failed"));
 }

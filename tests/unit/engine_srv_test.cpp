@@ -40,13 +40,8 @@ class EngineSrv : public LtrTest {
     }
 };
 
-const fake::mac_t sta1{0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-const fake::mac_t sta2{0x00, 0x11, 0x22, 0x33, 0x44, 0x66};
-const fake::mac_t sta3{0x00, 0x11, 0x22, 0x33, 0x44, 0x77};
 const std::array<uint8_t, 3> oui1{0x00, 0x11, 0x22};
 const uint8_t oui1_key[6] = {0x00, 0x11, 0x22, 0, 0, 0};
-
-bytes macs_value(const std::vector<fake::mac_t> &macs) { return list_value(macs); }
 
 fake::mac_t nth_mac(int i) { return {0x02, 0xaa, 0, 0, (uint8_t)(i >> 8), (uint8_t)i}; }
 std::array<uint8_t, 3> nth_oui(int i) { return {0x0e, (uint8_t)(i >> 8), (uint8_t)i}; }
@@ -71,7 +66,7 @@ TEST_F(EngineSrv, StartAcksCodeZeroOrListsWhatWasRefused)
     r = only_reply();
     EXPECT_EQ(r.tlv_num, 3);
     EXPECT_EQ(r.tlvs, (tlvs_t{{LTR_TLV_ACK_CODE, {LTR_ACK_PARTIAL}},
-                              {LTR_TLV_MAC_LIST, macs_value({sta2})},
+                              {LTR_TLV_MAC_LIST, list_value<6>({sta2})},
                               {LTR_TLV_OUI_LIST, {1, 0x00, 0x11, 0x22}}}));
     EXPECT_EQ(cfg->rssi_threshold, 6);
 
@@ -120,7 +115,7 @@ TEST_F(EngineSrv, QueryReportsOwnedStationsUnderTheRequestsId)
         ASSERT_NE(ltr_rssi_add(s, &rd), nullptr);
         s->ni_owner_ip = m == sta1 ? mgt.my_ip : ltr_ip(10, 0, 0, 2);
     }
-    const tlvs_t sta1_report = {{LTR_TLV_MAC_LIST, macs_value({sta1})},
+    const tlvs_t sta1_report = {{LTR_TLV_MAC_LIST, list_value<6>({sta1})},
                                 {LTR_TLV_RSSI_DATA, {0x02, 0, 0, 0, 0, 1, 0x09, 0x6c, 0xc4}}};
     handle(msg(LTR_OP_QUERY, {mac_all()}));
     reply r = only_reply();

@@ -38,6 +38,8 @@ inline bytes oui_list(const std::vector<std::array<uint8_t, 3>> &v) { return tlv
 inline bytes mac_all() { return tlv(LTR_TLV_MAC_LIST, {LTR_MAC_LIST_ALL}); }
 
 const bytes msg_id = {0xde, 0xad, 0xbe, 0xef};
+const fake::mac_t sta1{0x00, 0x11, 0x22, 0x33, 0x44, 0x55}, sta2{0x00, 0x11, 0x22, 0x33, 0x44, 0x66},
+    sta3{0x00, 0x11, 0x22, 0x33, 0x44, 0x77};
 
 // Unknown TLVs whose len is below 4, so that their head overlaps the head of the TLV
 // after them; each must be followed by the TLV named:

@@ -62,14 +62,6 @@ std::vector<uint8_t> readings_of(ltr_sta *s)
     return out;
 }
 
-unsigned pick_seed()
-{
-    const char *env = getenv("LTR_SEED"); // replay a failed run
-    unsigned seed = env ? (unsigned)strtoul(env, nullptr, 0) : std::random_device{}();
-    printf("seed %u\n", seed);
-    return seed;
-}
-
 class NodeSta : public LtrTest {
   protected:
     ltr_sta_tbl *t = &mgt.sta_tbl;
@@ -81,13 +73,15 @@ class NodeSta : public LtrTest {
     ltr_sta *add(unsigned n) { return ltr_sta_add(t, mac_of(n).data()); }
     void del(unsigned n) { ltr_sta_del_bymac(t, mac_of(n).data()); }
     ltr_sta *sta_of(unsigned n) { return ltr_sta_find(t, mac_of(n).data()); }
+    // Random tests: LTR_SEED replays a failed run.
+    const char *env = getenv("LTR_SEED");
+    unsigned seed = env ? (unsigned)strtoul(env, nullptr, 0) : std::random_device{}();
+    std::mt19937 rng{seed};
+    ::testing::ScopedTrace trace{__FILE__, __LINE__, "seed " + std::to_string(seed)};
 };
 
 TEST_F(NodeSta, RandomOrdersAgainstAModel)
 {
-    unsigned seed = pick_seed();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 rng(seed);
     std::vector<mac_t> model;
     for (int step = 0; step < 4000; step++) {
         unsigned n = rng() % 96; // few MACs, so deletes and finds often hit
@@ -116,9 +110,6 @@ TEST_F(NodeSta, RandomOrdersAgainstAModel)
 // through every size and the duplicates' shadowing is exercised.
 TEST_F(NodeSta, ReadingIndexAgainstAWalk)
 {
-    unsigned seed = pick_seed();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 rng(seed);
     const unsigned n_sta = 12, n_ap = 10;
     auto check = [&] {
         size_t total = 0, distinct = 0;

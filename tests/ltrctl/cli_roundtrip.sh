@@ -4,34 +4,9 @@
 # usage: cli_roundtrip.sh LTRD LTRCTL
 set -euo pipefail
 ltrd=$1 ltrctl=$2 tmp=$(mktemp -d /tmp/ltr_roundtrip.XXXXXX)
-pids=() keys=()
-# The settings segment's key, as the runtime mixes it with the instance name.
-shm_key() {
-    local s="$1:66049" h=2166136261 i c
-    for ((i = 0; i < ${#s}; i++)); do printf -v c '%d' "'${s:i:1}"; h=$(((h ^ c) * 16777619 & 0xffffffff)); done
-    ((h == 0 || h == 0xffffffff)) && h=1
-    echo "$h"
-}
-cleanup() {
-    for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; wait "$p" 2>/dev/null || true; done
-    for k in "${keys[@]}"; do ipcrm -M "$k" 2>/dev/null || true; done
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
+source "$(dirname "$0")/daemon.sh"
 fail() { echo "FAIL: $*" >&2; tail -n 20 "$tmp"/*.log >&2; exit 1; }
-start() { # name N: a daemon whose socket becomes $sock
-    local inst="ltrrt-$1-$$"
-    keys+=("$(shm_key "$inst")")
-    ipcrm -M "${keys[-1]}" 2>/dev/null || true
-    printf '%s\n' "instance = \"$inst\"" "runtime_dir = \"$tmp/$1\"" "foreground = true" "[log]" "syslog = false" \
-        "file = \"$tmp/$1.log\"" "[mgt]" "mac = \"02:00:00:00:00:0$2\"" "ip = \"127.0.77.$2\"" "[neighbours]" \
-        "bind = \"127.0.77.$2\"" "[store]" "dir = \"$tmp/$1/store\"" > "$tmp/$1.toml"
-    QZ_PLATFORM_CONFIG="$tmp/$1.toml" "$ltrd" &
-    pids+=($!)
-    sock="$tmp/$1/cli.sock"
-    for _ in $(seq 100); do [ -S "$sock" ] && return 0; sleep 0.1; done
-    fail "ltrd $1: no cli.sock after 10 s"
-}
+start() { start_ltrd "$1" "$2" "127.0.77.$2" || fail "ltrd $1: no cli.sock after 10 s"; }
 ctl() { "$ltrctl" -s "$sock" "$@"; }
 snapshot() { ctl show running-config > "$tmp/$1.conf"; ctl show location-tracking > "$tmp/$1.param"; ctl show location-tracking track-list > "$tmp/$1.list"; }
 

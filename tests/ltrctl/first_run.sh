@@ -4,13 +4,7 @@
 # usage: first_run.sh LTRD LTRCTL LTR_SERVER
 set -uo pipefail
 ltrd=$1 ltrctl=$2 server=$3 tmp=$(mktemp -d /tmp/ltr_first_run.XXXXXX)
-pid= key=
-cleanup() {
-    [ -n "$pid" ] && { kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; }
-    [ -n "$key" ] && ipcrm -M "$key" 2>/dev/null
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
+source "$(dirname "$0")/daemon.sh"
 bad=0
 fail() { echo "FAIL: $*" >&2; bad=1; }
 # expect STATUS PATTERN CMD...: runs CMD, checks its status and that its output
@@ -80,17 +74,9 @@ expect 0 '^--json$' complete_words --j
 
 # A daemon with one simulated radio: removing a station or OUI that is not tracked is
 # done already, as the radio sees it.
-inst="ltrfr-$$" s="$inst:66049" h=2166136261
-for ((i = 0; i < ${#s}; i++)); do printf -v c '%d' "'${s:i:1}"; h=$(((h ^ c) * 16777619 & 0xffffffff)); done
-((h == 0 || h == 0xffffffff)) && h=1
-key=$h ip=127.79.$(($$ % 250 + 1)).9 # apart from other tests running meanwhile
-printf '%s\n' "instance = \"$inst\"" "runtime_dir = \"$tmp/d\"" 'foreground = true' '[log]' 'syslog = false' \
-    "file = \"$tmp/d.log\"" '[mgt]' 'mac = "02:00:00:00:00:09"' "ip = \"$ip\"" '[neighbours]' \
-    "bind = \"$ip\"" "port = $((20000 + $$ % 30000))" '[store]' "dir = \"$tmp/d/store\"" '[[radio]]' 'name = "lo"' 'driver = "sim"' > "$tmp/d.toml"
-QZ_PLATFORM_CONFIG="$tmp/d.toml" "$ltrd" &
-pid=$!
-ctl() { "$ltrctl" -s "$tmp/d/cli.sock" "$@"; }
-for _ in $(seq 100); do [ -S "$tmp/d/cli.sock" ] && break; sleep 0.1; done
+ip=127.79.$(($$ % 250 + 1)).9 # apart from other tests running meanwhile
+start_ltrd fr 9 "$ip" "port = $((20000 + $$ % 30000))" '[[radio]]' 'name = "lo"' 'driver = "sim"' || fail "ltrd: no cli.sock"
+ctl() { "$ltrctl" -s "$sock" "$@"; }
 ctl location-tracking enable || fail "enable"
 expect 0 '^$' ctl no location-tracking mac 02:11:22:33:44:55
 expect 0 '^$' ctl no location-tracking oui 02:11:22

@@ -1,11 +1,6 @@
 #!/usr/bin/env bash
-# Builds the Debian packages from a copy of the source tree, runs lintian on them,
-# then installs them into a private copy-on-write view of this system (an overlay of /
-# in new mount, network, IPC and PID namespaces), checks that the packages depend on
-# every library their programs link (this system has them all already), starts ltrd
-# as its unit would, talks to it with ltrctl and ltr-server, reads a man page, and
-# removes and purges the packages. The overlay's upper layer holds every file the packages changed: after the
-# purge only the package manager's own records may be left.
+# Builds the Debian packages from a copy of the source tree, runs lintian on them, then
+# has package_root.sh install, run and purge them in a private copy-on-write root.
 # Usage: package_test.sh SOURCE_DIR SCRATCH_DIR. Exit 77: skipped.
 set -euo pipefail
 src=$1 scratch=$2

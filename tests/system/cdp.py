@@ -90,19 +90,12 @@ class Browser:
             self.call(domain + ".enable")
         mark = len(self.events)
         self.call("Page.navigate", {"url": url})
-        self.wait_event(lambda e: e.get("method") == "Page.loadEventFired", timeout, mark)
-
-    def wait_event(self, pred, timeout, since=0):
         end = time.monotonic() + timeout
         with self.cond:
-            while True:
-                for e in self.events[since:]:
-                    if pred(e):
-                        return e
-                left = end - time.monotonic()
-                if left <= 0:
-                    raise TimeoutError("event did not come")
-                self.cond.wait(left)
+            while not any(e.get("method") == "Page.loadEventFired" for e in self.events[mark:]):
+                if end <= time.monotonic():
+                    raise TimeoutError(f"{url} did not load within {timeout} s")
+                self.cond.wait(end - time.monotonic())
 
     def eval(self, expr):
         r = self.call("Runtime.evaluate", {"expression": expr, "returnByValue": True})

@@ -85,11 +85,6 @@ class Output(unittest.TestCase):
         self.assertEqual(len(got), 1)
         self.assertIn("02:00:00:00:00:02 ap2", got[0])
 
-    def test_legend_says_why_one_reading_and_why_not_the_strongest(self):
-        text = " ".join(demo.LEGEND)
-        self.assertIn("inactive readings are not relayed", text)
-        self.assertIn("not the strongest signal", text)
-
 
 class Help(unittest.TestCase):
     def test_help_comes_before_installing_or_building(self):

@@ -1,6 +1,5 @@
-// The CLI agent against a real socket: commands, running configuration, debug switch,
-// status, malformed frames, which get an error reply or a closed connection, and
-// clients that must not lock the others out.
+// The CLI agent against a real socket: requests, refusals, and clients that must not
+// lock the others out.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
@@ -97,9 +96,8 @@ class CliAgent : public ::testing::Test {
     static void TearDownTestSuite() { cli_server_stop(); }
 };
 
-int connect_agent()
+int connect_agent(int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un sa{};
     sa.sun_family = AF_UNIX;
     strncpy(sa.sun_path, g_path.c_str(), sizeof(sa.sun_path) - 1);
@@ -314,10 +312,7 @@ TEST_F(CliAgent, OutOfDescriptorsTheListenerRestsThenServesAgain)
     for (int f; (f = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
         filler.push_back(f);
     uint64_t errors = rt_counter("cli.accept_errors");
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    strncpy(sa.sun_path, g_path.c_str(), sizeof(sa.sun_path) - 1);
-    EXPECT_EQ(connect(waiting, (sockaddr *)&sa, sizeof(sa)), 0);
+    connect_agent(waiting);
     rt_poll_until([&] { return rt_counter("cli.accept_errors") != errors; });
     errors = rt_counter("cli.accept_errors");
     usleep(1000000);

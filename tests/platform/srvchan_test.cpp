@@ -1,6 +1,4 @@
-// Server channel against a real listener on loopback: HELLO, framing both ways,
-// keep-alive, reconnect, the bounded queue, refusal of malformed frames, the
-// bounds a flooding server meets, and the same over TLS with certificates made here.
+// Server channel against a real listener on loopback, plain and over TLS.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -56,14 +54,19 @@ struct frame {
     bytes payload;
 };
 
-bool read_frame(int fd, frame &f, int timeout_ms = 3000)
+// One frame through read_n(buf, n), over TCP or TLS alike.
+template <typename R> bool read_frame_by(R read_n, frame &f)
 {
     uint8_t h[5];
-    if (!rt_read_n(fd, h, 5, timeout_ms))
+    if (!read_n(h, 5))
         return false;
     f.type = h[4];
     f.payload.assign((uint32_t(h[0]) << 24 | uint32_t(h[1]) << 16 | uint32_t(h[2]) << 8 | h[3]) - 1, 0);
-    return rt_read_n(fd, f.payload.data(), f.payload.size(), timeout_ms);
+    return read_n(f.payload.data(), f.payload.size());
+}
+bool read_frame(int fd, frame &f, int timeout_ms = 3000)
+{
+    return read_frame_by([&](uint8_t *b, size_t n) { return rt_read_n(fd, b, n, timeout_ms); }, f);
 }
 
 // True when the peer closes within the time (data before the close is skipped).
@@ -429,12 +432,7 @@ struct tls_peer {
     }
     bool read_frame(frame &f)
     {
-        uint8_t h[5];
-        if (!read_n(h, 5))
-            return false;
-        f.type = h[4];
-        f.payload.assign((uint32_t(h[0]) << 24 | uint32_t(h[1]) << 16 | uint32_t(h[2]) << 8 | h[3]) - 1, 0);
-        return read_n(f.payload.data(), f.payload.size());
+        return read_frame_by([this](uint8_t *b, size_t n) { return read_n(b, n); }, f);
     }
     void send(const bytes &b) { ASSERT_EQ(SSL_write(ssl, b.data(), int(b.size())), int(b.size())); }
 };

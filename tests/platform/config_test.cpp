@@ -1,5 +1,4 @@
-// Configuration parsing: every key lands where the runtime reads it, defaults hold
-// for missing keys, and every bad file is refused naming file, line and key.
+// Configuration parsing and checking; errors name file, line and key.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <stdlib.h>

@@ -1,5 +1,4 @@
-// Radios and the driver library: the radio list from the configuration, dispatch by
-// interface index, and the management interface's addresses.
+// Radios and the driver library, dispatched by interface index.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <net/if.h>

@@ -1,5 +1,4 @@
-// What every radio driver builds on: radio I/O on the runtime's service loop, and the
-// loop's own promises (timers, stale events of removed descriptors).
+// Radio I/O on the runtime's service loop, and the loop's own promises.
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>

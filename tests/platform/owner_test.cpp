@@ -1,5 +1,4 @@
-// The owner service: associated here, associated at a live peer, rendezvous agreement
-// among the access points that hear a station, batching of queries.
+// The owner service: local association, live peers, rendezvous, batching.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <string.h>

@@ -147,11 +147,18 @@ protected:
             t.ping_idle_ms = ping_idle, t.dead_ms = dead;
         srvchan_set_timing(t);
     }
+    rt_scratch dir;
+    rt_config base(const std::string &addr)
+    {
+        rt_config c = rt_test_config(dir, "ap-test-7");
+        c.server_address = addr;
+        c.mgt_mac = std::array<uint8_t, 6>{0x02, 0x11, 0x22, 0x33, 0x44, 0x55}, c.mgt_ip = htonl(0x7f000105);
+        return c;
+    }
     void configure(const std::string &addr, uint32_t queue_limit = 1 << 20)
     {
-        rt_config c;
-        c.instance = "ap-test-7", c.server_address = addr, c.server_queue_limit = queue_limit;
-        c.mgt_mac = std::array<uint8_t, 6>{0x02, 0x11, 0x22, 0x33, 0x44, 0x55}, c.mgt_ip = htonl(0x7f000105);
+        rt_config c = base(addr);
+        c.server_queue_limit = queue_limit;
         rt_cfg_set(c);
     }
     // Accepts the channel's next connection and checks that it opens with HELLO.
@@ -439,7 +446,6 @@ struct tls_peer {
 
 class SrvChanTls : public SrvChan {
 protected:
-    rt_scratch dir;
     test_ca ca{dir.dir, "site"};
     std::string srv = ca.issue("srv", "location server", "DNS:srv.site.test");
 
@@ -453,13 +459,6 @@ protected:
         if (!client.empty())
             c.server_cert_file = client + ".crt", c.server_key_file = client + ".key";
         rt_cfg_set(c);
-    }
-    rt_config base(const std::string &addr)
-    {
-        rt_config c = rt_test_config(dir, "ap-test-7");
-        c.server_address = addr;
-        c.mgt_mac = std::array<uint8_t, 6>{0x02, 0x11, 0x22, 0x33, 0x44, 0x55}, c.mgt_ip = htonl(0x7f000105);
-        return c;
     }
     bool logged(const std::string &line)
     {

@@ -47,6 +47,12 @@ struct listener {
     }
     ~listener() { close(fd); }
     std::string address() const { return "127.0.0.1:" + std::to_string(port); }
+    // The channel's next connection, -1 when none came within 3 s.
+    int take() const
+    {
+        pollfd p{fd, POLLIN, 0};
+        return poll(&p, 1, 3000) > 0 ? accept4(fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    }
 };
 
 struct frame {
@@ -67,18 +73,6 @@ template <typename R> bool read_frame_by(R read_n, frame &f)
 bool read_frame(int fd, frame &f, int timeout_ms = 3000)
 {
     return read_frame_by([&](uint8_t *b, size_t n) { return rt_read_n(fd, b, n, timeout_ms); }, f);
-}
-
-// True when the peer closes within the time (data before the close is skipped).
-bool sees_close(int fd, int timeout_ms = 3000)
-{
-    uint8_t buf[4096];
-    for (auto end = clk::now() + ms(timeout_ms); clk::now() < end;) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 50) > 0 && recv(fd, buf, sizeof buf, 0) <= 0)
-            return true;
-    }
-    return false;
 }
 
 void send_all(int fd, const bytes &b) { ASSERT_EQ(send(fd, b.data(), b.size(), MSG_NOSIGNAL), ssize_t(b.size())); }
@@ -164,8 +158,7 @@ protected:
     // Accepts the channel's next connection and checks that it opens with HELLO.
     int accept_hello(listener &l, frame *hello = nullptr)
     {
-        pollfd p{l.fd, POLLIN, 0};
-        int c = poll(&p, 1, 3000) > 0 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        int c = l.take();
         frame f;
         EXPECT_TRUE(c >= 0 && read_frame(c, f)) << "the channel did not connect";
         EXPECT_EQ(f.type, SRV_FRAME_HELLO);
@@ -258,7 +251,7 @@ TEST_F(SrvChan, KeepAlivePingsAndGivesUpOnSilentServer)
     EXPECT_GE(pings, 4);
     EXPECT_TRUE(srvchan_connected());
     // A server that stops answering is dropped, and the channel comes back.
-    EXPECT_TRUE(sees_close(c, 2000));
+    EXPECT_TRUE(rt_sees_close(c, 2000));
     close(c);
     close(accept_hello(l));
 }
@@ -316,7 +309,7 @@ TEST_F(SrvChan, MalformedFramesCloseAndReconnect)
                               make_frame(SRV_FRAME_HELLO, bytes(10, 0)), bytes{0, 0, 0, 0}}) {
         int c = accept_hello(l);
         send_all(c, wire);
-        EXPECT_TRUE(sees_close(c)) << wire.size();
+        EXPECT_TRUE(rt_sees_close(c)) << wire.size();
         close(c);
     }
     EXPECT_EQ(counter("srvchan.bad_frames"), bad + 4);
@@ -407,8 +400,7 @@ struct tls_peer {
         SSL_free(ssl), ssl = nullptr;
         if (fd >= 0)
             close(fd);
-        pollfd p{l.fd, POLLIN, 0};
-        fd = poll(&p, 1, 3000) > 0 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        fd = l.take();
         if (fd < 0)
             return ADD_FAILURE() << "the channel did not connect", false;
         timeval tv{3, 0};
@@ -545,8 +537,7 @@ TEST_F(SrvChanTls, PlainServerFailsTheHandshake)
     listener l;
     configure_tls(l);
     srvchan_open();
-    pollfd p{l.fd, POLLIN, 0};
-    int c = poll(&p, 1, 3000) > 0 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    int c = l.take();
     ASSERT_GE(c, 0);
     send_all(c, make_frame(SRV_FRAME_PING, {}));
     EXPECT_TRUE(logged("server channel: TLS handshake with " + l.address() + " failed: "));

@@ -79,14 +79,12 @@ radio = [{name = "wifi0", freq = 2412}, {name = "wifi1", driver = "pcap", access
     EXPECT_TRUE(c.foreground && !c.log_syslog && c.log_stderr);
     EXPECT_EQ(c.mgt_mac, (std::array<uint8_t, 6>{2, 0, 0, 0xaa, 0xbb, 1}));
     EXPECT_EQ(c.mgt_ip, inet_addr("192.0.2.7")); // network order
-    EXPECT_EQ(c.server_queue_limit, 4096u);
     EXPECT_EQ((v{c.server_ca_file, c.server_name, c.server_cert_file, c.server_key_file}), (v{"/c", "s", "/a", "/k"}));
     EXPECT_TRUE(rt_server_tls(c));
-    EXPECT_EQ(c.nb_port, 7500);
     EXPECT_EQ(c.nb_peers, (v{"127.0.0.3", "127.0.0.4"}));
-    EXPECT_EQ(rt_driver_conf<sim_conf>(std::as_const(c), "sim").seed, 42u);
-    EXPECT_EQ(rt_driver_conf<sim_conf>(std::as_const(c), "sim").epoch, 1764000000.5);
-    EXPECT_EQ(c.owners_peer_timeout_ms, 150u);
+    const sim_conf &sim = rt_driver_conf<sim_conf>(std::as_const(c), "sim");
+    EXPECT_EQ(std::tuple(c.server_queue_limit, +c.nb_port, sim.seed, sim.epoch, c.owners_peer_timeout_ms),
+              std::tuple(4096u, 7500, 42u, 1764000000.5, 150u));
     ASSERT_EQ(c.radios.size(), 2u);
     // An unset driver and access default to "sim" and true.
     // Keys of a driver this build lacks wait for the check, which refuses the driver.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 
 #include "rt_config.h"
 #include "rt_test_util.h"
@@ -183,16 +184,12 @@ TEST_F(SimTest, WorldFollowsDistanceIsDeterministicForASeedAndNamesErrors)
 TEST_F(SimTest, SharedEpochSetsTheWorldClock)
 {
     // A walker from (0,10) to (20,10) at 2 m/s, heard without noise from (0,0).
-    std::string world = s.path("w.toml");
-    FILE *f = fopen(world.c_str(), "w");
-    ASSERT_TRUE(f);
-    fputs("model = { ref_rssi = -40, exponent = 3.0, noise = 0.0, floor = -120 }\n"
-          "ap = [ { name = \"ap1\", position = [0, 0], radios = [2412] } ]\n"
-          "station = [ { mac = \"02:00:00:00:00:03\", position = [0, 10], path = [[20, 10]], "
-          "speed = 2.0 } ]\n", f);
-    fclose(f);
     sim_conf sc;
-    sc.world = world;
+    sc.world = s.path("w.toml");
+    std::ofstream(sc.world) << "model = { ref_rssi = -40, exponent = 3.0, noise = 0.0, floor = -120 }\n"
+                               "ap = [ { name = \"ap1\", position = [0, 0], radios = [2412] } ]\n"
+                               "station = [ { mac = \"02:00:00:00:00:03\", position = [0, 10], "
+                               "path = [[20, 10]], speed = 2.0 } ]\n";
     sc.epoch = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() - 4;
     open(1, &sc);
     ASSERT_EQ(rt_driver_sim.set_track_enable(&radios[0], 1), 0);

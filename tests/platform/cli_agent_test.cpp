@@ -1,6 +1,5 @@
-// The CLI agent against a real socket: commands, running configuration, debug switch,
-// status, malformed frames, which get an error reply or a closed connection, and
-// clients that must not lock the others out.
+// The CLI agent against a real socket: requests, refusals, and clients that must not
+// lock the others out.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
@@ -97,9 +96,8 @@ class CliAgent : public ::testing::Test {
     static void TearDownTestSuite() { cli_server_stop(); }
 };
 
-int connect_agent()
+int connect_agent(int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un sa{};
     sa.sun_family = AF_UNIX;
     strncpy(sa.sun_path, g_path.c_str(), sizeof(sa.sun_path) - 1);
@@ -250,16 +248,6 @@ TEST_F(CliAgent, OversizedOrTruncatedFramesCloseTheConnectionOnly)
 }
 
 namespace {
-// Whether the agent closes fd within the time (replies before the close are skipped).
-bool closed_by_agent(int fd, int ms = 5000)
-{
-    uint8_t buf[256];
-    pollfd p{fd, POLLIN, 0};
-    for (ssize_t r = 1; r > 0;)
-        if (poll(&p, 1, ms) <= 0 || (r = read(fd, buf, sizeof buf)) < 0)
-            return false;
-    return true;
-}
 size_t log_lines_with(const std::string &text)
 {
     std::string log = rt_read_file(g_log);
@@ -277,11 +265,11 @@ TEST_F(CliAgent, IdleClientsNeverLockOthersOut)
     for (size_t i = 0; i < k_limits.max_clients; i++)
         idle.push_back(connect_agent());
     EXPECT_EQ(text_of(request(command(100, 0, mac_block(4)))), "neg=0 mac=0011.22aa.bbcc tail=4\n");
-    EXPECT_TRUE(closed_by_agent(idle[0]));
+    EXPECT_TRUE(rt_sees_close(idle[0], 5000));
     // The others go after the idle time.
     uint64_t before = rt_counter("cli.idle_closed");
     for (size_t i = 1; i < idle.size(); i++)
-        EXPECT_TRUE(closed_by_agent(idle[i])) << i;
+        EXPECT_TRUE(rt_sees_close(idle[i], 5000)) << i;
     EXPECT_GE(rt_counter("cli.idle_closed") - before, idle.size() - 1);
     for (int fd : idle)
         close(fd);
@@ -314,10 +302,7 @@ TEST_F(CliAgent, OutOfDescriptorsTheListenerRestsThenServesAgain)
     for (int f; (f = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
         filler.push_back(f);
     uint64_t errors = rt_counter("cli.accept_errors");
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    strncpy(sa.sun_path, g_path.c_str(), sizeof(sa.sun_path) - 1);
-    EXPECT_EQ(connect(waiting, (sockaddr *)&sa, sizeof(sa)), 0);
+    connect_agent(waiting);
     rt_poll_until([&] { return rt_counter("cli.accept_errors") != errors; });
     errors = rt_counter("cli.accept_errors");
     usleep(1000000);

@@ -1,5 +1,4 @@
-// Configuration parsing: every key lands where the runtime reads it, defaults hold
-// for missing keys, and every bad file is refused naming file, line and key.
+// Configuration parsing and checking; errors name file, line and key.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <stdlib.h>
@@ -42,6 +41,19 @@ std::string parse(const std::string &text, rt_config *out = nullptr)
     return ok ? "" : err.empty() ? "(empty error)" : err;
 }
 
+// Parses and checks text; returns the error ("" on success) with the path as "F".
+std::string check(const std::string &text, rt_config *out = nullptr)
+{
+    tmp_file f(text);
+    rt_config c;
+    std::string err;
+    if (!rt_config_parse(f.path, c, err) || !rt_config_check(c, err))
+        return err.replace(0, f.path.size(), "F");
+    if (out)
+        *out = c;
+    return err;
+}
+
 } // namespace
 
 TEST(Config, EveryKeyIsRead)
@@ -67,14 +79,12 @@ radio = [{name = "wifi0", freq = 2412}, {name = "wifi1", driver = "pcap", access
     EXPECT_TRUE(c.foreground && !c.log_syslog && c.log_stderr);
     EXPECT_EQ(c.mgt_mac, (std::array<uint8_t, 6>{2, 0, 0, 0xaa, 0xbb, 1}));
     EXPECT_EQ(c.mgt_ip, inet_addr("192.0.2.7")); // network order
-    EXPECT_EQ(c.server_queue_limit, 4096u);
     EXPECT_EQ((v{c.server_ca_file, c.server_name, c.server_cert_file, c.server_key_file}), (v{"/c", "s", "/a", "/k"}));
     EXPECT_TRUE(rt_server_tls(c));
-    EXPECT_EQ(c.nb_port, 7500);
     EXPECT_EQ(c.nb_peers, (v{"127.0.0.3", "127.0.0.4"}));
-    EXPECT_EQ(rt_driver_conf<sim_conf>(std::as_const(c), "sim").seed, 42u);
-    EXPECT_EQ(rt_driver_conf<sim_conf>(std::as_const(c), "sim").epoch, 1764000000.5);
-    EXPECT_EQ(c.owners_peer_timeout_ms, 150u);
+    const sim_conf &sim = rt_driver_conf<sim_conf>(std::as_const(c), "sim");
+    EXPECT_EQ(std::tuple(c.server_queue_limit, +c.nb_port, sim.seed, sim.epoch, c.owners_peer_timeout_ms),
+              std::tuple(4096u, 7500, 42u, 1764000000.5, 150u));
     ASSERT_EQ(c.radios.size(), 2u);
     // An unset driver and access default to "sim" and true.
     // Keys of a driver this build lacks wait for the check, which refuses the driver.
@@ -82,25 +92,6 @@ radio = [{name = "wifi0", freq = 2412}, {name = "wifi1", driver = "pcap", access
               (v{"wifi0", "sim", "wifi1", "pcap"}));
     EXPECT_TRUE(c.radios[0].access && !c.radios[1].access);
     EXPECT_EQ(rt_radio_conf<sim_radio_conf>(std::as_const(c.radios[0])).freq, 2412);
-}
-
-TEST(Config, MissingKeysGiveDefaults)
-{
-    rt_config c;
-    ASSERT_EQ(parse("", &c), "");
-    EXPECT_EQ(c.instance, "default");
-    EXPECT_TRUE(!c.foreground && c.log_syslog && c.log_file.empty() && !c.log_stderr);
-    EXPECT_EQ(c.mgt_interface, "mgt0");
-    EXPECT_FALSE(c.mgt_mac || c.mgt_ip);
-    EXPECT_TRUE(c.server_address.empty() && c.nb_bind.empty() && c.nb_peers.empty() && c.radios.empty());
-    EXPECT_EQ(c.server_queue_limit, 1u << 20);
-    EXPECT_EQ(c.nb_port, 7421);
-    EXPECT_EQ(c.owners_mode, "auto");
-    EXPECT_EQ(c.owners_peer_timeout_ms, 300u);
-    ASSERT_EQ(parse("instance = \"b\"\n", &c), "");
-    if (geteuid() == 0) {
-        EXPECT_EQ(c.runtime_dir, "/run/qz/b"); // follows the instance
-    }
 }
 
 TEST(Config, ErrorsNameFileLineAndKey)
@@ -157,14 +148,6 @@ TEST(Config, CheckRefusesUnknownDriversAndUnusableKeyFiles)
     std::ofstream(s.path("big")) << std::string(5000, 'k');
     ASSERT_EQ(mkfifo(s.path("fifo").c_str(), 0600), 0);
     ASSERT_EQ(symlink(s.path("good").c_str(), s.path("link").c_str()), 0);
-    auto check = [](const std::string &text) {
-        tmp_file f(text);
-        rt_config c;
-        std::string err;
-        if (!rt_config_parse(f.path, c, err) || !rt_config_check(c, err))
-            return err.replace(0, f.path.size(), "F");
-        return err;
-    };
     const std::pair<std::string, std::string> keys[] = {
         {s.path("good"), ""},
         {s.path("none"), "No such file or directory"},
@@ -194,35 +177,28 @@ TEST(Config, ServerTlsKeysFitTogetherAndTheirFilesLoad)
     std::string ap = ca.issue("ap", "ap1", ""), ap2 = ca.issue("ap2", "ap2", "");
     std::ofstream(s.path("junk")) << "not a certificate\n";
     ASSERT_EQ(mkfifo(s.path("fifo").c_str(), 0600), 0);
-    auto check = [](const std::string &keys, rt_config *out = nullptr) {
-        tmp_file f("[server]\naddress = \"192.0.2.1:7420\"\n" + keys);
-        rt_config c;
-        std::string err;
-        if (!rt_config_parse(f.path, c, err) || !rt_config_check(c, err))
-            return err.replace(0, f.path.size(), "F");
-        if (out)
-            *out = c;
-        return err;
+    auto tls = [](const std::string &keys, rt_config *out = nullptr) {
+        return check("[server]\naddress = \"192.0.2.1:7420\"\n" + keys, out);
     };
     std::string ca_line = "ca_file = \"" + ca.ca_file() + "\"\n";
     auto pair = [](const std::string &cert, const std::string &key) {
         return "cert_file = \"" + cert + ".crt\"\nkey_file = \"" + key + ".key\"\n";
     };
     rt_config c;
-    EXPECT_EQ(check("", &c), "");
+    EXPECT_EQ(tls("", &c), "");
     EXPECT_FALSE(rt_server_tls(c)); // older configurations keep plain TCP
-    EXPECT_EQ(check(ca_line + pair(ap, ap), &c), "");
+    EXPECT_EQ(tls(ca_line + pair(ap, ap), &c), "");
     EXPECT_TRUE(rt_server_tls(c)); // a CA alone asks for TLS
-    EXPECT_EQ(check("tls = true\n"), "F:3: server.tls: needs server.ca_file (the CA that signed the "
+    EXPECT_EQ(tls("tls = true\n"), "F:3: server.tls: needs server.ca_file (the CA that signed the "
                                      "server's certificate)");
-    EXPECT_EQ(check("tls = false\n" + ca_line), "F:4: server.ca_file: not used with server.tls = false");
-    EXPECT_EQ(check(pair(ap, ap)), "F:3: server.cert_file: needs TLS: set server.tls = true and server.ca_file");
-    EXPECT_EQ(check(ca_line + "cert_file = \"" + ap + ".crt\"\n"), "F:4: server.cert_file: needs server.key_file");
-    EXPECT_EQ(check("ca_file = \"" + s.path("junk") + "\"\n"),
+    EXPECT_EQ(tls("tls = false\n" + ca_line), "F:4: server.ca_file: not used with server.tls = false");
+    EXPECT_EQ(tls(pair(ap, ap)), "F:3: server.cert_file: needs TLS: set server.tls = true and server.ca_file");
+    EXPECT_EQ(tls(ca_line + "cert_file = \"" + ap + ".crt\"\n"), "F:4: server.cert_file: needs server.key_file");
+    EXPECT_EQ(tls("ca_file = \"" + s.path("junk") + "\"\n"),
               "F:3: server.ca_file: " + s.path("junk") + ": no PEM certificate in it");
-    EXPECT_EQ(check("ca_file = \"" + s.path("fifo") + "\"\n"),
+    EXPECT_EQ(tls("ca_file = \"" + s.path("fifo") + "\"\n"),
               "F:3: server.ca_file: " + s.path("fifo") + ": not a regular file");
-    EXPECT_EQ(check(ca_line + pair(ap, ap2)),
+    EXPECT_EQ(tls(ca_line + pair(ap, ap2)),
               "F:5: server.key_file: " + ap2 + ".key: the key does not belong to server.cert_file");
 }
 

@@ -1,5 +1,4 @@
-// The LMDB key-value store: records, reopening, limits, and refusal of files that
-// are not our stores.
+// The LMDB key-value store, and refusal of files that are not ours.
 #include <lmdb.h>
 #include <string.h>
 #include <sys/stat.h>

@@ -1,5 +1,4 @@
-// Shared by the store's runtime tests: a private temporary directory with the
-// instance's store_dir unset.
+// A private store directory for the store tests (store_dir unset).
 #pragma once
 #include <gtest/gtest.h>
 

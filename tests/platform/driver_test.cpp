@@ -1,5 +1,4 @@
-// What every radio driver builds on: radio I/O on the runtime's service loop, and the
-// loop's own promises (timers, stale events of removed descriptors).
+// Radio I/O on the runtime's service loop, and the loop's own promises.
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -20,6 +19,14 @@ struct pipe_fd {
     ~pipe_fd() { close(fd[0]), close(fd[1]); }
     void put() { EXPECT_EQ(write(fd[1], "x", 1), 1); }
 };
+
+// Every test runs the loop with a quiet configuration of its own.
+struct quiet : ::testing::Test {
+    rt_scratch s;
+    void SetUp() override { rt_cfg_set(rt_test_config(s)); }
+};
+using RadioIo = quiet;
+using ServiceLoop = quiet;
 
 // Counts and drains one byte per call; removes itself when asked to.
 struct reader {
@@ -44,10 +51,8 @@ struct reader {
 
 } // namespace
 
-TEST(RadioIo, HandlersRunPerReadableDescriptorUntilRemoved)
+TEST_F(RadioIo, HandlersRunPerReadableDescriptorUntilRemoved)
 {
-    rt_scratch s;
-    rt_cfg_set(rt_test_config(s));
     reader a, b;
     ASSERT_EQ(rt_io_add(a.p.fd[0], reader::on_readable, &a), 0);
     EXPECT_LT(rt_io_add(a.p.fd[0], reader::on_readable, &a), 0) << "added twice";
@@ -79,10 +84,8 @@ TEST(RadioIo, HandlersRunPerReadableDescriptorUntilRemoved)
 }
 
 // Close frees what a handler uses: removal waits for a handler that is running.
-TEST(RadioIo, RemovalWaitsForARunningHandler)
+TEST_F(RadioIo, RemovalWaitsForARunningHandler)
 {
-    rt_scratch s;
-    rt_cfg_set(rt_test_config(s));
     pipe_fd p;
     std::atomic<int> state{0}; // 1: handler entered, 2: handler may leave, 3: it left
     auto slow = [](void *arg) {
@@ -107,10 +110,8 @@ TEST(RadioIo, RemovalWaitsForARunningHandler)
 
 // A timer fires once per arming, never when disarmed, and a re-arm replaces the
 // deadline; an idle loop does not turn.
-TEST(ServiceLoop, TimersFireOncePerArmingAndAnIdleLoopSleeps)
+TEST_F(ServiceLoop, TimersFireOncePerArmingAndAnIdleLoopSleeps)
 {
-    rt_scratch s;
-    rt_cfg_set(rt_test_config(s));
     std::atomic<int> fired{0};
     auto count = [](void *arg, uint32_t) { ++*static_cast<std::atomic<int> *>(arg); };
     int t = rt_loop_timer_open(count, &fired);
@@ -159,10 +160,8 @@ struct swap_pair {
 
 } // namespace
 
-TEST(ServiceLoop, AnEventOfARemovedDescriptorNeverReachesItsSuccessor)
+TEST_F(ServiceLoop, AnEventOfARemovedDescriptorNeverReachesItsSuccessor)
 {
-    rt_scratch s;
-    rt_cfg_set(rt_test_config(s));
     swap_pair sp;
     // A gate handler holds the loop while both pipes become readable, so that the
     // next wait returns both events in one batch.

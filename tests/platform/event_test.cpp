@@ -1,5 +1,4 @@
-// The event library: deliveries in posting order with their true lengths on the
-// event thread, send taps, events.sock injection and subscription, readiness.
+// The event library, events.sock and the service manager's notifications.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <poll.h>

@@ -1,5 +1,4 @@
-// The shipped example configuration: the runtime accepts it, and ltrd started from it
-// by the systemd unit stays in the foreground and finds a driver for every radio.
+// The shipped example configuration is accepted and starts every radio's driver.
 #include <gtest/gtest.h>
 
 #include "rt.h"

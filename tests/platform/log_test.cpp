@@ -1,5 +1,4 @@
-// Log and debug output: the one formatter through every entry into the log file,
-// line prefixes, hex dumps, rate limiting, and the debug category registry.
+// Log, debug and journal output.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <sys/socket.h>

@@ -96,16 +96,10 @@ TEST(NbrEnvelope, LayoutTagChecksAndRefusals)
         return nbr_unseal(cut.data(), cut.size(), key, &o);
     };
     EXPECT_EQ(unseal(plain, ""), NBR_OK);
-    EXPECT_EQ(o.from.sender, ip4("10.1.2.3"));
-    EXPECT_EQ(o.from.epoch, 0x0102030405060708u);
-    EXPECT_EQ(o.from.counter, 0x1112131415161718u);
-    EXPECT_FALSE(o.tagged);
-    EXPECT_EQ(o.plen, 3u);
+    EXPECT_EQ(std::tuple(o.from.sender, o.from.epoch, o.from.counter, o.tagged, o.plen),
+              std::tuple(ip4("10.1.2.3"), 0x0102030405060708u, 0x1112131415161718u, false, size_t(3)));
     EXPECT_EQ(unseal(tagged, "k1"), NBR_OK);
-    EXPECT_TRUE(o.tagged);
-    EXPECT_EQ(o.module, 52);
-    EXPECT_EQ(o.off, H);
-    EXPECT_EQ(o.plen, 5u);
+    EXPECT_EQ(std::tuple(o.tagged, +o.module, size_t(o.off), size_t(o.plen)), std::tuple(true, 52, H, size_t(5)));
     EXPECT_EQ(unseal(tagged, "k2"), NBR_BAD_TAG);
     EXPECT_EQ(unseal(plain, "k1"), NBR_UNTAGGED);
     EXPECT_EQ(unseal(tagged, ""), NBR_OK) << "a receiver without a key strips the tag";

@@ -1,6 +1,4 @@
-// rtnetlink: link changes of configured radios become kernel event 19 with the
-// platform's flags word; address changes of the management interface event 280.
-// Runs in a network namespace of its own with ifb interfaces.
+// rtnetlink in a network namespace of its own: radio links and management addresses.
 #include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <net/if.h>

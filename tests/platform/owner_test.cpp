@@ -1,5 +1,4 @@
-// The owner service: associated here, associated at a live peer, rendezvous agreement
-// among the access points that hear a station, batching of queries.
+// The owner service: local association, live peers, rendezvous, batching.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -85,10 +84,7 @@ struct ap {
             std::lock_guard g(mu);
             for (size_t i = base; i < got.size(); i++)
                 if (std::all_of(macs.begin(), macs.end(), [&](const mac_t &m) { return got[i].count(m); }))
-                {
-                    out = got[i];
-                    return true;
-                }
+                    return out = got[i], true;
             return false;
         };
         EXPECT_TRUE(rt_poll_until(names_all));

@@ -104,9 +104,7 @@ struct PcapTest : ::testing::Test {
     {
         write_pcap(s.path("c.pcap"), mixed_capture());
         ASSERT_EQ(open(name, s.path("c.pcap"), ignore_local), 0);
-        for (int i = 0; i < 500 && !pcap_radio_done(&r); i++)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        ASSERT_TRUE(pcap_radio_done(&r));
+        ASSERT_TRUE(rt_poll_until([&] { return pcap_radio_done(&r); }, 5000));
         ASSERT_EQ(rt_driver_pcap.set_track_enable(&r, 1), 0);
         ASSERT_EQ(rt_driver_pcap.set_lmatch(&r, 0), 0);
     }
@@ -186,8 +184,7 @@ TEST_F(PcapTest, OpenRefusesBadSourcesAndCloseEndsAWaitingReplay)
     // Real time, a day between two frames: close must not wait for the second.
     write_pcap(s.path("slow.pcap"), {probe(k_s1, -40), probe(k_s1, -41)}, 127, 86400);
     ASSERT_EQ(open("wlan6", s.path("slow.pcap"), false, 1), 0);
-    for (int i = 0; i < 500 && counter("frames_read") == 0; i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    rt_poll_until([&] { return counter("frames_read") != 0; }, 5000);
     EXPECT_EQ(counter("frames_read"), 1u);
     rt_driver_pcap.close(&r);
     opened = false;
@@ -204,8 +201,7 @@ TEST_F(PcapTest, OpenRefusesBadSourcesAndCloseEndsAWaitingReplay)
     });
     ASSERT_EQ(open("wlan5", s.path("fifo"), false, 1), 0);
     writer.join();
-    for (int i = 0; i < 500 && counter("frames_read") == 0; i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    rt_poll_until([&] { return counter("frames_read") != 0; }, 5000);
     EXPECT_EQ(counter("frames_read"), 1u);
     rt_driver_pcap.close(&r);
     opened = false;

@@ -70,3 +70,16 @@ inline bool rt_read_n(int fd, uint8_t *p, size_t n, int timeout_ms = 5000)
             return false;
     return true;
 }
+
+// True when the peer closes within the time (data before the close is skipped).
+inline bool rt_sees_close(int fd, int timeout_ms = 3000)
+{
+    uint8_t buf[4096];
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+         std::chrono::steady_clock::now() < end;) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 50) > 0 && recv(fd, buf, sizeof buf, 0) <= 0)
+            return true;
+    }
+    return false;
+}

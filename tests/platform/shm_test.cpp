@@ -1,5 +1,4 @@
-// Shared memory: a segment per instance and key that keeps its content across
-// detach and re-attach (a daemon restart), and starts zero-filled.
+// Shared memory per instance and key, kept across a restart.
 #include <gtest/gtest.h>
 #include <sys/shm.h>
 

@@ -1,6 +1,4 @@
-// Server channel against a real listener on loopback: HELLO, framing both ways,
-// keep-alive, reconnect, the bounded queue, refusal of malformed frames, the
-// bounds a flooding server meets, and the same over TLS with certificates made here.
+// Server channel against a real listener on loopback, plain and over TLS.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -49,6 +47,12 @@ struct listener {
     }
     ~listener() { close(fd); }
     std::string address() const { return "127.0.0.1:" + std::to_string(port); }
+    // The channel's next connection, -1 when none came within 3 s.
+    int take() const
+    {
+        pollfd p{fd, POLLIN, 0};
+        return poll(&p, 1, 3000) > 0 ? accept4(fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    }
 };
 
 struct frame {
@@ -56,26 +60,19 @@ struct frame {
     bytes payload;
 };
 
-bool read_frame(int fd, frame &f, int timeout_ms = 3000)
+// One frame through read_n(buf, n), over TCP or TLS alike.
+template <typename R> bool read_frame_by(R read_n, frame &f)
 {
     uint8_t h[5];
-    if (!rt_read_n(fd, h, 5, timeout_ms))
+    if (!read_n(h, 5))
         return false;
     f.type = h[4];
     f.payload.assign((uint32_t(h[0]) << 24 | uint32_t(h[1]) << 16 | uint32_t(h[2]) << 8 | h[3]) - 1, 0);
-    return rt_read_n(fd, f.payload.data(), f.payload.size(), timeout_ms);
+    return read_n(f.payload.data(), f.payload.size());
 }
-
-// True when the peer closes within the time (data before the close is skipped).
-bool sees_close(int fd, int timeout_ms = 3000)
+bool read_frame(int fd, frame &f, int timeout_ms = 3000)
 {
-    uint8_t buf[4096];
-    for (auto end = clk::now() + ms(timeout_ms); clk::now() < end;) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 50) > 0 && recv(fd, buf, sizeof buf, 0) <= 0)
-            return true;
-    }
-    return false;
+    return read_frame_by([&](uint8_t *b, size_t n) { return rt_read_n(fd, b, n, timeout_ms); }, f);
 }
 
 void send_all(int fd, const bytes &b) { ASSERT_EQ(send(fd, b.data(), b.size(), MSG_NOSIGNAL), ssize_t(b.size())); }
@@ -144,18 +141,24 @@ protected:
             t.ping_idle_ms = ping_idle, t.dead_ms = dead;
         srvchan_set_timing(t);
     }
+    rt_scratch dir;
+    rt_config base(const std::string &addr)
+    {
+        rt_config c = rt_test_config(dir, "ap-test-7");
+        c.server_address = addr;
+        c.mgt_mac = std::array<uint8_t, 6>{0x02, 0x11, 0x22, 0x33, 0x44, 0x55}, c.mgt_ip = htonl(0x7f000105);
+        return c;
+    }
     void configure(const std::string &addr, uint32_t queue_limit = 1 << 20)
     {
-        rt_config c;
-        c.instance = "ap-test-7", c.server_address = addr, c.server_queue_limit = queue_limit;
-        c.mgt_mac = std::array<uint8_t, 6>{0x02, 0x11, 0x22, 0x33, 0x44, 0x55}, c.mgt_ip = htonl(0x7f000105);
+        rt_config c = base(addr);
+        c.server_queue_limit = queue_limit;
         rt_cfg_set(c);
     }
     // Accepts the channel's next connection and checks that it opens with HELLO.
     int accept_hello(listener &l, frame *hello = nullptr)
     {
-        pollfd p{l.fd, POLLIN, 0};
-        int c = poll(&p, 1, 3000) > 0 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        int c = l.take();
         frame f;
         EXPECT_TRUE(c >= 0 && read_frame(c, f)) << "the channel did not connect";
         EXPECT_EQ(f.type, SRV_FRAME_HELLO);
@@ -248,7 +251,7 @@ TEST_F(SrvChan, KeepAlivePingsAndGivesUpOnSilentServer)
     EXPECT_GE(pings, 4);
     EXPECT_TRUE(srvchan_connected());
     // A server that stops answering is dropped, and the channel comes back.
-    EXPECT_TRUE(sees_close(c, 2000));
+    EXPECT_TRUE(rt_sees_close(c, 2000));
     close(c);
     close(accept_hello(l));
 }
@@ -306,7 +309,7 @@ TEST_F(SrvChan, MalformedFramesCloseAndReconnect)
                               make_frame(SRV_FRAME_HELLO, bytes(10, 0)), bytes{0, 0, 0, 0}}) {
         int c = accept_hello(l);
         send_all(c, wire);
-        EXPECT_TRUE(sees_close(c)) << wire.size();
+        EXPECT_TRUE(rt_sees_close(c)) << wire.size();
         close(c);
     }
     EXPECT_EQ(counter("srvchan.bad_frames"), bad + 4);
@@ -397,8 +400,7 @@ struct tls_peer {
         SSL_free(ssl), ssl = nullptr;
         if (fd >= 0)
             close(fd);
-        pollfd p{l.fd, POLLIN, 0};
-        fd = poll(&p, 1, 3000) > 0 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        fd = l.take();
         if (fd < 0)
             return ADD_FAILURE() << "the channel did not connect", false;
         timeval tv{3, 0};
@@ -429,19 +431,13 @@ struct tls_peer {
     }
     bool read_frame(frame &f)
     {
-        uint8_t h[5];
-        if (!read_n(h, 5))
-            return false;
-        f.type = h[4];
-        f.payload.assign((uint32_t(h[0]) << 24 | uint32_t(h[1]) << 16 | uint32_t(h[2]) << 8 | h[3]) - 1, 0);
-        return read_n(f.payload.data(), f.payload.size());
+        return read_frame_by([this](uint8_t *b, size_t n) { return read_n(b, n); }, f);
     }
     void send(const bytes &b) { ASSERT_EQ(SSL_write(ssl, b.data(), int(b.size())), int(b.size())); }
 };
 
 class SrvChanTls : public SrvChan {
 protected:
-    rt_scratch dir;
     test_ca ca{dir.dir, "site"};
     std::string srv = ca.issue("srv", "location server", "DNS:srv.site.test");
 
@@ -455,13 +451,6 @@ protected:
         if (!client.empty())
             c.server_cert_file = client + ".crt", c.server_key_file = client + ".key";
         rt_cfg_set(c);
-    }
-    rt_config base(const std::string &addr)
-    {
-        rt_config c = rt_test_config(dir, "ap-test-7");
-        c.server_address = addr;
-        c.mgt_mac = std::array<uint8_t, 6>{0x02, 0x11, 0x22, 0x33, 0x44, 0x55}, c.mgt_ip = htonl(0x7f000105);
-        return c;
     }
     bool logged(const std::string &line)
     {
@@ -548,8 +537,7 @@ TEST_F(SrvChanTls, PlainServerFailsTheHandshake)
     listener l;
     configure_tls(l);
     srvchan_open();
-    pollfd p{l.fd, POLLIN, 0};
-    int c = poll(&p, 1, 3000) > 0 ? accept4(l.fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    int c = l.take();
     ASSERT_GE(c, 0);
     send_all(c, make_frame(SRV_FRAME_PING, {}));
     EXPECT_TRUE(logged("server channel: TLS handshake with " + l.address() + " failed: "));

@@ -1,5 +1,4 @@
-// Certificates made by the tests: a CA and the certificates it signs (EC P-256,
-// SHA-256), written as PEM files, with validity and names chosen per case.
+// Certificates made by the tests: a CA and what it signs, as PEM files.
 #pragma once
 #include <stdio.h>
 

@@ -1,6 +1,4 @@
-// Threads and stopping: created threads leave SIGTERM/SIGINT to the signal thread,
-// scheduling requests degrade gracefully, and a signal turns into a stop request; and
-// the process's allocator gives large buffers back.
+// Threads, stop signals and the allocator's return of large buffers.
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>

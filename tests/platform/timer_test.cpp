@@ -1,5 +1,4 @@
-// The timer service: one-shot expiries on the timer thread, re-arming, stopping, and
-// deletion while an expiry is pending or running.
+// The timer service, including deletion while an expiry is pending or running.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
